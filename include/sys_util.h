@@ -1,0 +1,166 @@
+/* System utilities: memory, threads, queues, locks, traces and assertion reports.
+ *
+ * A record is set up once, by its _init operation, at the place where it is used: it holds pointers
+ * to itself and is neither copied nor moved. Only the fields named here are the user's business;
+ * those under "machinery" belong to the library. */
+#pragma once
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <stddef.h>
+
+#include "sys_types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define SYS_RET_SUCCESS 1
+#define SYS_WAIT_FOREVER 0xFFFFFFFFu
+
+#if defined(__GNUC__)
+#define SYS_PRINTF_CHECKED(format_arg, first_arg)                                                  \
+    __attribute__((format(printf, format_arg, first_arg)))
+#else
+#define SYS_PRINTF_CHECKED(format_arg, first_arg)
+#endif
+
+typedef unsigned long THREADID;
+#define NULLTHREADID 0ul
+
+/* A mutex. */
+typedef pthread_mutex_t THREADLOCK;
+
+/* A short critical section. */
+typedef struct SYS_CSECT {
+    ULONG code;
+    pthread_mutex_t cs;
+} SYS_CSECT;
+
+/* A counting semaphore. */
+typedef struct THREADSEM {
+    ULONG code;
+    sem_t sem;
+} THREADSEM;
+
+/* The link that makes a record an item of an intrusive queue. An item is on at most one queue. */
+typedef struct LINK {
+    struct LINK *forw;
+    struct LINK *back;
+    struct LINK *qp; /* the owning queue's link; NULL while free */
+    ULONG code;
+    SYS_CSECT *csp;
+} LINK;
+
+/* An intrusive queue; its operations are atomic with respect to each other. */
+typedef struct QUEUE {
+    LINK link; /* the list head */
+    ULONG id;
+    ULONG count;
+    SYS_CSECT *csp;
+    SYS_CSECT cs; /* machinery */
+} QUEUE;
+
+/* A queue whose readers wait for items. */
+typedef struct BLOCKQ {
+    QUEUE itemq;
+    THREADSEM sem;
+    SYS_CSECT *csp;
+    ULONG code;
+    ULONG id;
+} BLOCKQ;
+
+/* A lock that is held for a few instructions only. */
+typedef struct THREADSPINL {
+    ULONG code;
+    ULONG id;
+    int depth;
+    ULONG cur_id;
+    ULONG ch_id;
+    THREADID tid; /* the owner */
+    struct THREADSPINL *child;
+    SYS_CSECT cs;
+    SYS_CSECT *csp;
+    ULONG state; /* machinery */
+} THREADSPINL;
+
+/* Sets the library up once; cheap afterwards. 1 on success. */
+int Sys_util_init(void);
+
+/* Memory -------------------------------------------------------------------------------------- */
+
+/* An uninitialised block of `size` bytes, aligned for any object, accounted under `tag` (0 to 255),
+ * or NULL when memory is exhausted. A size of 0 gives a block too. */
+void *Sys_malloc(size_t size, unsigned int tag);
+
+/* Releases a block of Sys_malloc; NULL does nothing. Any thread may release any block. */
+void Sys_free(void *ptr);
+
+/* Threads ------------------------------------------------------------------------------------- */
+
+/* Runs `pfunc(parg)` on a new detached thread. 0: not started. */
+THREADID Thread_fork(void *(*pfunc)(void *), void *parg);
+
+/* Ends the calling thread. */
+void Thread_end(void);
+
+THREADID Thread_myid(void);
+void Thread_sleep(unsigned int duration_ms);
+
+/* The calling thread's data pointer, NULL until it is set. 1 on success. */
+int Thread_datap_set(void *pdata);
+void *Thread_datap_get(void);
+
+/* Processors that this process may run on; at least 1. */
+unsigned int Sys_get_num_lprocs(void);
+unsigned int Sys_get_pid(void);
+
+/* Queues -------------------------------------------------------------------------------------- */
+
+void Link_init(LINK *plink);
+BOOLEAN Link_inuse(LINK *plink);
+
+void Queue_init(QUEUE *pq, unsigned int id);
+void Queue_enq(QUEUE *pq, LINK *plink); /* at the tail */
+LINK *Queue_deq(QUEUE *pq);             /* from the head; NULL when empty */
+
+void Blockq_init(BLOCKQ *pbq, unsigned int id);
+void Blockq_enq(BLOCKQ *pbq, LINK *plink); /* at the tail; wakes one waiting reader */
+
+/* The item at the head; waits up to `timeout_ms` milliseconds for one, SYS_WAIT_FOREVER without
+ * limit. NULL when the time is over. */
+LINK *Blockq_deq(BLOCKQ *pbq, unsigned int timeout_ms);
+
+/* Locks --------------------------------------------------------------------------------------- */
+
+void Lock_init(THREADLOCK *plock);
+
+/* 1 when the mutex is held, 0 when `timeout_ms` (SYS_WAIT_FOREVER: no limit) passed first. */
+int Lock_enter(THREADLOCK *plock, unsigned int timeout_ms);
+
+/* 1 when released. */
+int Lock_exit(THREADLOCK *plock);
+
+void Spinlock_init(THREADSPINL *pslock, unsigned int id, unsigned int options);
+void Spinlock_enter(THREADSPINL *pslock);
+void Spinlock_exit(THREADSPINL *pslock);
+
+/* The one critical section of the process, for once-only flags. */
+void Enter_cs(void);
+void Exit_cs(void);
+
+/* Traces and assertion reports ---------------------------------------------------------------- */
+
+/* Below 0: no trace lines. A caller tests it before it computes a line's arguments. It starts from
+ * the environment variable SYS_TRACE_LEVEL (-1 when that is not set). */
+extern int sys_trace_level;
+
+/* Writes one trace line, whatever the level. */
+void Sys_trace_int(const char *format, ...) SYS_PRINTF_CHECKED(1, 2);
+
+/* Reports a failed internal condition and returns; see sysapp.h. */
+void Sys_log_assert(const char *file, int line, const char *expression);
+
+#ifdef __cplusplus
+}
+#endif

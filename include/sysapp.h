@@ -1,0 +1,35 @@
+/* What these system utilities give a program beyond sys_util.h: memory accounts, the trace's
+ * destination and the count of assertion reports. All operations may be called from any thread. */
+#pragma once
+
+#include <stddef.h>
+
+#include "sys_types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Live blocks of one memory tag, and the bytes that their callers asked for. */
+typedef struct SYS_MEM_USE {
+    size_t blocks;
+    size_t bytes;
+} SYS_MEM_USE;
+
+/* The memory now allocated under `tag` (0 to 255). Exact when no thread is allocating; otherwise a
+ * value of some moment during the call. */
+SYS_MEM_USE Sys_get_mem_use(unsigned int tag);
+
+/* Sends trace lines to `pfunc` (NULL: to standard error again) instead. `line` ends with a newline
+ * and is valid during the call; `pfunc` may be called by several threads at once. Assertion reports
+ * go to standard error all the same. */
+typedef void (*SYS_TRACE_FUNC)(const char *line);
+void Sys_set_trace_func(SYS_TRACE_FUNC pfunc);
+
+/* How many failed internal conditions were reported since the process started. With the environment
+ * variable SYS_ASSERT_ABORT=1 the first one stops the process. */
+size_t Sys_get_assert_count(void);
+
+#ifdef __cplusplus
+}
+#endif
