@@ -4,6 +4,15 @@
 #pragma once
 
 #include "common/records.h"
+#include "util.h"
+
+// The longest time-out that the module gives an object, in minutes.
+inline constexpr unsigned int OMRAPMI_MAX_OBJ_TIMEOUT_M = 0xFFFF;
+
+// The time-out in seconds of an object that belongs to an invocation: a minute more than its own.
+inline unsigned int Omrapmi_obj_timeout_s(unsigned int invoke_timeout_s) {
+    return invoke_timeout_s > 0xFFFFFFFFu - 60 ? 0xFFFFFFFFu : invoke_timeout_s + 60;
+}
 
 // Reads the object into a new buffer (tag 0xD2) that the caller releases with Sys_free; NULL and 0
 // for an empty object. A missing object is traced only when `log_not_exist` is TRUE.
