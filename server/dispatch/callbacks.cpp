@@ -9,15 +9,15 @@
 #include "dispatch/descriptors.h"
 
 // Makes the memory block of a merge request: room for its one exception.
-static int allocate_merge_block(OMRAPMI_IDSC *pidsc) {
+static BOOLEAN allocate_merge_block(OMRAPMI_IDSC *pidsc) {
     pidsc->pfree0 = Sys_malloc(sizeof(OMRAPMI_EXCEPTION), OMRAPMI_TAG_REQUEST);
     pidsc->user_exceptions.plist = static_cast<OMRAPMI_EXCEPTION *>(pidsc->pfree0);
-    return pidsc->pfree0 != NULL ? OMRALIB_RET_SUCCESS : OMRAPMI_ERR_NO_OBJECT_MEMORY;
+    return pidsc->pfree0 != NULL;
 }
 
 // Makes the memory block of a request with keys: keys, slots, work pointers and exceptions, one of
 // each a key, as four arrays one after the other.
-static int allocate_eval_block(OMRAPMI_IDSC *pidsc, size_t num_keys) {
+static BOOLEAN allocate_eval_block(OMRAPMI_IDSC *pidsc, size_t num_keys) {
     static_assert(sizeof(OMRA_OBJKEY) % alignof(OMRAPMI_SDSC) == 0 &&
                       sizeof(OMRAPMI_SDSC) % alignof(OMRAPMI_WDSC *) == 0 &&
                       sizeof(OMRAPMI_WDSC *) % alignof(OMRAPMI_EXCEPTION) == 0,
@@ -26,7 +26,7 @@ static int allocate_eval_block(OMRAPMI_IDSC *pidsc, size_t num_keys) {
                            sizeof(OMRAPMI_EXCEPTION);
     char *pblock = static_cast<char *>(Sys_malloc(num_keys * key_len, OMRAPMI_TAG_REQUEST));
     if (pblock == NULL) {
-        return OMRAPMI_ERR_NO_OBJECT_MEMORY;
+        return FALSE;
     }
     pidsc->pfree0 = pblock;
     pidsc->pdata_key_list = reinterpret_cast<OMRA_OBJKEY *>(pblock);
@@ -34,7 +34,7 @@ static int allocate_eval_block(OMRAPMI_IDSC *pidsc, size_t num_keys) {
     pidsc->ppwdsc_list = reinterpret_cast<OMRAPMI_WDSC **>(pidsc->psdsc_list + num_keys);
     pidsc->user_exceptions.plist =
         reinterpret_cast<OMRAPMI_EXCEPTION *>(pidsc->ppwdsc_list + num_keys);
-    return OMRALIB_RET_SUCCESS;
+    return TRUE;
 }
 
 int Omrapmi_invoke_ext_cb(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams) {
@@ -58,21 +58,21 @@ int Omrapmi_invoke_ext_cb(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams) {
     }
     pidsc->params = *pparams;
 
-    int ret;
+    BOOLEAN has_block;
     if (merge_request) {
         OMRAPMI_ASSERT(num_keys == 0);
-        ret = allocate_merge_block(pidsc);
+        has_block = allocate_merge_block(pidsc);
     } else {
         OMRAPMI_ASSERT(num_keys > 0);
-        ret = allocate_eval_block(pidsc, num_keys);
+        has_block = allocate_eval_block(pidsc, num_keys);
     }
-    if (ret != OMRALIB_RET_SUCCESS) {
+    if (!has_block) {
         OMRAPMI_TRACE("Tr [pmi-ic 1]\n");
         Omrapmi_free_idsc(pidsc);
         return OMRALIB_INVOKE_NO_MEMORY;
     }
     if (!merge_request) {
-        ret = Omralib_get_invoke_keys(pparams->context, pidsc->pdata_key_list, num_keys);
+        const int ret = Omralib_get_invoke_keys(pparams->context, pidsc->pdata_key_list, num_keys);
         if (ret != OMRALIB_RET_SUCCESS) {
             OMRAPMI_TRACE("Tr [pmi-ic 2] %d\n", ret);
             Sys_free(pidsc->pfree0);

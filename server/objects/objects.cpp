@@ -6,8 +6,6 @@
 // that another holder has.
 #include "objects/objects.h"
 
-#include <string.h>
-
 #include "common/trace.h"
 
 int Omrapmi_read_get_obj(OMRALIB_HANDLE hdl, const OMRA_OBJKEY *pkey, BOOLEAN log_not_exist,
