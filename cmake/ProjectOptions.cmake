@@ -1,12 +1,20 @@
-# pmi_options(TARGET...): the warnings and sanitizers that all of the project's own code is built with.
+# How the project's own code is compiled: warnings for each target that asks for them, sanitizers for
+# everything at once.
+
+# pmi_options(TARGET...): the warnings that all of the project's own code is built with.
 function(pmi_options)
     foreach(target IN LISTS ARGN)
         target_compile_options(${target} PRIVATE
             -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
-        if(PMI_SANITIZE)
-            target_compile_options(${target} PRIVATE
-                -fsanitize=${PMI_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
-            target_link_options(${target} PRIVATE -fsanitize=${PMI_SANITIZE})
-        endif()
     endforeach()
 endfunction()
+
+# A sanitizer works only when every object file, shared library and program has it, plug-ins and
+# targets without pmi_options included; hence for the whole directory tree instead of by target.
+if(PMI_SANITIZE)
+    add_compile_options(-fsanitize=${PMI_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${PMI_SANITIZE})
+endif()
+
+# Debug builds check the standard library's own preconditions (indexes, empty containers) as well.
+add_compile_definitions($<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
