@@ -90,10 +90,13 @@ int Sys_util_init(void);
 /* Memory -------------------------------------------------------------------------------------- */
 
 /* An uninitialised block of `size` bytes, aligned for any object, accounted under `tag` (0 to 255),
- * or NULL when memory is exhausted. A size of 0 gives a block too. */
+ * or NULL when memory is exhausted. A size of 0 gives a block too. Any other tag is reported as a
+ * failed condition and gives NULL. */
 void *Sys_malloc(size_t size, unsigned int tag);
 
-/* Releases a block of Sys_malloc; NULL does nothing. Any thread may release any block. */
+/* Releases a block of Sys_malloc; NULL does nothing. Any thread may release any block. A block whose
+ * header is damaged, or which shows that it was released before, is reported as a failed condition
+ * and not touched. */
 void Sys_free(void *ptr);
 
 /* Threads ------------------------------------------------------------------------------------- */
@@ -121,8 +124,10 @@ void Link_init(LINK *plink);
 BOOLEAN Link_inuse(LINK *plink);
 
 void Queue_init(QUEUE *pq, unsigned int id);
-void Queue_enq(QUEUE *pq, LINK *plink); /* at the tail */
-LINK *Queue_deq(QUEUE *pq);             /* from the head; NULL when empty */
+/* Appends at the tail. A link that is on a queue is reported as a failed condition and stays where it
+ * is; the same holds for Blockq_enq. */
+void Queue_enq(QUEUE *pq, LINK *plink);
+LINK *Queue_deq(QUEUE *pq); /* from the head; NULL when empty */
 
 void Blockq_init(BLOCKQ *pbq, unsigned int id);
 void Blockq_enq(BLOCKQ *pbq, LINK *plink); /* at the tail; wakes one waiting reader */
@@ -135,12 +140,15 @@ LINK *Blockq_deq(BLOCKQ *pbq, unsigned int timeout_ms);
 
 void Lock_init(THREADLOCK *plock);
 
-/* 1 when the mutex is held, 0 when `timeout_ms` (SYS_WAIT_FOREVER: no limit) passed first. */
+/* 1 when the mutex is held, 0 when `timeout_ms` (SYS_WAIT_FOREVER: no limit) passed first or the
+ * calling thread holds it already. */
 int Lock_enter(THREADLOCK *plock, unsigned int timeout_ms);
 
-/* 1 when released. */
+/* 1 when released, 0 when the calling thread does not hold it. */
 int Lock_exit(THREADLOCK *plock);
 
+/* Not recursive: its owner entering it once more, and its release by another thread, are reported as
+ * failed conditions. The former is counted and needs one exit more, the latter does nothing. */
 void Spinlock_init(THREADSPINL *pslock, unsigned int id, unsigned int options);
 void Spinlock_enter(THREADSPINL *pslock);
 void Spinlock_exit(THREADSPINL *pslock);
@@ -152,7 +160,8 @@ void Exit_cs(void);
 /* Traces and assertion reports ---------------------------------------------------------------- */
 
 /* Below 0: no trace lines. A caller tests it before it computes a line's arguments. It starts from
- * the environment variable SYS_TRACE_LEVEL (-1 when that is not set). */
+ * the environment variable SYS_TRACE_LEVEL (-1 when that is not set or no whole number, the latter
+ * reported on standard error), read when the library is loaded. */
 extern int sys_trace_level;
 
 /* Writes one trace line, whatever the level. */

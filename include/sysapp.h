@@ -16,8 +16,9 @@ typedef struct SYS_MEM_USE {
     size_t bytes;
 } SYS_MEM_USE;
 
-/* The memory now allocated under `tag` (0 to 255). Exact when no thread is allocating; otherwise a
- * value of some moment during the call. */
+/* The memory now allocated under `tag` (0 to 255; any other is reported as a failed condition and
+ * has none). Exact when no thread is allocating or releasing; otherwise it may miss some of the
+ * allocations and releases made during the call. */
 SYS_MEM_USE Sys_get_mem_use(unsigned int tag);
 
 /* Sends trace lines to `pfunc` (NULL: to standard error again) instead. `line` ends with a newline
@@ -27,7 +28,7 @@ typedef void (*SYS_TRACE_FUNC)(const char *line);
 void Sys_set_trace_func(SYS_TRACE_FUNC pfunc);
 
 /* How many failed internal conditions were reported since the process started. With the environment
- * variable SYS_ASSERT_ABORT=1 the first one stops the process. */
+ * variable SYS_ASSERT_ABORT=1, read when the library is loaded, the first one stops the process. */
 size_t Sys_get_assert_count(void);
 
 #ifdef __cplusplus

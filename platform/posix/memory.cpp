@@ -1,0 +1,73 @@
+// Memory blocks: Sys_malloc and Sys_free.
+//
+// A block of the C library carries a header in front of the bytes that the caller gets: its size
+// and its tag, for the accounts, and a mark computed from both. The mark is the last thing before
+// the caller's bytes, so that writing in front of a block hits it first. A block whose mark is
+// wrong is reported and left alone: losing it is better than handing damaged memory to the C
+// library.
+//
+// Counting is left to accounts.cpp; writing past a block's end is left to AddressSanitizer.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+#include "accounts.h"
+#include "check.h"
+#include "exported.h"
+
+namespace {
+
+struct alignas(std::max_align_t) BlockHeader {
+    std::size_t size;
+    std::uint32_t tag;
+    std::uint32_t mark;
+};
+
+constexpr std::uint32_t kLive = 0xA10CB10C;
+constexpr std::uint32_t kReleased = 0xDEADB10C;
+
+// No object can be larger than what the difference of two pointers can express.
+constexpr std::size_t kMaxSize = PTRDIFF_MAX - sizeof(BlockHeader);
+
+std::uint32_t mark_of(const BlockHeader &header) {
+    const auto size = static_cast<std::uint64_t>(header.size);
+    return kLive ^ header.tag ^ static_cast<std::uint32_t>(size) ^
+           static_cast<std::uint32_t>(size >> 32);
+}
+
+bool block_is_live(const BlockHeader &header) {
+    return header.mark == mark_of(header);
+}
+
+// The store looks useless to a compiler, since the block is given back next; but the C library does
+// not always overwrite the header, and then it is what shows a second release.
+void mark_released(BlockHeader &header) {
+    volatile std::uint32_t &mark = header.mark;
+    mark = kReleased;
+}
+
+} // namespace
+
+void *Sys_malloc(size_t size, unsigned int tag) {
+    if (!SYS_CHECK(tag < sysutil::kMemTags) || size > kMaxSize)
+        return nullptr;
+    auto *header = static_cast<BlockHeader *>(std::malloc(sizeof(BlockHeader) + size));
+    if (header == nullptr)
+        return nullptr;
+    header->size = size;
+    header->tag = tag;
+    header->mark = mark_of(*header);
+    sysutil::account_block(tag, size);
+    return header + 1;
+}
+
+void Sys_free(void *ptr) {
+    if (ptr == nullptr)
+        return;
+    BlockHeader *header = static_cast<BlockHeader *>(ptr) - 1;
+    if (!SYS_CHECK(block_is_live(*header)))
+        return;
+    sysutil::account_release(header->tag, header->size);
+    mark_released(*header);
+    std::free(header);
+}

@@ -1,0 +1,129 @@
+// Mutexes, spin locks and the critical section of the process.
+#include <atomic>
+#include <functional>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support.h"
+#include "sys_util.h"
+#include "sysapp.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+void expect_exclusion(const std::function<void()> &enter, const std::function<void()> &exit) {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 3000;
+    int counter = 0;
+    std::vector<std::thread> threads;
+    threads.reserve(kThreads);
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                enter();
+                ++counter;
+                exit();
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(counter, kThreads * kRounds);
+}
+
+TEST(Lock, EachKindLetsOneThreadIn) {
+    THREADLOCK lock;
+    Lock_init(&lock);
+    expect_exclusion([&] { EXPECT_EQ(Lock_enter(&lock, SYS_WAIT_FOREVER), 1); },
+                     [&] { EXPECT_EQ(Lock_exit(&lock), 1); });
+    expect_exclusion([&] { EXPECT_EQ(Lock_enter(&lock, 3'600'000), 1); },
+                     [&] { EXPECT_EQ(Lock_exit(&lock), 1); });
+    THREADSPINL spinlock;
+    Spinlock_init(&spinlock, 0x515, 0);
+    expect_exclusion([&] { Spinlock_enter(&spinlock); }, [&] { Spinlock_exit(&spinlock); });
+    expect_exclusion(Enter_cs, Exit_cs);
+    EXPECT_EQ(Sys_get_assert_count(), 0u);
+}
+
+TEST(Lock, TimeOutIsHonoured) {
+    THREADLOCK lock;
+    Lock_init(&lock);
+    std::latch held(1);
+    std::latch release(1);
+    std::thread holder([&] {
+        EXPECT_EQ(Lock_enter(&lock, 0), 1);
+        held.count_down();
+        release.wait();
+        EXPECT_EQ(Lock_exit(&lock), 1);
+    });
+    held.wait();
+    EXPECT_EQ(Lock_enter(&lock, 0), 0);
+    EXPECT_GE(duration_of([&] { EXPECT_EQ(Lock_enter(&lock, 30), 0); }), 30ms);
+    release.count_down();
+    EXPECT_EQ(Lock_enter(&lock, 3'600'000), 1);
+    EXPECT_EQ(Lock_exit(&lock), 1);
+    holder.join();
+}
+
+TEST(Lock, MisuseIsAnsweredWithZero) {
+    if (kSanitized)
+        GTEST_SKIP() << "the sanitizer reports it first";
+    THREADLOCK lock;
+    Lock_init(&lock);
+    EXPECT_EQ(Lock_exit(&lock), 0);
+    EXPECT_EQ(Lock_enter(&lock, SYS_WAIT_FOREVER), 1);
+    EXPECT_EQ(Lock_enter(&lock, SYS_WAIT_FOREVER), 0);
+    std::thread([&] { EXPECT_EQ(Lock_exit(&lock), 0); }).join();
+    EXPECT_EQ(Lock_exit(&lock), 1);
+}
+
+TEST(Spinlock, WaitersSleepWhileTheHolderIsAwayAndAllGetIt) {
+    constexpr int kWaiters = 3;
+    THREADSPINL lock;
+    Spinlock_init(&lock, 0x517, 0);
+    Spinlock_enter(&lock);
+    EXPECT_EQ(lock.tid, Thread_myid());
+    EXPECT_EQ(lock.depth, 1);
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < kWaiters; ++i) {
+        std::atomic<pid_t> tid{0};
+        waiters.emplace_back([&lock, &tid] {
+            tid = gettid();
+            Spinlock_enter(&lock);
+            Spinlock_exit(&lock);
+        });
+        while (tid == 0)
+            std::this_thread::yield();
+        await_asleep(tid);
+    }
+    Spinlock_exit(&lock);
+    for (std::thread &waiter : waiters)
+        waiter.join();
+    EXPECT_EQ(lock.tid, NULLTHREADID);
+    EXPECT_EQ(lock.depth, 0);
+}
+
+TEST(Spinlock, MisuseIsReportedAndTheLockStaysSound) {
+    THREADSPINL lock;
+    Spinlock_init(&lock, 1, 0);
+    Spinlock_exit(&lock);
+    EXPECT_EQ(Sys_get_assert_count(), 1u) << "released while free";
+    Spinlock_enter(&lock);
+    Spinlock_enter(&lock);
+    EXPECT_EQ(Sys_get_assert_count(), 2u) << "entered twice";
+    std::thread([&] { Spinlock_exit(&lock); }).join();
+    EXPECT_EQ(Sys_get_assert_count(), 3u) << "released by another thread";
+    Spinlock_exit(&lock);
+    EXPECT_EQ(lock.tid, Thread_myid()) << "entered twice and released once";
+    Spinlock_exit(&lock);
+    std::thread([&] {
+        Spinlock_enter(&lock);
+        Spinlock_exit(&lock);
+    }).join();
+    EXPECT_EQ(Sys_get_assert_count(), 3u);
+}
+
+} // namespace

@@ -1,0 +1,74 @@
+// Threads and processors.
+#include <semaphore>
+
+#include <sched.h>
+
+#include <gtest/gtest.h>
+
+#include "sys_util.h"
+
+namespace {
+
+struct Seen {
+    std::binary_semaphore done{0};
+    THREADID id = NULLTHREADID;
+    void *data_at_start = nullptr;
+    void *data_after_set = nullptr;
+    bool ran_on = false;
+};
+
+void *look_around(void *arg) {
+    auto *seen = static_cast<Seen *>(arg);
+    seen->id = Thread_myid();
+    seen->data_at_start = Thread_datap_get();
+    EXPECT_EQ(Thread_datap_set(seen), 1);
+    seen->data_after_set = Thread_datap_get();
+    // Released by a destructor: ending a thread leaves nothing behind.
+    const struct Announce {
+        Seen *seen;
+        ~Announce() { seen->done.release(); }
+    } announce{seen};
+    Thread_end();
+    seen->ran_on = true;
+    return nullptr;
+}
+
+TEST(Thread, RunsWithItsOwnIdAndData) {
+    EXPECT_EQ(Sys_util_init(), 1);
+    EXPECT_EQ(Sys_util_init(), 1);
+    int own_data = 0;
+    EXPECT_EQ(Thread_datap_get(), nullptr);
+    EXPECT_EQ(Thread_datap_set(&own_data), 1);
+    Seen seen;
+    const THREADID id = Thread_fork(look_around, &seen);
+    ASSERT_NE(id, NULLTHREADID);
+    seen.done.acquire();
+    EXPECT_EQ(seen.id, id);
+    EXPECT_NE(seen.id, Thread_myid());
+    EXPECT_EQ(seen.data_at_start, nullptr);
+    EXPECT_EQ(seen.data_after_set, &seen);
+    EXPECT_FALSE(seen.ran_on);
+    EXPECT_EQ(Thread_datap_get(), &own_data);
+}
+
+TEST(Thread, ForkFailsWithZero) {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    // No address space holds this stack.
+    ASSERT_EQ(pthread_attr_setstacksize(&attr, size_t{1} << 47), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&attr), 0);
+    EXPECT_EQ(Thread_fork([](void *arg) { return arg; }, nullptr), NULLTHREADID);
+    pthread_attr_destroy(&attr);
+}
+
+TEST(Thread, ProcessorsAreThoseOfTheAffinityMask) {
+    const unsigned int num_lprocs = Sys_get_num_lprocs();
+    EXPECT_GE(num_lprocs, 1u);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
+    EXPECT_EQ(Sys_get_num_lprocs(), 1u);
+}
+
+} // namespace
