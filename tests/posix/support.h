@@ -2,6 +2,7 @@
 // outside.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <string>
@@ -16,17 +17,16 @@ inline constexpr bool kSanitized = true;
 inline constexpr bool kSanitized = false;
 #endif
 
-// Returns once the kernel shows the thread `tid` (of gettid) of this process asleep.
-inline void await_asleep(pid_t tid) {
-    const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
-    for (;;) {
-        std::ifstream file(path);
+// Returns once the kernel shows a thread of this process asleep. The thread sets `tid`, 0 before,
+// to what gettid gives.
+inline void await_asleep(const std::atomic<pid_t> &tid) {
+    for (;; std::this_thread::yield()) {
+        std::ifstream file("/proc/self/task/" + std::to_string(tid) + "/stat");
         std::string stat;
         std::getline(file, stat);
         const auto name_end = stat.rfind(") ");
         if (name_end != std::string::npos && stat.at(name_end + 2) == 'S')
             return;
-        std::this_thread::yield();
     }
 }
 
