@@ -1,0 +1,60 @@
+// The input as objects of the store: their keys, names and indexes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "inputs.h"
+#include "options.h"
+#include "pmicli.h"
+#include "storapp.h"
+
+namespace pmi_cli {
+
+// The app id of the program's objects and functions. The store is this process's own.
+inline constexpr unsigned int kAppId = 1;
+
+// Throws RunError when `status` is not success: "`what`: NAME (number): text".
+void check_status(int status, const std::string &what);
+
+// An open handle of the store. Throws RunError when there is none.
+class StoreHandle {
+public:
+    StoreHandle();
+    StoreHandle(const StoreHandle &) = delete;
+    StoreHandle &operator=(const StoreHandle &) = delete;
+    ~StoreHandle();
+    OMRALIB_HANDLE get() const { return handle_; }
+
+private:
+    OMRALIB_HANDLE handle_;
+};
+
+// The loaded objects. A key holds its object's number, most significant byte first, so that keys
+// sorted by their bytes stand in the order of the input.
+class Objects {
+public:
+    std::size_t size() const { return names_.size(); }
+
+    // Stores a piece of input. Throws RunError.
+    void store(const StoreHandle &handle, const Piece &piece, const std::vector<IndexText> &fields);
+
+    // An object's number, size() for a key of no object.
+    std::size_t number(const OMRA_OBJKEY &key) const;
+    // An object's name, NULL for a key of no object. Valid as long as this record.
+    const char *name(const OMRA_OBJKEY &key) const;
+
+private:
+    std::vector<std::string> names_; // by number
+};
+
+// Loads every input of `options`. Throws UsageError and RunError.
+Objects load_objects(const StoreHandle &handle, const Options &options);
+
+// The query that the --index options ask for. Throws UsageError for a value that no object can have
+// and for an index that nothing fills.
+OMRAPMI_QUERY_SPEC make_query(const Options &options);
+
+} // namespace pmi_cli
