@@ -1,0 +1,67 @@
+// Runs the pmi program in a folder of the test's own and catches what it prints.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+struct Ran {
+    int status; // exit code, 128 and the number for a signal
+    std::string out;
+    std::string err;
+};
+
+class ProgramTest : public testing::Test {
+protected:
+    ProgramTest() {
+        std::string name = testing::TempDir() + "pmi_XXXXXX";
+        folder_ = mkdtemp(name.data());
+        std::filesystem::current_path(folder_);
+    }
+    ~ProgramTest() override {
+        std::filesystem::current_path("/");
+        std::filesystem::remove_all(folder_);
+    }
+
+    static std::string plugin(const std::string &name) {
+        return std::string(PMI_TEST_PLUGINS "/") + name + ".so";
+    }
+    static std::string example(const std::string &name) {
+        return std::string(PMI_EXAMPLES "/") + name + ".so";
+    }
+
+    static void write(const std::string &path, std::string_view content) {
+        const auto parent = std::filesystem::path(path).parent_path();
+        if (!parent.empty()) {
+            std::filesystem::create_directories(parent);
+        }
+        std::ofstream(path, std::ios::binary) << content;
+    }
+    static std::string read(const std::string &path) {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    // Runs a line of shell in which "pmi" is the program.
+    static Ran shell(const std::string &line) {
+        const std::string script = "pmi() { " PMI_PROGRAM " \"$@\"; }\n" + line;
+        write("script.sh", script);
+        const int status = std::system("sh ./script.sh >out.txt 2>err.txt </dev/null");
+        Ran ran{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), read("out.txt"),
+                read("err.txt")};
+        for (const char *path : {"script.sh", "out.txt", "err.txt"}) {
+            std::filesystem::remove(path);
+        }
+        return ran;
+    }
+    static Ran pmi(const std::string &arguments) { return shell("pmi " + arguments); }
+
+private:
+    std::string folder_;
+};

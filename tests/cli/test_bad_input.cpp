@@ -1,0 +1,130 @@
+// Everything a user can get wrong: the message names the value and what is allowed, nothing goes to
+// standard output, and the exit code is 2.
+#include <gmock/gmock.h>
+
+#include "program.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class BadInput : public ProgramTest {
+protected:
+    BadInput() { write("in.txt", "a\n"); }
+
+    template <class... Parts>
+    static void expect_refused(const std::string &arguments, const Parts &...parts) {
+        const Ran ran = pmi(arguments);
+        EXPECT_EQ(ran.status, 2) << arguments;
+        EXPECT_EQ(ran.out, "") << arguments;
+        EXPECT_THAT(ran.err, AllOf(StartsWith("pmi: "), EndsWith("\n"), HasSubstr(parts)...));
+    }
+    template <class... Parts>
+    static void expect_run_refused(const std::string &arguments, const Parts &...parts) {
+        expect_refused("run " + plugin("plain") + " " + arguments, parts...);
+    }
+};
+
+TEST_F(BadInput, usage) {
+    expect_refused("", "subcommand");
+    expect_refused("walk", "'walk'", "run and functions");
+    expect_refused("run", "PLUGIN");
+    expect_run_refused("", "INPUT is missing");
+    expect_run_refused("in.txt --colour", "--colour");
+    expect_run_refused("in.txt --split words", "--split", "paragraphs,lines");
+    expect_run_refused("in.txt --any", "--index");
+    expect_run_refused("in.txt --json --raw", "--json", "--raw");
+    expect_run_refused("in.txt --params a --params-file in.txt", "--params-file");
+    EXPECT_EQ(pmi("--help").status, 0);
+    EXPECT_EQ(pmi("run --help").status, 0);
+    EXPECT_THAT(pmi("--version").out, StartsWith("pmi "));
+}
+
+TEST_F(BadInput, numbers) {
+    for (const std::string option : {"--threads", "--timeout"}) {
+        for (const std::string value : {"0", "-1", "x", "''", "1.5", "4294967296"}) {
+            expect_run_refused("in.txt " + option + " " + value, option,
+                               "is not a number from 1 to");
+        }
+    }
+    expect_run_refused("in.txt --exceptions many", "'many' is not a number from 0 to");
+}
+
+TEST_F(BadInput, indexes) {
+    for (const std::string option : {"--index", "--index-from"}) {
+        expect_run_refused("in.txt " + option + " 8=a", option + " 8=a", "allowed are 0 to 7");
+        expect_run_refused("in.txt " + option + " -1=a", option + " -1=a", "allowed are 0 to 7");
+        expect_run_refused("in.txt " + option + " x=a", option + " x=a", "allowed are 0 to 7");
+        expect_run_refused("in.txt " + option + " 1", option + " 1", "expected N=");
+    }
+    const std::string paragraphs = "in.txt --split paragraphs --index-from 0=A ";
+    expect_run_refused(paragraphs + "--index-from 0=B", "0=B", "filled from a field already");
+    expect_run_refused(paragraphs + "--index-from 1=", "name is missing");
+    expect_run_refused(paragraphs + "--index 1=a", "nothing fills index 1");
+    expect_run_refused(paragraphs + "--index 0=" + std::string(33, 'a'), "33 bytes", "up to 32");
+    expect_run_refused("in.txt --index-from 0=A", "--split paragraphs");
+    expect_run_refused("in.txt --index 2=a", "0 (extension) and 1 (size)");
+    expect_run_refused("in.txt --index 1=a", "'a' is not a number of bytes");
+    std::string nine = "in.txt";
+    for (int i = 0; i < 9; ++i) {
+        nine += " --index 0=a";
+    }
+    expect_run_refused(nine, "9 times", "8 times are allowed");
+    expect_run_refused("--eval once --index 0=a", "'once'");
+}
+
+TEST_F(BadInput, parametersThatAreTooLongOrMissing) {
+    write("huge", "");
+    std::filesystem::resize_file("huge", 5'000'000'000u); // takes no space
+    expect_run_refused("in.txt --params-file huge", "'huge'", "5000000000 bytes", "allowed are");
+    expect_run_refused("in.txt --params-file none", "'none'", "No such file");
+    expect_run_refused("huge", "'huge'", "5000000000 bytes");
+}
+
+TEST_F(BadInput, unreadableOrEmptyInput) {
+    write("empty", "");
+    write("blank", "\n \n");
+    std::filesystem::create_directory("folder");
+    expect_run_refused("none", "'none'", "No such file");
+    expect_run_refused("in.txt /proc/self/mem", "'/proc/self/mem'", "Input/output error");
+    expect_run_refused("empty", "'empty' is empty");
+    expect_run_refused("folder", "'folder' is empty");
+    expect_run_refused("blank --split paragraphs", "'blank' is empty");
+    expect_run_refused("-", "'-' is empty");
+}
+
+TEST_F(BadInput, unknownPlugins) {
+    expect_refused("run none.so in.txt", "'none.so'", "No such file");
+    expect_refused("functions ./", "not a regular file");
+    expect_refused("functions in.txt", "'in.txt'", "cannot be loaded");
+    expect_refused("run libm.so.6 in.txt", "'libm.so.6'", "No such file"); // no search
+    std::filesystem::copy_file(plugin("plain"), "here.so");
+    EXPECT_EQ(pmi("functions here.so").status, 0);
+    std::filesystem::permissions("here.so", std::filesystem::perms::others_write,
+                                 std::filesystem::perm_options::add);
+    expect_refused("functions here.so", "'here.so'", "everybody may write", "mode 07");
+}
+
+TEST_F(BadInput, unknownFunctions) {
+    expect_run_refused("in.txt --eval none", "no eval function 'none'", "length, once, park");
+    expect_run_refused("in.txt --eval sum", "no eval function 'sum'");
+    expect_run_refused("in.txt --merge none", "no merge function 'none'", "sum, refuse");
+    expect_refused("run " + plugin("NO_MERGE") + " in.txt", "it has no merge function");
+}
+
+TEST_F(BadInput, faultyPlugins) {
+    const auto expect = [](const std::string &fault, const auto &...parts) {
+        expect_refused("functions " + plugin(fault), parts...);
+    };
+    expect("SAME_ID", "'first' and 'second'", "same id 5");
+    expect("SAME_NAME", "5 and 6", "same name 'first'");
+    expect("ID_64", "'second' has id 64", "0 to 63");
+    expect("NOTHING", "registers no function");
+    expect("OTHER_VERSION", "version 99");
+    expect("NULL_FUNCTION", "'second' is NULL");
+}
+
+} // namespace
