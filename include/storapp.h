@@ -8,6 +8,10 @@
 extern "C" {
 #endif
 
+/* In the place of an app id where objects are counted, listed or selected by an invocation: all
+ * ordinary app ids, which are those up to 0x0FFFFFFF. */
+#define OMRALIB_ALL_APP_IDS 0xFFFFFFFFu
+
 /* The value of one of an object's indexes. An object has at most one value for each index; strings
  * are stored from the first byte on and zero-padded, numbers little-endian. */
 typedef struct OMRA_OBJ_INDEX {
@@ -31,12 +35,14 @@ int Omralib_replace_obj(OMRALIB_HANDLE hdl, const void *pdata, unsigned int data
                         unsigned int timeout_m, const OMRA_OBJ_INDEX *pindexes,
                         unsigned int num_indexes, OMRA_OBJKEY key);
 
-/* Writes the number of objects of `app_id` to `*pcount_out`. */
+/* Writes the number of objects of `app_id`, which may be OMRALIB_ALL_APP_IDS, to `*pcount_out`. */
 int Omralib_count_objs(OMRALIB_HANDLE hdl, unsigned int app_id, ULONGLONG *pcount_out);
 
-/* Calls `pfunc` with the key of every object of `app_id`, in key order, until it returns non-zero.
- * The keys are those of one moment; objects may have gone since. `pfunc` runs on the calling thread
- * with no lock held and may use the store, but not `hdl`. */
+/* Calls `pfunc` with the key of every object of `app_id`, which may be OMRALIB_ALL_APP_IDS, in key
+ * order, until it returns non-zero. Key order goes by the fields as they stand in the record; an id
+ * counts as two numbers, u64_comp[0] first. Listing renews no time-out. The keys are those of one
+ * moment; objects may have gone since. `pfunc` runs on the calling thread with no lock held and may
+ * use the store, but not `hdl`. */
 typedef int (*OMRALIB_KEY_FUNC)(const OMRA_OBJKEY *pkey, void *parg);
 int Omralib_list_objs(OMRALIB_HANDLE hdl, unsigned int app_id, OMRALIB_KEY_FUNC pfunc, void *parg);
 

@@ -1,0 +1,24 @@
+#include "embedded/record.h"
+
+#include <cstring>
+#include <new>
+#include <type_traits>
+
+namespace store {
+
+static_assert(std::is_trivially_destructible_v<Record>, "the last reference destroys nothing");
+
+Record::Record(const Key &its_key, std::uint32_t its_timeout_m, Bytes bytes)
+    : Content(static_cast<std::uint32_t>(bytes.size()), sizeof(Record)), timeout_m(its_timeout_m),
+      key(its_key) {
+    if (!bytes.empty()) {
+        std::memcpy(writable_bytes(), bytes.data(), bytes.size());
+    }
+}
+
+RecordRef make_record(const Key &key, std::uint32_t timeout_m, Bytes bytes) {
+    void *block = ::operator new(sizeof(Record) + bytes.size());
+    return RecordRef::adopt(new (block) Record(key, timeout_m, bytes));
+}
+
+} // namespace store

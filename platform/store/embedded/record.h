@@ -1,0 +1,37 @@
+/* One stored object of the embedded engine: its key, what the store knows of it, and its bytes, in
+ * one block. A reader's reference keeps the block; only key and bytes are for readers. */
+#pragma once
+
+#include <cstdint>
+
+#include "clock.h"
+#include "content.h"
+#include "engine.h"
+
+namespace store {
+
+struct IndexEntry;
+
+struct Record : Content {
+    std::uint32_t timeout_m; /* constant once stored */
+    const Key key;
+
+    /* Guarded by the lock of the record's shard. */
+    Millis expires_at = never;     /* moves with every renewal */
+    Millis queued_at = never;      /* the place in the expiry queue; at most expires_at */
+    IndexEntry *entries = nullptr; /* owned while the record is stored; see object_index.h */
+    int ticket = 0;                /* of the lock, 0 when unlocked */
+    std::uint8_t num_entries = 0;
+
+    Record(const Key &its_key, std::uint32_t its_timeout_m, Bytes bytes);
+
+    Millis lifetime() const { return timeout_m * millis_per_minute; }
+};
+
+static_assert(sizeof(Record) == 88, "every object costs this much beside its bytes");
+
+using RecordRef = Ref<Record>;
+
+RecordRef make_record(const Key &key, std::uint32_t timeout_m, Bytes bytes);
+
+} // namespace store

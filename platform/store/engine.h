@@ -1,0 +1,187 @@
+/* The seam: everything that the store needs from something that keeps objects and reaches hosts.
+ *
+ * The rooms above it (client, server, query, invocation) know an engine only through this header.
+ * They assume neither that two hosts share memory nor that a call is cheap, so an engine may answer
+ * from this process's memory (embedded/) or over a network.
+ *
+ * Two directions cross the seam. Downwards, the store calls Engine. Upwards, the engine calls a
+ * RequestReceiver on the host that a request was sent to, and a ReplySink on the host that sent it:
+ *
+ *   invocation --Engine::send-->  [engine]  --RequestReceiver::receive-->  server --> callback
+ *   invocation <--ReplySink::on_reply-- [engine] <--Engine::reply--------- server <-- completion
+ *
+ * Conventions:
+ *  1. A Status is OMRALIB_RET_SUCCESS or a negative code of storlib.h.
+ *  2. Keys are plain and not null. Engines are called by many threads at once.
+ *  3. After a failure outputs are untouched and the objects are as they were.
+ *  4. std::bad_alloc may leave any operation that stores or lists; rule 3 holds for it too. */
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "clock.h"
+#include "content.h"
+#include "keys.h"
+
+namespace store {
+
+using Status = int;
+using HostId = std::uint32_t;
+using RequestId = std::uint64_t; /* unique among the requests of one sending host, never 0 */
+
+using Bytes = std::span<const std::byte>;
+
+/* What an object is made of, besides its key. */
+struct ObjectSpec {
+    Bytes bytes;
+    std::uint32_t timeout_m = 0;            /* minutes after its last use; 0: none */
+    std::span<const OMRA_OBJ_INDEX> values; /* of its indexes; each index at most once */
+};
+
+/* One condition on an object's indexes. */
+struct Term {
+    std::uint16_t index = 0;
+    bool negated = false; /* matches the objects whose index is not the value, or that have none */
+    OMRA_INDEX_VALUE value{};
+};
+
+/* Which objects: those of an app id, or of all ordinary ones, that match the terms. */
+struct Selection {
+    std::uint32_t app_id = 0; /* OMRALIB_ALL_APP_IDS: all ordinary ones */
+    bool match_all = true;    /* every term must match; else one is enough */
+    std::vector<Term> terms;  /* none: every object */
+};
+
+/* What is stored now. */
+struct Totals {
+    std::uint64_t num_objects = 0;
+    std::uint64_t num_bytes = 0;
+};
+
+/* The keys that one host is to evaluate. */
+struct Share {
+    HostId host = 0;
+    std::vector<Key> keys;
+};
+
+/* One request to one host. `params` is what the host's callback gets, but for the context, by which
+ * the host knows the request. */
+struct Request {
+    RequestId id = 0;
+    HostId sender = 0;
+    std::uint32_t event_app_id = 0; /* whose workers handle it */
+    OMRALIB_INVOKE_PARAMS params{};
+    std::vector<Key> keys;
+};
+
+struct Reply {
+    enum class Kind { completed, refused, host_gone };
+
+    RequestId request = 0;
+    HostId to = 0; /* the sender of the request */
+    Kind kind = Kind::completed;
+    int refusal = 0; /* what the callback answered */
+    std::uint32_t num_successful = 0;
+    std::uint32_t num_failed = 0;
+};
+
+/* On the host that a request was sent to. Called on threads of the engine's choice. */
+class RequestReceiver {
+public:
+    virtual ~RequestReceiver() = default;
+
+    /* Takes the request; Engine::reply follows, once, perhaps before this returns. */
+    virtual void receive(std::shared_ptr<const Request> request) = 0;
+
+    /* The sender wants no reply to this request any more. */
+    virtual void withdraw(HostId sender, RequestId request) = 0;
+};
+
+/* On the host that sent a request. Called on threads of the engine's choice. */
+class ReplySink {
+public:
+    virtual ~ReplySink() = default;
+
+    /* Success when the reply counts; OMRALIB_ERR_BAD_ARGS when nobody waits for it any more. */
+    virtual Status on_reply(const Reply &reply) = 0;
+};
+
+class Engine {
+public:
+    Engine() = default;
+    Engine(const Engine &) = delete;
+    Engine &operator=(const Engine &) = delete;
+    virtual ~Engine() = default;
+
+    /* Names where requests and replies for this host go. Called once, before anything else. */
+    virtual void attach(RequestReceiver &receiver, ReplySink &sink) = 0;
+
+    /* Objects ---------------------------------------------------------------------------------- */
+
+    /* OMRALIB_ERR_OBJ_EXISTS when the key is taken. */
+    virtual Status create(const Key &key, const ObjectSpec &spec) = 0;
+
+    /* `renew` is false for a use that leaves the object's time-out running. */
+    virtual Status read(const Key &key, bool renew, ContentRef &content_out) = 0;
+
+    /* Reads and locks. A positive ticket, unlike that of any other lock of this object, or a code:
+     * OMRALIB_ERR_OBJ_LOCKED while it is locked. */
+    virtual int read_and_lock(const Key &key, bool renew, ContentRef &content_out) = 0;
+
+    /* New bytes under the lock `ticket`, which ends on success if `unlock`. OMRALIB_ERR_LOCK_LOST
+     * when the object is there but that lock is not. */
+    virtual Status update(const Key &key, int ticket, bool unlock, bool renew, Bytes bytes) = 0;
+    virtual Status unlock(const Key &key, int ticket) = 0;
+
+    /* Everything of an existing object at once. OMRALIB_ERR_OBJ_LOCKED while it is locked. */
+    virtual Status replace(const Key &key, const ObjectSpec &spec) = 0;
+
+    /* Removes the object, locked or not; its lock is gone with it. */
+    virtual Status remove(const Key &key) = 0;
+
+    /* Success or OMRALIB_ERR_OBJ_NOT_FOUND; not a use of the object. */
+    virtual Status exists(const Key &key) = 0;
+
+    /* Sets of objects -------------------------------------------------------------------------- */
+
+    /* The keys of the selected objects, in key order; not a use of them. */
+    virtual Status find(const Selection &selection, std::vector<Key> &keys_out) = 0;
+
+    virtual Status count(std::uint32_t app_id, std::uint64_t &count_out) = 0;
+    virtual Totals totals() = 0;
+
+    /* Names and hosts -------------------------------------------------------------------------- */
+
+    /* Binds a name to an app id for all hosts. OMRALIB_ERR_NAME_REGISTERED when it is bound. */
+    virtual Status bind_name(std::string_view name, std::uint32_t &app_id_out) = 0;
+
+    virtual HostId this_host() const = 0;
+
+    /* Tells the other hosts that this one handles requests of `app_id`, or no longer does. */
+    virtual void announce(std::uint32_t app_id, bool serving) = 0;
+
+    /* The hosts that handle requests of `app_id`, and those that handle any. */
+    virtual std::vector<HostId> hosts_serving(std::uint32_t app_id) = 0;
+    virtual std::vector<HostId> hosts_serving_any() = 0;
+
+    /* Divides keys among `hosts` (at least one), near their objects if it can. Key order stays
+     * within a share; no share is empty. */
+    virtual std::vector<Share> share_out(std::vector<Key> keys, std::span<const HostId> hosts) = 0;
+
+    /* Hands a request to a host. What becomes of it comes to the ReplySink, once, perhaps before
+     * this returns: completed, refused, or host_gone when the host is gone first. */
+    virtual void send(HostId host, std::shared_ptr<const Request> request) = 0;
+
+    /* Tells the host that nobody waits for this request any more. */
+    virtual void withdraw(HostId host, RequestId request) = 0;
+
+    /* Carries the reply to the request's sender; what its ReplySink said, as far as the engine can
+     * know it, else success. */
+    virtual Status reply(const Reply &reply) = 0;
+};
+
+} // namespace store

@@ -1,0 +1,130 @@
+/* Handles: what a handle number stands for, and the rule that one thread at a time uses it.
+ *
+ * A handle number is a slot's index and the slot's generation, so that the number of a closed
+ * handle stays invalid although its slot is used again. Slots live in chunks that are never given
+ * back: looking a number up takes no lock. Taking a handle for a call is one compare-and-swap on
+ * its slot's state, which at once finds closed handles and handles that another call has. */
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "contracts.h"
+#include "engine.h"
+
+namespace store {
+
+using Guid = std::array<char, OMRALIB_GUID_LEN>;
+
+/* A lock taken through a handle and not given back through it. */
+struct HeldLock {
+    Key key;
+    int ticket;
+};
+
+struct alignas(64) HandleSlot {
+    /* Self-synchronised: generation << 2 | busy << 1 | open. */
+    std::atomic<std::uint32_t> state{1u << 2};
+    /* Written by the call that has the handle, read by anyone. */
+    std::atomic<std::uint64_t> num_reads{0};
+
+    /* Of the call that has the handle. */
+    ContentRef pending;
+    std::vector<HeldLock> locks;
+    Guid guid{};
+
+    void count_read() {
+        num_reads.store(num_reads.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+};
+
+class HandleTable {
+public:
+    HandleTable() = default;
+    HandleTable(const HandleTable &) = delete;
+    HandleTable &operator=(const HandleTable &) = delete;
+    ~HandleTable();
+
+    /* OMRALIB_NULL_HANDLE when all slots are open. Throws std::bad_alloc. */
+    OMRALIB_HANDLE open(const Guid &guid);
+
+    /* Frees the slot of a handle that the caller has taken with HandleUse. */
+    void close(OMRALIB_HANDLE hdl, HandleSlot &slot);
+
+    HandleSlot *slot_of(OMRALIB_HANDLE hdl) const {
+        const std::uint32_t index = hdl & index_mask;
+        HandleSlot *chunk = chunks_[index / chunk_slots].load(std::memory_order_acquire);
+        return chunk == nullptr ? nullptr : &chunk[index % chunk_slots];
+    }
+
+    /* Successful reads through all handles, closed ones included. */
+    std::uint64_t num_reads() const;
+
+    static constexpr std::uint32_t open_bit = 1;
+    static constexpr std::uint32_t busy_bit = 2;
+
+    /* The state of the slot of an open handle that nobody is using. */
+    static constexpr std::uint32_t idle_state(OMRALIB_HANDLE hdl) {
+        return (hdl >> index_bits) << 2 | open_bit;
+    }
+
+private:
+    static constexpr std::uint32_t index_bits = 16;
+    static constexpr std::uint32_t index_mask = (1u << index_bits) - 1;
+    static constexpr std::uint32_t chunk_slots = 256;
+    /* The last index stays unused: with the last generation it would be OMRALIB_NULL_HANDLE. */
+    static constexpr std::uint32_t max_slots = index_mask;
+
+    std::uint32_t take_free_index();
+
+    std::array<std::atomic<HandleSlot *>, (1u << index_bits) / chunk_slots> chunks_{};
+
+    std::mutex lock_;
+    std::deque<std::uint32_t>
+        free_; /* guarded by lock_; oldest first, so that numbers come back late */
+    std::atomic<std::uint32_t> num_slots_{0}; /* grows under lock_ */
+};
+
+/* Has a handle for the length of a call. */
+class HandleUse {
+public:
+    HandleUse(const HandleTable &table, OMRALIB_HANDLE hdl) : idle_(HandleTable::idle_state(hdl)) {
+        HandleSlot *slot = table.slot_of(hdl);
+        std::uint32_t seen = idle_;
+        if (slot != nullptr && slot->state.compare_exchange_strong(
+                                   seen, idle_ | HandleTable::busy_bit, std::memory_order_acquire,
+                                   std::memory_order_relaxed)) {
+            slot_ = slot;
+            status_ = OMRALIB_RET_SUCCESS;
+        } else if (slot != nullptr && seen == (idle_ | HandleTable::busy_bit)) {
+            status_ = OMRALIB_ERR_HANDLE_BUSY;
+        }
+    }
+    HandleUse(const HandleUse &) = delete;
+    HandleUse &operator=(const HandleUse &) = delete;
+    ~HandleUse() {
+        if (slot_ != nullptr) {
+            slot_->state.store(idle_, std::memory_order_release);
+        }
+    }
+
+    /* OMRALIB_RET_SUCCESS, OMRALIB_ERR_BAD_HANDLE or OMRALIB_ERR_HANDLE_BUSY. */
+    Status status() const { return status_; }
+    HandleSlot *operator->() const { return slot_; }
+    HandleSlot &slot() const { return *slot_; }
+
+    /* The handle has been closed: its slot is no longer this call's. */
+    void forget() { slot_ = nullptr; }
+
+private:
+    HandleSlot *slot_ = nullptr;
+    std::uint32_t idle_;
+    Status status_ = OMRALIB_ERR_BAD_HANDLE;
+};
+
+} // namespace store

@@ -1,0 +1,193 @@
+#include "server.h"
+
+#include <algorithm>
+
+namespace store {
+
+/* Callbacks and app ids --------------------------------------------------------------------------
+ */
+
+Status Server::set_callback(unsigned int kind, OMRALIB_CB callback) {
+    if (callback.event_cb == nullptr) {
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    switch (kind) {
+    case OMRALIB_CB_EVENT:
+        event_cb_ = callback.event_cb;
+        break;
+    case OMRALIB_CB_INVOKE:
+        invoke_cb_ = callback.invoke_cb;
+        break;
+    case OMRALIB_CB_EVENT_EXT:
+        event_ext_cb_ = callback.event_ext_cb;
+        break;
+    case OMRALIB_CB_INVOKE_EXT:
+        invoke_ext_cb_ = callback.invoke_ext_cb;
+        break;
+    default:
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    return OMRALIB_RET_SUCCESS;
+}
+
+void Server::start(std::uint32_t event_app_id, const Guid &guid) {
+    const std::lock_guard guard(serving_lock_);
+    std::vector<Guid> &guids = serving_[event_app_id];
+    if (std::find(guids.begin(), guids.end(), guid) == guids.end()) {
+        guids.push_back(guid);
+    }
+    engine_.announce(event_app_id, true);
+}
+
+void Server::stop(std::uint32_t event_app_id, const Guid &guid) {
+    const std::lock_guard guard(serving_lock_);
+    const auto found = serving_.find(event_app_id);
+    if (found == serving_.end()) {
+        return;
+    }
+    std::erase(found->second, guid);
+    if (found->second.empty()) {
+        serving_.erase(found);
+        engine_.announce(event_app_id, false);
+    }
+}
+
+/* Who handles a request of `event_app_id` here: the first that started. Whoever handles anything
+ * handles invoke-once requests. */
+std::optional<Guid> Server::guid_for(std::uint32_t event_app_id) {
+    const std::lock_guard guard(serving_lock_);
+    auto found = serving_.find(event_app_id);
+    if (found == serving_.end() && event_app_id == MGTI_APPID_INVOKE_ONCE) {
+        found = serving_.begin();
+    }
+    if (found == serving_.end()) {
+        return std::nullopt;
+    }
+    return found->second.front();
+}
+
+/* Requests ---------------------------------------------------------------------------------------
+ */
+
+std::uint32_t Server::add_context(RequestPtr request) {
+    const std::lock_guard guard(contexts_lock_);
+    do {
+        ++last_context_;
+    } while (last_context_ == 0 || contexts_.contains(last_context_));
+    contexts_.emplace(last_context_, Open{std::move(request)});
+    return last_context_;
+}
+
+/* Ends a context; exactly one of those who try gets it. */
+std::optional<Server::Open> Server::take_context(std::uint32_t context) {
+    const std::lock_guard guard(contexts_lock_);
+    const auto found = contexts_.find(context);
+    if (found == contexts_.end()) {
+        return std::nullopt;
+    }
+    Open open = std::move(found->second);
+    contexts_.erase(found);
+    return open;
+}
+
+/* What the callback answers, or a refusal when there is none to ask. */
+int Server::call_back(const Request &request, std::uint32_t context) {
+    const std::optional<Guid> guid = guid_for(request.event_app_id);
+    const OMRALIB_INVOKE_EXT_CB ext = invoke_ext_cb_;
+    const OMRALIB_INVOKE_CB plain = invoke_cb_;
+    OMRALIB_INVOKE_PARAMS params = request.params;
+    params.context = context;
+    if (guid && ext != nullptr) {
+        return ext(guid->data(), &params);
+    }
+    if (guid && plain != nullptr) {
+        return plain(&params);
+    }
+    return OMRALIB_ERR_NO_HOST;
+}
+
+void Server::receive(RequestPtr request) {
+    const std::uint32_t context = add_context(request);
+    const int answer = call_back(*request, context);
+    /* A request that was completed before the callback returned is past refusing. */
+    if (answer != OMRALIB_INVOKE_ACCEPTED && take_context(context)) {
+        refuse(*request, answer);
+    }
+}
+
+void Server::refuse(const Request &request, int code) {
+    Reply reply;
+    reply.request = request.id;
+    reply.to = request.sender;
+    reply.kind = Reply::Kind::refused;
+    reply.refusal = code;
+    engine_.reply(reply);
+}
+
+void Server::withdraw(HostId sender, RequestId request) {
+    const std::lock_guard guard(contexts_lock_);
+    for (auto &[context, open] : contexts_) {
+        if (open.request->id == request && open.request->sender == sender) {
+            open.withdrawn = true;
+            return;
+        }
+    }
+}
+
+Status Server::get_keys(std::uint32_t context, std::span<Key> keys_out) {
+    RequestPtr request;
+    {
+        const std::lock_guard guard(contexts_lock_);
+        const auto found = contexts_.find(context);
+        if (found == contexts_.end()) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        request = found->second.request;
+    }
+    if (keys_out.size() != request->keys.size()) {
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    std::copy(request->keys.begin(), request->keys.end(), keys_out.begin());
+    return OMRALIB_RET_SUCCESS;
+}
+
+Status Server::complete(std::uint32_t context, std::uint32_t num_successful,
+                        std::uint32_t num_failed) {
+    const std::optional<Open> open = take_context(context);
+    if (!open) {
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    Reply reply;
+    reply.request = open->request->id;
+    reply.to = open->request->sender;
+    reply.num_successful = num_successful;
+    reply.num_failed = num_failed;
+    const Status status = open->withdrawn ? OMRALIB_ERR_BAD_ARGS : engine_.reply(reply);
+    if (status != OMRALIB_RET_SUCCESS) {
+        remove_objects(*open->request);
+    }
+    return status;
+}
+
+Status Server::flush(std::uint32_t context) {
+    const std::optional<Open> open = take_context(context);
+    if (!open) {
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    remove_objects(*open->request);
+    if (open->withdrawn) {
+        return OMRALIB_RET_SUCCESS;
+    }
+    Reply reply;
+    reply.request = open->request->id;
+    reply.to = open->request->sender;
+    reply.num_failed = static_cast<std::uint32_t>(open->request->params.num_keys);
+    return engine_.reply(reply);
+}
+
+void Server::remove_objects(const Request &request) {
+    engine_.remove(request.params.results_key);
+    engine_.remove(request.params.exceptions_key);
+}
+
+} // namespace store

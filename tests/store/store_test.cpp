@@ -1,0 +1,40 @@
+#include "store_test.h"
+
+#include "embedded/embedded_engine.h"
+
+std::vector<EngineParam> all_engines() {
+    return {{"Embedded", [](store::Clock &clock) -> std::unique_ptr<store::Engine> {
+                 return std::make_unique<store::EmbeddedEngine>(clock);
+             }}};
+}
+
+int put_indexed(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, const std::vector<OMRA_OBJ_INDEX> &values,
+                unsigned int timeout_m) {
+    return Omralib_store_indexed_obj(hdl, "x", 1, timeout_m, values.data(),
+                                     static_cast<unsigned int>(values.size()), key);
+}
+
+std::string get(OMRALIB_HANDLE hdl, OMRA_OBJKEY key) {
+    unsigned int len = 0;
+    const int status = Omralib_read_obj(hdl, 0, &len, key);
+    return status == OMRALIB_RET_SUCCESS ? fetch(hdl, len) : "status " + std::to_string(status);
+}
+
+std::string fetch(OMRALIB_HANDLE hdl, unsigned int len) {
+    std::string data(len, '\0');
+    if (len != 0) {
+        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(hdl, data.data(), len));
+    }
+    return data;
+}
+
+int update(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, int ticket, std::string_view data, bool unlock) {
+    return Omralib_update_locked_obj(hdl, ticket, unlock ? 1 : 0, 0, data.data(),
+                                     static_cast<unsigned int>(data.size()), key);
+}
+
+unsigned long long count(OMRALIB_HANDLE hdl, unsigned int app_id) {
+    ULONGLONG num = ~0ull;
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_count_objs(hdl, app_id, &num));
+    return num;
+}

@@ -1,0 +1,80 @@
+/* The fixture of the store tests: a fresh store over one of the engines, on a clock turned by hand,
+ * and short forms of the operations that most tests need. */
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "store.h"
+
+struct EngineParam {
+    const char *name;
+    std::unique_ptr<store::Engine> (*make)(store::Clock &clock);
+};
+
+/* Every engine that the tests run against. */
+std::vector<EngineParam> all_engines();
+
+inline std::string engine_name(const testing::TestParamInfo<EngineParam> &engine) {
+    return engine.param.name;
+}
+
+#define FOR_ALL_ENGINES(suite)                                                                     \
+    INSTANTIATE_TEST_SUITE_P(Engines, suite, testing::ValuesIn(all_engines()), engine_name)
+
+class StoreTest : public testing::TestWithParam<EngineParam> {
+protected:
+    StoreTest() : store_(GetParam().make(clock_), clock_) {
+        store::exchange_store(&store_);
+        hdl_ = Omralib_open_ext("store test guid");
+    }
+    ~StoreTest() override { store::exchange_store(nullptr); }
+
+    store::ManualClock clock_;
+    store::Store store_;
+    OMRALIB_HANDLE hdl_ = OMRALIB_NULL_HANDLE;
+};
+
+inline OMRA_OBJKEY make_key(unsigned int app_id, unsigned long long number) {
+    OMRA_OBJKEY key{};
+    key.app_id = app_id;
+    key.obj_id.u64_comp[0] = number;
+    key.obj_id.u64_comp[1] = 1;
+    return key;
+}
+
+inline OMRA_OBJKEY marked(OMRA_OBJKEY key) {
+    key.app_id |= OMRA_APPID_NO_RENEW;
+    return key;
+}
+
+inline OMRA_INDEX_VALUE make_value(unsigned long long number) {
+    return {{number, 0, 0, 0}};
+}
+
+inline OMRA_OBJ_INDEX make_index(USHORT index, unsigned long long number) {
+    return {index, {}, make_value(number)};
+}
+
+inline int put(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, std::string_view data,
+               unsigned int timeout_m = 0) {
+    return Omralib_store_obj(hdl, 0, data.data(), static_cast<unsigned int>(data.size()), timeout_m,
+                             key);
+}
+
+int put_indexed(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, const std::vector<OMRA_OBJ_INDEX> &values,
+                unsigned int timeout_m = 0);
+
+/* The object's bytes, or "status -109" and the like. */
+std::string get(OMRALIB_HANDLE hdl, OMRA_OBJKEY key);
+
+/* Fetches the pending bytes. */
+std::string fetch(OMRALIB_HANDLE hdl, unsigned int len);
+
+int update(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, int ticket, std::string_view data, bool unlock);
+
+unsigned long long count(OMRALIB_HANDLE hdl, unsigned int app_id);

@@ -1,0 +1,241 @@
+/* Handles, keys, objects and locks. */
+#include "store_test.h"
+
+namespace {
+
+class Handles : public StoreTest {};
+class Objects : public StoreTest {};
+class Locks : public StoreTest {};
+
+FOR_ALL_ENGINES(Handles);
+FOR_ALL_ENGINES(Objects);
+FOR_ALL_ENGINES(Locks);
+
+TEST_P(Handles, AClosedNumberStaysInvalidWhenItsSlotIsUsedAgain) {
+    const OMRALIB_HANDLE first = Omralib_open_ext(nullptr);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(first));
+    for (int i = 0; i < 1000; ++i) {
+        const OMRALIB_HANDLE next = Omralib_open_ext(nullptr);
+        ASSERT_NE(first, next);
+        ASSERT_EQ(OMRALIB_ERR_BAD_HANDLE, Omralib_handle_ready(first));
+        ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(next));
+    }
+    unsigned int len = 7;
+    EXPECT_EQ(OMRALIB_ERR_BAD_HANDLE, Omralib_close(first));
+    EXPECT_EQ(OMRALIB_ERR_BAD_HANDLE, Omralib_read_obj(first, 0, &len, make_key(1, 1)));
+    EXPECT_EQ(OMRALIB_ERR_BAD_HANDLE, put(OMRALIB_NULL_HANDLE, make_key(1, 1), "a"));
+    EXPECT_EQ(7u, len);
+}
+
+TEST_P(Handles, RunOutCleanly) {
+    std::vector<OMRALIB_HANDLE> open;
+    for (OMRALIB_HANDLE hdl; (hdl = Omralib_open_ext(nullptr)) != OMRALIB_NULL_HANDLE;) {
+        open.push_back(hdl);
+    }
+    EXPECT_EQ(65534u, open.size());
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(open.back()));
+    EXPECT_NE(OMRALIB_NULL_HANDLE, Omralib_open_ext(nullptr));
+    EXPECT_EQ(OMRALIB_NULL_HANDLE, Omralib_open_ext(nullptr));
+}
+
+TEST_P(Handles, AreBusyWhileACallHasThem) {
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(1, 1), "a"));
+    const auto use_it = [](const OMRA_OBJKEY *pkey, void *parg) {
+        const OMRALIB_HANDLE hdl = *static_cast<OMRALIB_HANDLE *>(parg);
+        unsigned int len = 0;
+        EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_read_obj(hdl, 0, &len, *pkey));
+        EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_close(hdl));
+        return 0;
+    };
+    OMRALIB_HANDLE hdl = hdl_;
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_list_objs(hdl_, 1, use_it, &hdl));
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_handle_ready(hdl_));
+}
+
+TEST_P(Handles, KeepOneReadPending) {
+    const OMRA_OBJKEY key = make_key(1, 1);
+    char buf[8] = {};
+    unsigned int len = 0;
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "abc"));
+    EXPECT_EQ(OMRALIB_ERR_NOT_READING, Omralib_get_read_data(hdl_, buf, 3));
+    EXPECT_EQ(OMRALIB_ERR_NOT_READING, Omralib_flush_read_data(hdl_));
+
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_read_obj(hdl_, 0, &len, key));
+    EXPECT_EQ(3u, len);
+    EXPECT_EQ(OMRALIB_ERR_OBJ_READING, Omralib_handle_ready(hdl_));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_READING, Omralib_read_obj(hdl_, 0, &len, key));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_READING, Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_read_data(hdl_, buf, 4));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_read_data(hdl_, nullptr, 3));
+
+    /* The bytes that were read are there, whatever has become of the object. */
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(hdl_, 0, key));
+    EXPECT_EQ("abc", fetch(hdl_, 3));
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_handle_ready(hdl_));
+}
+
+TEST_P(Handles, TellsImpossibleArguments) {
+    const OMRA_OBJKEY null_key{};
+    OMRA_OBJKEY marked_null{};
+    marked_null.app_id = OMRA_APPID_NO_RENEW;
+    marked_null.type_index = 3;
+    unsigned int len = 7;
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_read_obj(hdl_, 0, nullptr, make_key(1, 1)));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_store_obj(hdl_, 0, nullptr, 1, 0, make_key(1, 1)));
+    EXPECT_EQ(OMRALIB_ERR_BAD_KEY, Omralib_read_obj(hdl_, 0, &len, null_key));
+    EXPECT_EQ(OMRALIB_ERR_BAD_KEY, put(hdl_, marked_null, "a"));
+    EXPECT_EQ(OMRALIB_ERR_BAD_KEY, Omralib_remove_obj(hdl_, 0, null_key));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, put_indexed(hdl_, make_key(1, 1), {make_index(8, 1)}));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS,
+              put_indexed(hdl_, make_key(1, 1), {make_index(2, 1), make_index(2, 5)}));
+    EXPECT_EQ(0u, count(hdl_, 1));
+    EXPECT_EQ(7u, len);
+}
+
+TEST_P(Objects, LiveFromStoreToRemove) {
+    const OMRA_OBJKEY key = make_key(1, 1);
+    EXPECT_EQ("status -109", get(hdl_, key));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, Omralib_remove_obj(hdl_, 0, key));
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "first"));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_EXISTS, put(hdl_, key, "second"));
+    EXPECT_EQ("first", get(hdl_, key));
+    EXPECT_EQ("first", get(hdl_, marked(key)));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_EXISTS, put(hdl_, marked(key), "third"));
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_replace_obj(hdl_, "new", 3, 0, nullptr, 0, key));
+    EXPECT_EQ("new", get(hdl_, key));
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(hdl_, 0, key));
+    EXPECT_EQ("status -109", get(hdl_, key));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, Omralib_replace_obj(hdl_, "new", 3, 0, nullptr, 0, key));
+}
+
+TEST_P(Objects, MayBeEmptyAndThenLeaveNothingPending) {
+    const OMRA_OBJKEY key = make_key(1, 1);
+    unsigned int len = 7;
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_store_obj(hdl_, 0, nullptr, 0, 0, key));
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_read_obj(hdl_, 0, &len, key));
+    EXPECT_EQ(0u, len);
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_handle_ready(hdl_));
+    const int ticket = Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key);
+    EXPECT_GT(ticket, 0);
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key, ticket, "filled", true));
+    EXPECT_EQ("filled", get(hdl_, key));
+}
+
+TEST_P(Objects, AreToldApartByEveryFieldOfTheirKeys) {
+    std::vector<OMRA_OBJKEY> keys(7, make_key(1, 1));
+    keys[1].app_id = 0x30000000;
+    keys[2].flags = 2;
+    keys[3].type_index = 1;
+    keys[4].reserved = 1;
+    keys[5].ext_obj_id.u8_comp[15] = 1;
+    keys[6].obj_id.u8_comp[15] = 1;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, keys[i], std::to_string(i)));
+    }
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        EXPECT_EQ(std::to_string(i), get(hdl_, keys[i]));
+    }
+    /* 0x7FFFFFFF is an app id of its own: the app id behind the mark would not be a marked one. */
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(0x0FFFFFFF, 1), "plain"));
+    EXPECT_EQ("status -109", get(hdl_, make_key(0x7FFFFFFF, 1)));
+}
+
+TEST_P(Objects, AreListedInKeyOrderAndCounted) {
+    std::vector<OMRA_OBJKEY> expected;
+    for (unsigned int app_id : {3u, 5u}) {
+        for (unsigned int i = 0; i < 300; ++i) {
+            expected.push_back(make_key(app_id, i));
+        }
+    }
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, expected[i * 7 % expected.size()], "data"));
+    }
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(0x30000000, 1), "reserved"));
+
+    std::vector<OMRA_OBJKEY> listed;
+    const auto append = [](const OMRA_OBJKEY *pkey, void *parg) {
+        static_cast<std::vector<OMRA_OBJKEY> *>(parg)->push_back(*pkey);
+        return 0;
+    };
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_list_objs(hdl_, OMRALIB_ALL_APP_IDS, append, &listed));
+    ASSERT_EQ(expected.size(), listed.size());
+    EXPECT_EQ(0, memcmp(expected.data(), listed.data(), expected.size() * sizeof expected[0]));
+    EXPECT_EQ(600u, count(hdl_, OMRALIB_ALL_APP_IDS));
+    EXPECT_EQ(300u, count(hdl_, 5));
+    EXPECT_EQ(1u, count(hdl_, 0x30000000));
+    EXPECT_EQ(0u, count(hdl_, 4));
+
+    OMRALIB_STATS stats;
+    ASSERT_EQ("data", get(hdl_, expected[0]));
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_stats(&stats));
+    EXPECT_EQ(601u, stats.num_objects);
+    EXPECT_EQ(600u * 4 + 8, stats.num_bytes);
+    EXPECT_EQ(1u, stats.num_reads);
+}
+
+TEST_P(Locks, AreHeldByOneHandleUntilItLetsGo) {
+    const OMRA_OBJKEY key = make_key(1, 1);
+    const OMRALIB_HANDLE other = Omralib_open_ext(nullptr);
+    unsigned int len = 0;
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "a"));
+    const int ticket = Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key);
+    ASSERT_GT(ticket, 0);
+    EXPECT_EQ("a", fetch(hdl_, len));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, Omralib_read_and_lock_obj(other, 0, 0, &len, key));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, Omralib_replace_obj(other, "x", 1, 0, nullptr, 0, key));
+    EXPECT_EQ("a", get(other, key));
+
+    /* A ticket is worth nothing with another handle, another key or another number. */
+    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update(other, key, ticket, "x", true));
+    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update(hdl_, make_key(1, 2), ticket, "x", true));
+    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, Omralib_unlock_obj(hdl_, ticket + 1, 0, key));
+
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key, ticket, "b", false));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, Omralib_read_and_lock_obj(other, 0, 0, &len, key));
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key, ticket, "c", true));
+    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update(hdl_, key, ticket, "d", true));
+    EXPECT_EQ("c", get(other, key));
+
+    const int next = Omralib_read_and_lock_obj(other, 0, 0, &len, key);
+    EXPECT_GT(next, 0);
+    EXPECT_NE(ticket, next);
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_unlock_obj(other, next, 0, key));
+    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, Omralib_unlock_obj(other, next, 0, key));
+}
+
+TEST_P(Locks, DieWithTheirHandleAndWithTheirObject) {
+    const OMRA_OBJKEY key = make_key(1, 1);
+    OMRALIB_HANDLE holder = Omralib_open_ext(nullptr);
+    unsigned int len = 0;
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, ""));
+    ASSERT_GT(Omralib_read_and_lock_obj(holder, 0, 0, &len, key), 0);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(holder));
+    const int ticket = Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key);
+    ASSERT_GT(ticket, 0);
+
+    holder = Omralib_open_ext(nullptr);
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(holder, 0, key));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, update(hdl_, key, ticket, "x", true));
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "another"));
+    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update(hdl_, key, ticket, "x", true));
+    EXPECT_EQ("another", get(hdl_, key));
+}
+
+TEST_P(Locks, AnUpdateKeepsIndexesAndTimeOut) {
+    const OMRA_OBJKEY key = make_key(1, 1);
+    unsigned int len = 0;
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, put_indexed(hdl_, key, {make_index(2, 7)}, 5));
+    const int ticket = Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key);
+    fetch(hdl_, len);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key, ticket, "longer than before", true));
+
+    store::Selection selection{1, true, {{2, false, make_value(7)}}};
+    std::vector<store::Key> keys;
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, store_.engine().find(selection, keys));
+    EXPECT_EQ(1u, keys.size());
+    clock_.advance(5 * store::millis_per_minute);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, store_.engine().find(selection, keys));
+    EXPECT_EQ(0u, keys.size());
+}
+
+} // namespace
