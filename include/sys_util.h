@@ -94,9 +94,9 @@ int Sys_util_init(void);
  * failed condition and gives NULL. */
 void *Sys_malloc(size_t size, unsigned int tag);
 
-/* Releases a block of Sys_malloc; NULL does nothing. Any thread may release any block. A block whose
- * header is damaged, or which shows that it was released before, is reported as a failed condition
- * and not touched. */
+/* Releases a block of Sys_malloc; NULL does nothing. Any thread may release any block. A block
+ * whose header is damaged, or which shows that it was released before, is reported as a failed
+ * condition and not touched. */
 void Sys_free(void *ptr);
 
 /* Threads ------------------------------------------------------------------------------------- */
@@ -124,8 +124,8 @@ void Link_init(LINK *plink);
 BOOLEAN Link_inuse(LINK *plink);
 
 void Queue_init(QUEUE *pq, unsigned int id);
-/* Appends at the tail. A link that is on a queue is reported as a failed condition and stays where it
- * is; the same holds for Blockq_enq. */
+/* Appends at the tail. A link that is on a queue is reported as a failed condition and stays where
+ * it is; the same holds for Blockq_enq. */
 void Queue_enq(QUEUE *pq, LINK *plink);
 LINK *Queue_deq(QUEUE *pq); /* from the head; NULL when empty */
 
@@ -147,8 +147,8 @@ int Lock_enter(THREADLOCK *plock, unsigned int timeout_ms);
 /* 1 when released, 0 when the calling thread does not hold it. */
 int Lock_exit(THREADLOCK *plock);
 
-/* Not recursive: its owner entering it once more, and its release by another thread, are reported as
- * failed conditions. The former is counted and needs one exit more, the latter does nothing. */
+/* Not recursive: its owner entering it once more, and its release by another thread, are reported
+ * as failed conditions. The former is counted and needs one exit more, the latter does nothing. */
 void Spinlock_init(THREADSPINL *pslock, unsigned int id, unsigned int options);
 void Spinlock_enter(THREADSPINL *pslock);
 void Spinlock_exit(THREADSPINL *pslock);
