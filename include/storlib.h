@@ -8,7 +8,9 @@
  *  2. A handle belongs to one thread at a time: a call on a handle that another thread is using, or
  *     that is not open, fails and changes nothing. Operations without a handle may be called from
  * any thread.
- *  3. Keys are passed by value. No operation keeps a pointer of its caller after it has returned.
+ *  3. Keys are passed by value. All 40 bytes count, except that the app id of an ordinary key may
+ *     carry OMRA_APPID_NO_RENEW. A null key is OMRALIB_ERR_BAD_KEY. No operation keeps a pointer
+ *     of its caller after it has returned.
  *  4. `options` and `lock_options` are reserved: pass 0.
  *  5. After a failure every output is as the caller left it, and the store is as it was, unless the
  *     operation says otherwise. */
@@ -182,7 +184,8 @@ int Omralib_read_and_lock_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned
                               unsigned int *pdata_len_out, OMRA_OBJKEY key);
 
 /* Replaces the bytes of an object locked under `lock_tkt`, and releases the lock when `unlock`
- * is 1. The lock stays held after a failure, except for OMRALIB_ERR_LOCK_LOST: it is gone. */
+ * is 1. A ticket is valid with the handle and the key that it was taken for. The lock stays held
+ * after a failure, except for OMRALIB_ERR_LOCK_LOST: it is gone. */
 int Omralib_update_locked_obj(OMRALIB_HANDLE hdl, int lock_tkt, unsigned int unlock,
                               unsigned int options, const void *pdata, unsigned int data_len,
                               OMRA_OBJKEY key);
@@ -197,20 +200,26 @@ int Omralib_remove_obj(OMRALIB_HANDLE hdl, unsigned int options, OMRA_OBJKEY key
 
 /* Runs the invocation that the `req_len` bytes at `preq` ask for (OMRA_INDEX_HDR and its query) and
  * waits for its result: an OMRA_INVOKE_RESULT, whose length goes to `*presult_len_out` and whose
- * bytes stay pending on `hdl`. The caller reads and removes the objects that it names. */
+ * bytes stay pending on `hdl`. The caller reads and removes the objects that it names. When the
+ * request's time is over, the objects that are not done count as failed.
+ * OMRALIB_ERR_NO_HOST when nobody handles requests of the app id, OMRALIB_ERR_BAD_QUERY for a query
+ * that is not valid, OMRALIB_ERR_BAD_ARGS for bytes that are no request. */
 int Omralib_invoke(OMRALIB_HANDLE hdl, unsigned int options, const void *preq, unsigned int req_len,
                    unsigned int *presult_len_out);
 
 /* Copies the keys of the request `context` to `pkeys`; `num_keys` is the number that the request
- * named. Called inside the invoke callback. */
+ * named. Called inside the invoke callback, and as long as the request is not complete.
+ * OMRALIB_ERR_BAD_ARGS for another number, or when `context` is no such request. */
 int Omralib_get_invoke_keys(unsigned int context, OMRA_OBJKEY *pkeys, unsigned int num_keys);
 
-/* Reports an accepted request as complete with these counts, exactly once. */
+/* Reports an accepted request as complete with these counts, exactly once. OMRALIB_ERR_BAD_ARGS
+ * when `context` is no request that waits for it, or its time is over: the counts are ignored then
+ * and the results and exceptions objects of the request are removed. */
 int Omralib_complete_invoke(OMRALIB_HANDLE hdl, unsigned int context, unsigned int num_successful,
                             unsigned int num_failed);
 
-/* Gives up an accepted request whose completion could not be reported; its objects count as failed.
- */
+/* Gives up an accepted request whose completion could not be reported; its objects count as failed,
+ * and its results and exceptions objects are removed. OMRALIB_ERR_BAD_ARGS as above. */
 int Omralib_flush_invoke(unsigned int context);
 
 #ifdef __cplusplus
