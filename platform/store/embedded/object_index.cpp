@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -41,7 +42,8 @@ ObjectIndex::~ObjectIndex() {
         while (posting->first != nullptr) {
             Record &record = *posting->first->record;
             std::for_each_n(record.entries, record.num_entries, unlink);
-            delete[] record.entries;
+            delete[] std::exchange(record.entries, nullptr);
+            record.num_entries = 0;
         }
     }
 }
