@@ -223,7 +223,7 @@ TEST_F(Eval_test, FailuresOfTheStoreAtTheEnd) {
         user::script().eval_codes = {{1, 11}};
         store::script.answers = {c.answer};
         EXPECT_EQ(eval(5), c.expected) << c.traces;
-        EXPECT_EQ(sys::take_traces(), accepting + c.traces + completed);
+        EXPECT_EQ(sys::take_traces(), std::string(accepting).append(c.traces).append(completed));
         EXPECT_EQ(store::faults(), "");
         clear();
     }
