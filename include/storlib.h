@@ -35,8 +35,9 @@ extern "C" {
     X(OMRALIB_ERR_NOT_READING, -110, "no read is pending on the handle")                           \
     X(OMRALIB_ERR_NAME_REGISTERED, -111, "the application name is registered already")             \
     X(OMRALIB_ERR_OBJ_LOCKED, -112, "the object is locked by another holder")                      \
-    X(OMRALIB_ERR_NO_HOST, -116, "no host handles invocations for this app id")                    \
+    X(OMRALIB_ERR_INVOKE_TIMEOUT, -116, "the invocation's time was over before it was done")       \
     X(OMRALIB_ERR_OBJ_READING, -119, "a read is pending on the handle")                            \
+    X(OMRALIB_ERR_NO_WORKER, -120, "no process handles invocations for this app id")               \
     X(OMRALIB_ERR_BAD_QUERY, -121, "the query is not valid")                                       \
     X(OMRALIB_ERR_LOCK_LOST, -122, "the lock ticket is no longer valid")                           \
     X(OMRALIB_ERR_NO_SPACE, -123, "the store's memory limit is reached")
@@ -200,10 +201,13 @@ int Omralib_remove_obj(OMRALIB_HANDLE hdl, unsigned int options, OMRA_OBJKEY key
 
 /* Runs the invocation that the `req_len` bytes at `preq` ask for (OMRA_INDEX_HDR and its query) and
  * waits for its result: an OMRA_INVOKE_RESULT, whose length goes to `*presult_len_out` and whose
- * bytes stay pending on `hdl`. The caller reads and removes the objects that it names. When the
- * request's time is over, the objects that are not done count as failed.
- * OMRALIB_ERR_NO_HOST when nobody handles requests of the app id, OMRALIB_ERR_BAD_QUERY for a query
- * that is not valid, OMRALIB_ERR_BAD_ARGS for bytes that are no request. */
+ * bytes stay pending on `hdl`. The caller reads and removes the objects that it names. Without a
+ * matching object all counts are 0 and all keys null. The objects of a host that refuses its
+ * request count as failed; the refusal is a line of the trace. OMRALIB_ERR_NO_WORKER, at once, when
+ * nobody handles requests of the app id; OMRALIB_ERR_INVOKE_TIMEOUT when the request's time (0: no
+ * limit) is over first: what hosts still do for it then changes nothing; OMRALIB_ERR_BAD_QUERY for
+ * query terms that are not valid, OMRALIB_ERR_BAD_ARGS for a header or a length that is none of a
+ * request. */
 int Omralib_invoke(OMRALIB_HANDLE hdl, unsigned int options, const void *preq, unsigned int req_len,
                    unsigned int *presult_len_out);
 

@@ -4,6 +4,8 @@
 #include <random>
 #include <vector>
 
+#include "sys_util.h"
+
 namespace store {
 
 namespace {
@@ -19,6 +21,21 @@ OMRA_OBJID random_id() {
         word = source();
     }
     return id;
+}
+
+/* Why objects count as failed that no user function has seen. */
+void trace_refusal(HostId host, std::uint32_t num_keys, const Reply &reply) {
+    if (sys_trace_level < 0) {
+        return;
+    }
+    if (reply.kind == Reply::Kind::host_gone) {
+        Sys_trace_int("Omralib: host %u has gone; its %u object(s) count as failed.\n", host,
+                      num_keys);
+    } else {
+        Sys_trace_int("Omralib: host %u refused its request (%d); its %u object(s) count as "
+                      "failed.\n",
+                      host, reply.refusal, num_keys);
+    }
 }
 
 /* What one host is asked to do, and what has become of it. */
@@ -45,8 +62,9 @@ public:
 
     Status plan();
     void deliver();
-    void wait();
+    Status wait();
     OMRA_INVOKE_RESULT answer();
+    void remove_objects();
 
     /* Called under the lock of Invocations. */
     void note_reply(std::size_t index, const Reply &reply);
@@ -96,7 +114,7 @@ Status Invocation::find_shares() {
     const std::vector<HostId> hosts =
         anyone ? engine.hosts_serving_any() : engine.hosts_serving(event_app_id);
     if (hosts.empty()) {
-        return OMRALIB_ERR_NO_HOST;
+        return OMRALIB_ERR_NO_WORKER;
     }
     if (order_.is_invoke_once()) {
         shares_.push_back({hosts.front(), {Key{}}});
@@ -164,19 +182,23 @@ void Invocation::note_reply(std::size_t index, const Reply &reply) {
         part.num_successful = std::min(reply.num_successful, part.num_keys);
     } else {
         part.state = Part::State::failed;
+        trace_refusal(part.host, part.num_keys, reply);
     }
     if (--num_open_ == 0) {
         wake();
     }
 }
 
-void Invocation::wait() {
+/* OMRALIB_ERR_INVOKE_TIMEOUT when some requests are still open at the deadline. */
+Status Invocation::wait() {
     std::unique_lock lock(room_.lock_);
     while (num_open_ > 0 && room_.clock_.now() < deadline_) {
         room_.clock_.wait(lock, wake_, deadline_);
     }
+    const bool all_answered = num_open_ == 0;
     lock.unlock();
     withdraw_open_parts();
+    return all_answered ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_INVOKE_TIMEOUT;
 }
 
 /* From here on no reply reaches this invocation. */
@@ -217,11 +239,15 @@ OMRA_INVOKE_RESULT Invocation::answer() {
         result.results_key = key_if_made(results_key_);
         result.exceptions_key = key_if_made(exceptions_key_);
     } else if (!parts_.empty()) {
-        /* What hosts that did not finish have left is no result. */
-        room_.engine_.remove(results_key_);
-        room_.engine_.remove(exceptions_key_);
+        remove_objects();
     }
     return result;
+}
+
+/* What hosts that did not finish have left is no result. */
+void Invocation::remove_objects() {
+    room_.engine_.remove(results_key_);
+    room_.engine_.remove(exceptions_key_);
 }
 
 /* The room ---------------------------------------------------------------------------------------
@@ -248,15 +274,19 @@ Key Invocations::make_key(unsigned char kind) {
 
 Status Invocations::run(const InvokeOrder &order, OMRA_INVOKE_RESULT &result_out) {
     Invocation invocation(*this, order);
-    const Status status = invocation.plan();
+    Status status = invocation.plan();
     if (status != OMRALIB_RET_SUCCESS) {
         return status;
     }
     invocation.deliver();
-    invocation.wait();
-    result_out = invocation.answer();
+    status = invocation.wait();
+    if (status == OMRALIB_RET_SUCCESS) {
+        result_out = invocation.answer();
+    } else {
+        invocation.remove_objects();
+    }
     ++num_finished_;
-    return OMRALIB_RET_SUCCESS;
+    return status;
 }
 
 Status Invocations::on_reply(const Reply &reply) {

@@ -3,7 +3,8 @@
  * Plan finds the objects and divides them among the hosts that serve the app id; deliver sends one
  * request to each; wait lasts until every request has been answered or the deadline has passed;
  * fold brings the partial results together; answer says what came of it. Whatever has not been
- * completed when the wait ends counts as failed and is withdrawn, and its reply no longer counts.
+ * completed when the deadline has passed is withdrawn: its reply no longer counts, and there is no
+ * answer.
  *
  * Left to others: how objects are found and hosts reached (engine.h), what a host does with a
  * request (server.h), and what is in the results (nobody here looks inside). */

@@ -13,7 +13,7 @@ constexpr std::uint32_t max_terms = OMRA_NUM_INDEXES;
 Status parse_terms(Bytes query, const OMRA_INDEX_HDR &header, Selection &selection) {
     if (header.reserved1 > 1 || header.num_index > max_terms ||
         query.size() != header.num_index * sizeof(OMRA_INDEX_SPEC)) {
-        return OMRALIB_ERR_BAD_QUERY;
+        return OMRALIB_ERR_BAD_ARGS;
     }
     selection.match_all = header.reserved1 == 1;
     for (std::uint32_t i = 0; i < header.num_index; ++i) {
@@ -39,8 +39,13 @@ Status parse_request(Bytes request, InvokeOrder &order_out) {
         return OMRALIB_ERR_BAD_ARGS;
     }
     order.selection.app_id = order.header.app_id;
-    /* There is no query language yet: pass-through bytes are refused with the bad flags. */
-    const Status status = parse_terms(request.subspan(header_bytes), order.header, order.selection);
+    const Bytes query = request.subspan(header_bytes);
+    if (order.header.reserved1 == OMRALIB_QUERY_PASS_THROUGH) {
+        /* There is no query language yet. */
+        return query.size() == order.header.num_index ? OMRALIB_ERR_BAD_QUERY
+                                                      : OMRALIB_ERR_BAD_ARGS;
+    }
+    const Status status = parse_terms(query, order.header, order.selection);
     if (status == OMRALIB_RET_SUCCESS) {
         order_out = std::move(order);
     }

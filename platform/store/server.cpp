@@ -103,7 +103,7 @@ int Server::call_back(const Request &request, std::uint32_t context) {
     if (guid && plain != nullptr) {
         return plain(&params);
     }
-    return OMRALIB_ERR_NO_HOST;
+    return OMRALIB_ERR_NO_WORKER;
 }
 
 void Server::receive(RequestPtr request) {

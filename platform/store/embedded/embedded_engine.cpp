@@ -200,6 +200,7 @@ Totals EmbeddedEngine::totals() {
 void EmbeddedEngine::attach(RequestReceiver &receiver, ReplySink &sink) {
     receiver_ = &receiver;
     sink_ = &sink;
+    courier_ = std::make_unique<Courier>(receiver, sink);
 }
 
 Status EmbeddedEngine::bind_name(std::string_view name, std::uint32_t &app_id_out) {
@@ -246,11 +247,13 @@ std::vector<Share> EmbeddedEngine::share_out(std::vector<Key> keys, std::span<co
 }
 
 void EmbeddedEngine::send(HostId, std::shared_ptr<const Request> request) {
-    receiver_->receive(std::move(request));
+    courier_->send(std::move(request));
 }
 
 void EmbeddedEngine::withdraw(HostId, RequestId request) {
-    receiver_->withdraw(the_host, request);
+    if (!courier_->take_back(request)) {
+        receiver_->withdraw(the_host, request);
+    }
 }
 
 Status EmbeddedEngine::reply(const Reply &reply) {

@@ -4,7 +4,7 @@
  *
  * Partitions are found without a lock and never go away; a shard has a lock of its own, so that
  * threads which use different objects rarely meet. This process is the only host: requests reach
- * its receiver on the thread that sends them, and replies its sink on the thread that replies. */
+ * its receiver on the courier's thread, and replies its sink on the thread that replies. */
 #pragma once
 
 #include <array>
@@ -16,6 +16,7 @@
 
 #include <absl/container/flat_hash_set.h>
 
+#include "embedded/courier.h"
 #include "embedded/shard.h"
 #include "engine.h"
 
@@ -105,6 +106,8 @@ private:
     std::mutex names_lock_;                                   /* a leaf */
     std::map<std::string, std::uint32_t, std::less<>> names_; /* guarded by names_lock_ */
     absl::flat_hash_set<std::uint32_t> served_;               /* guarded by names_lock_ */
+
+    std::unique_ptr<Courier> courier_; /* constant after attach(); ends before all else */
 };
 
 } // namespace store
