@@ -120,6 +120,10 @@ public:
     /* Names where requests and replies for this host go. Called once, before anything else. */
     virtual void attach(RequestReceiver &receiver, ReplySink &sink) = 0;
 
+    /* After this neither of them is called any more; a call that is under way has returned. Called
+     * once, when the store ends. */
+    virtual void detach() = 0;
+
     /* Objects ---------------------------------------------------------------------------------- */
 
     /* OMRALIB_ERR_OBJ_EXISTS when the key is taken. */

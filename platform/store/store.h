@@ -17,6 +17,7 @@ public:
         : engine_(std::move(its_engine)), server(*engine_), invocations(*engine_, clock) {
         engine_->attach(server, invocations);
     }
+    ~Store() { engine_->detach(); }
     Store(const Store &) = delete;
     Store &operator=(const Store &) = delete;
 

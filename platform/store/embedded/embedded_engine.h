@@ -64,6 +64,7 @@ public:
     explicit EmbeddedEngine(const Clock &clock) : clock_(clock) {}
 
     void attach(RequestReceiver &receiver, ReplySink &sink) override;
+    void detach() override { courier_.reset(); }
 
     Status create(const Key &key, const ObjectSpec &spec) override;
     Status read(const Key &key, bool renew, ContentRef &content_out) override;
@@ -107,7 +108,7 @@ private:
     std::map<std::string, std::uint32_t, std::less<>> names_; /* guarded by names_lock_ */
     absl::flat_hash_set<std::uint32_t> served_;               /* guarded by names_lock_ */
 
-    std::unique_ptr<Courier> courier_; /* constant after attach(); ends before all else */
+    std::unique_ptr<Courier> courier_; /* constant between attach() and detach() */
 };
 
 } // namespace store
