@@ -27,7 +27,6 @@ namespace sys {
 struct Script {
     std::array<unsigned int, 256> malloc_countdown = {}; // by tag; 1: the next one fails
     unsigned int fork_countdown = 0;
-    int datap_result = SYS_RET_SUCCESS;
     unsigned int num_lprocs = 2;
     // TRUE: Thread_fork starts nothing and Thread_end returns; a test runs the thread functions.
     bool threads_held = false;
@@ -37,20 +36,22 @@ struct Script {
     // What was seen.
     std::string traces, asserts;
     std::vector<std::pair<void *(*)(void *), void *>> forks;
-    unsigned int num_thread_ends = 0;
-    unsigned int seed = 0;
-    std::size_t free_idscs = 0, free_wdscs = 0; // on the free queues
-    unsigned int idle_workers = 0;              // waiting for work
+    unsigned int idle_workers = 0; // waiting for work
 };
 extern Script &script;
 
-// Runs `change` under the lock of both doubles and wakes those who wait.
+// Runs `change` under the lock of both doubles.
 void with_lock(const std::function<void()> &change);
-// Waits for `condition`, and ends the process when it can only be in vain.
+// Waits until `condition` holds under that lock, and ends the process when it can only be in vain.
 void wait_for(const char *what, const std::function<bool()> &condition);
-void wait_pools(std::size_t num_idscs, std::size_t num_wdscs);
 void wait_idle_workers(unsigned int num_thrds);
+// The number of free invocation and work descriptors.
+std::pair<unsigned int, unsigned int> free_descriptors();
+// No request uses a descriptor, and the pools have not grown.
+inline constexpr std::pair<unsigned int, unsigned int> all_free = {8, 64};
 
+// Has the traces collected.
+void watch_traces();
 // The trace lines since the last call, joined by '|', with "Tr [pmi-" cut down to "[" and the
 // newlines dropped; the conditions of assertion reports, joined likewise.
 std::string take_traces();
@@ -67,13 +68,12 @@ struct Object {
 };
 inline constexpr int elsewhere = 0x7FFFFFFF; // the ticket of another holder
 
-// `op`, named as in storlib.h without its prefix, answers `result` without doing anything: once,
-// after `skip` further calls; if `number` is given only for the object of that number.
+// The next call of `op`, named as in storlib.h without its prefix, answers `result` without doing
+// anything; if `about` is given, the next call that the log notes with it.
 struct Answer {
-    const char *op;
+    std::string op;
     int result;
-    std::optional<ULONGLONG> number = std::nullopt;
-    unsigned int skip = 0;
+    std::string about = {};
 };
 
 struct Completion {
@@ -82,15 +82,12 @@ struct Completion {
     friend bool operator==(const Completion &, const Completion &) = default;
 };
 
-struct Key_less {
-    bool operator()(const OMRA_OBJKEY &a, const OMRA_OBJKEY &b) const;
-};
-
 struct Script {
-    std::map<OMRA_OBJKEY, Object, Key_less> objects;
+    std::map<std::string, Object> objects; // by their names in the log
     std::vector<Answer> answers;
-    // What Omralib_invoke does: it gets the request and makes the reply.
+    // What Omralib_invoke answers: it is given the request and makes the reply.
     std::function<int(std::string_view request, std::string &reply)> on_invoke;
+    std::function<void()> on_complete = [] {}; // runs when a request is reported complete
 
     // What was seen.
     std::map<std::string, unsigned int> num_calls;
@@ -103,13 +100,14 @@ OMRA_OBJKEY key(ULONGLONG number, ULONG app_id = 7);
 std::string bytes(ULONGLONG number);
 void put(ULONGLONG number, std::string_view bytes);
 
-// The calls since the last time, joined by '|', without the two that every entry of the module
-// begins with. An object is named by its number, with its app id in front when that is not 7.
+// The calls since the last time, joined by '|', each with what it is about, and without the two
+// that every entry of the module begins with. An object is named by its number, with its app id in
+// front when that is not 7; a parameters object is "params".
 std::string take_log();
 // Misuse so far, reads left pending, locks left held and requests never completed.
 std::string faults();
 
-// Delivers a request for these keys, through the registered callback if there is one.
+// Delivers a request for these keys.
 int deliver(OMRALIB_INVOKE_PARAMS params, const std::vector<OMRA_OBJKEY> &keys);
 // Waits until the request is reported complete or given up, and forgets it.
 Completion wait_complete(unsigned int context);

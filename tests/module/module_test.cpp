@@ -1,6 +1,7 @@
 #include "module_test.h"
 
 #include "dispatch/dispatcher.h"
+
 #include "sysapp.h"
 
 #include <algorithm>
@@ -42,11 +43,7 @@ int eval(const char *pdata, unsigned int data_len, const char *pparams, unsigned
 int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_len,
           char **ppmerged_out, unsigned int *pmerged_len_out) {
     unsigned int nth = 0;
-    bool fails = false;
-    sys::with_lock([&] {
-        nth = ++user::script().num_merges;
-        fails = user::script().failing_merges.count(nth) != 0;
-    });
+    sys::with_lock([&] { nth = ++user::script().num_merges; });
     if (user::script().on_merge) {
         user::script().on_merge(nth);
     }
@@ -54,12 +51,12 @@ int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_l
     const ULONGLONG dst = user::number({pdst, dst_len});
     const ULONGLONG src = user::number({psrc, src_len});
     EXPECT_EQ(dst & src, 0u) << "merged twice";
-    if (fails) {
+    if (user::script().failing_merges.count(nth) != 0) {
         *ppmerged_out = bogus_block;
         return 500 + static_cast<int>(nth);
     }
     *ppmerged_out = nth % 2 == 1 ? pdst : static_cast<char *>(Omrapmi_malloc(sizeof dst));
-    *pmerged_len_out = sizeof dst;
+    *pmerged_len_out = user::script().merged_len;
     const ULONGLONG merged = dst | src;
     std::memcpy(*ppmerged_out, &merged, sizeof merged);
     return 0;
@@ -80,12 +77,7 @@ Script &script() {
     return the_script;
 }
 
-OMRAPMI_EVAL_FUNCP eval_func() {
-    return eval;
-}
-OMRAPMI_MERGE_FUNCP merge_func() {
-    return merge;
-}
+const OMRAPMI_EVAL_FUNCP eval_func = eval;
 
 std::string bits(const std::vector<unsigned int> &objects) {
     ULONGLONG value = 0;
@@ -104,6 +96,12 @@ ULONGLONG number(std::string_view result) {
 
 } // namespace user
 
+void Module_test::SetUp() {
+    sys::watch_traces();
+    hdl = Omralib_open_ext(nullptr);
+    store::take_log();
+}
+
 void Module_test::TearDown() {
     EXPECT_EQ(sys::take_asserts(), "");
     EXPECT_EQ(store::faults(), "");
@@ -119,10 +117,7 @@ void Stepped_test::SetUp() {
     sys::script.threads_held = true;
     ASSERT_EQ(Omrapmi_worker_init_ext(2), 1);
     register_functions();
-    hdl = Omralib_open_ext("0123456789abcdef");
-    store::take_log();
     sys::take_traces();
-    sys::script.forks.clear();
 }
 
 OMRAPMI_IDSC *Stepped_test::next_request() {
@@ -137,7 +132,6 @@ std::vector<OMRAPMI_WDSC *> Stepped_test::dispatch(const OMRALIB_INVOKE_PARAMS &
                                                    const std::vector<OMRA_OBJKEY> &keys) const {
     EXPECT_EQ(store::deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
     OMRAPMI_IDSC *pidsc = next_request();
-    EXPECT_NE(pidsc, nullptr);
     EXPECT_TRUE(Omrapmi_dispatcher(hdl, pidsc));
     std::vector<OMRAPMI_WDSC *> work;
     while (OMRAPMI_WDSC *pwdsc = next_work()) {
@@ -158,7 +152,7 @@ store::Completion Live_test::run(const OMRALIB_INVOKE_PARAMS &params,
                                  const std::vector<OMRA_OBJKEY> &keys) {
     EXPECT_EQ(store::deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
     const store::Completion completion = store::wait_complete(params.context);
-    sys::wait_pools(8, 64);
+    sys::wait_for("the descriptors", [] { return sys::free_descriptors() == sys::all_free; });
     return completion;
 }
 
@@ -179,6 +173,13 @@ OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params
     return request;
 }
 
+OMRALIB_INVOKE_PARAMS stored_params_request(unsigned int context) {
+    OMRALIB_INVOKE_PARAMS request = eval_request(context);
+    request.immediate_params = 0;
+    request.params_key = store::key(50);
+    return request;
+}
+
 OMRALIB_INVOKE_PARAMS once_request(unsigned int context) {
     OMRALIB_INVOKE_PARAMS request = eval_request(context);
     request.app_id = MGTI_APPID_INVOKE_ONCE;
@@ -187,9 +188,8 @@ OMRALIB_INVOKE_PARAMS once_request(unsigned int context) {
 }
 
 OMRALIB_INVOKE_PARAMS merge_request(unsigned int context, ULONGLONG source) {
-    OMRALIB_INVOKE_PARAMS request = eval_request(context);
+    OMRALIB_INVOKE_PARAMS request = stored_params_request(context);
     request.merge_request = 1;
-    request.immediate_params = 0;
     request.params_key = store::key(source);
     return request;
 }
@@ -208,11 +208,9 @@ std::vector<OMRA_OBJKEY> put_objects(unsigned int num_objects) {
 }
 
 std::vector<OMRAPMI_EXCEPTION> exceptions() {
-    std::vector<OMRAPMI_EXCEPTION> records;
     const std::string bytes = store::bytes(901);
-    for (std::size_t at = 0; bytes != "none" && at < bytes.size(); at += sizeof records[0]) {
-        std::memcpy(&records.emplace_back(), &bytes.at(at), sizeof records[0]);
-    }
+    std::vector<OMRAPMI_EXCEPTION> records(bytes == "none" ? 0 : bytes.size() / 48);
+    std::memcpy(records.data(), bytes.data(), records.size() * 48);
     return records;
 }
 

@@ -24,6 +24,7 @@ struct Script {
     std::map<unsigned int, int> eval_codes; // a failing eval's code, by object
     std::set<unsigned int> silent;          // these evals return no result
     std::set<unsigned int> failing_merges; // by the merge's number from 1; the code is 500 + number
+    unsigned int merged_len = 8;           // that merges claim
     std::function<void(unsigned int)> on_eval;  // runs first, with the object
     std::function<void(unsigned int)> on_merge; // runs first, with the number of the merge
     unsigned int num_merges = 0;                // so far
@@ -33,8 +34,7 @@ inline constexpr unsigned int no_object = 63; // stands for the object of an inv
 // Written by a test while no user function runs.
 Script &script();
 
-OMRAPMI_EVAL_FUNCP eval_func();
-OMRAPMI_MERGE_FUNCP merge_func();
+extern const OMRAPMI_EVAL_FUNCP eval_func;
 
 // The result made of these objects, as it is stored.
 std::string bits(const std::vector<unsigned int> &objects);
@@ -42,11 +42,14 @@ ULONGLONG number(std::string_view result);
 
 } // namespace user
 
-// Traces on; every assertion report, fault at the store and byte of memory left is a failure.
+// Traces on and a handle open; every assertion report, fault at the store and byte of memory left
+// is a failure.
 class Module_test : public testing::Test {
 protected:
-    void SetUp() override { sys_trace_level = 0; }
+    void SetUp() override;
     void TearDown() override;
+
+    OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE;
 };
 
 // A worker with held threads: the test takes requests and work from the queues itself.
@@ -59,8 +62,6 @@ protected:
     // Delivers and dispatches, which must succeed; the work in the order of the queue.
     std::vector<OMRAPMI_WDSC *> dispatch(const OMRALIB_INVOKE_PARAMS &params,
                                          const std::vector<OMRA_OBJKEY> &keys) const;
-
-    OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE;
 };
 
 // A worker that runs, with 4 threads.
@@ -75,6 +76,8 @@ protected:
 // An eval request with parameters in the key, of app id 7, for the functions of `user`; its results
 // and exceptions objects are number 900 and 901.
 OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params = "");
+// The same with parameters in object 50.
+OMRALIB_INVOKE_PARAMS stored_params_request(unsigned int context);
 OMRALIB_INVOKE_PARAMS once_request(unsigned int context);
 OMRALIB_INVOKE_PARAMS merge_request(unsigned int context, ULONGLONG source);
 // The parameters header inside the request.

@@ -37,14 +37,12 @@ TEST_P(Thread_count_test, IsChosenOnce) {
                                       std::to_string(c.expected) + " worker thread(s).");
     // The dispatcher was started, and no worker thread yet.
     ASSERT_EQ(sys::script.forks.size(), 1u);
-    EXPECT_EQ(sys::script.forks[0],
-              std::pair(&Omrapmi_thrd_dispatcher, static_cast<void *>(nullptr)));
+    EXPECT_EQ(sys::script.forks[0].first, &Omrapmi_thrd_dispatcher);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rules, Thread_count_test,
-                         testing::Values(Count_case{1, 0, 0, 2}, Count_case{31, 0, 0, 32},
-                                         Count_case{40, 0, 0, 32}, Count_case{~0u, 0, 0, 2},
-                                         Count_case{1, 100, 0, 100}, Count_case{7, 0, 1, 1},
+                         testing::Values(Count_case{31, 0, 0, 32}, Count_case{40, 0, 0, 32},
+                                         Count_case{~0u, 0, 0, 2}, Count_case{1, 100, 0, 100},
                                          Count_case{7, 8, 1, 1}));
 
 TEST_F(Init_test, AFailedAttemptIsRepeatedCleanly) {
@@ -58,9 +56,11 @@ TEST_F(Init_test, AFailedAttemptIsRepeatedCleanly) {
     EXPECT_EQ(Sys_get_mem_use(OMRAPMI_TAG_WORKER_THRDS).blocks, 0u);
     EXPECT_EQ(Omrapmi_worker_init_ext(5), 1);
     EXPECT_EQ(Omrapmi_get_worker_thread_count(), 5);
-    EXPECT_TRUE(sys::script.free_idscs == 8 && sys::script.free_wdscs == 64);
-    EXPECT_EQ(std::string(omrapmi_worker_state.pguid, 16),
-              std::string("pmicli") + std::string(10, '\0'));
+    EXPECT_EQ(sys::free_descriptors(), sys::all_free);
+
+    sys::script.malloc_countdown[OMRAPMI_TAG_FUNCTBL] = 1;
+    EXPECT_EQ(Omrapmi_worker_register_eval_func(user::eval_func, 1, 7), -1302);
+    EXPECT_EQ(Omrapmi_worker_register_eval_func(user::eval_func, 1, 7), 1);
 }
 
 TEST_F(Init_test, AllThreadsMayComeFirst) {
@@ -68,7 +68,7 @@ TEST_F(Init_test, AllThreadsMayComeFirst) {
     for (unsigned int i = 0; i < 4; ++i) {
         thrds.emplace_back([] {
             EXPECT_EQ(Omrapmi_worker_start(7), 1);
-            EXPECT_EQ(Omrapmi_worker_register_eval_func(user::eval_func(), 1, 7), 1);
+            EXPECT_EQ(Omrapmi_worker_register_eval_func(user::eval_func, 1, 7), 1);
         });
     }
     for (std::thread &thrd : thrds) {
@@ -79,12 +79,14 @@ TEST_F(Init_test, AllThreadsMayComeFirst) {
     EXPECT_EQ(Sys_get_mem_use(OMRAPMI_TAG_FUNCTBL).blocks, 1u);
 }
 
-TEST_F(Init_test, StartAndStop) {
-    for (const unsigned int app_id : {0x10000000u, 0x40000001u, 0x30000001u, ~0u}) {
+TEST_F(Init_test, StartAndStopTellTheStore) {
+    for (const unsigned int app_id : {0x10000000u, 0x40000001u, ~0u}) {
         EXPECT_EQ(Omrapmi_worker_start(app_id), -1307);
         EXPECT_EQ(Omrapmi_worker_stop(app_id), -1307);
     }
-    EXPECT_EQ(store::script.num_calls["init"], 0u);
+    store::script.answers = {{"register_cb", -101, "4"}};
+    EXPECT_EQ(Omrapmi_worker_start(7), -101); // and the callbacks are registered again
+    EXPECT_EQ(store::take_log(), "register_cb 3|register_cb 4");
     EXPECT_EQ(Omrapmi_worker_start(0x30000002), 1);
     EXPECT_EQ(store::take_log(), "register_cb 3|register_cb 4|open_ext pmicli|register_appname_hdl "
                                  "__OMRA_appname_system_backrest|start 805306370|close");
@@ -96,147 +98,77 @@ TEST_F(Init_test, StartAndStop) {
     EXPECT_EQ(sys::take_traces(),
               "Omrapmi worker: started invocation handling for app id 268435455.|"
               "Omrapmi worker: stopped invocation handling for app id 268435455.");
-
-    const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
-    store::take_log();
     store::script.answers = {{"register_appname_hdl", -111}}; // bound already
     EXPECT_EQ(Omrapmi_worker_register_app_name(hdl, 0x40000001), 1);
-    EXPECT_EQ(Omrapmi_worker_register_app_name(hdl, 7), 1);
     EXPECT_EQ(store::take_log(), "register_appname_hdl __OMRA_appname_invoke_once");
-}
 
-// Every step is tried, and the first failure of starting decides; stopping reports success.
-TEST_F(Init_test, FailuresOfStartAndStop) {
-    store::script.answers = {{"register_cb", -106, std::nullopt, 1}};
-    EXPECT_EQ(Omrapmi_worker_start(7), -106);
-    store::script.answers = {{"register_cb", -101}};
-    EXPECT_EQ(Omrapmi_worker_stop(7), -101);
-    store::take_log();
-    EXPECT_EQ(Omrapmi_worker_init_svc(), 1);
-    EXPECT_EQ(Omrapmi_worker_init_svc(), 1);
-    EXPECT_EQ(store::take_log(), "register_cb 3|register_cb 4");
-    store::script.answers = {{"open_ext", 0}, {"open_ext", 0}};
-    EXPECT_EQ(Omrapmi_worker_start(7), -1304);
-    EXPECT_EQ(Omrapmi_worker_stop(7), -1304);
-    EXPECT_EQ(sys::take_traces(),
-              "Omrapmi worker: initialized for use with 3 worker thread(s).|[wis 2] -106|"
-              "[wsta 0] -106|[wis 1] -101|[wsto 0] -101|[wsta 1]|[wsto 1]");
-
-    store::script.answers = {{"register_appname_hdl", -103}, {"start", -102}, {"close", -101}};
+    // Every step is tried; the first failure of starting decides, and stopping reports success.
+    store::script.answers = {{"register_appname_hdl", -103}, {"start", -102}};
     EXPECT_EQ(Omrapmi_worker_start(0x30000002), -103);
-    EXPECT_EQ(
-        sys::take_traces(),
-        "[wisai 1] 805306370 -103|[wsta 2] -103|[wsta 3] 805306370 -102|[wsta 4] -101|Omrapmi "
-        "worker: Warning: could not start invocation handling for app id 805306370.");
-    store::script.answers = {{"stop", -103}, {"close", -101}};
+    store::script.answers = {{"stop", -103}};
     EXPECT_EQ(Omrapmi_worker_stop(7), 1);
-    EXPECT_EQ(sys::take_traces(), "[wsto 3] 7 -103|[wsto 4] -101|Omrapmi worker: Warning: could "
-                                  "not stop invocation handling for app id 7.");
-    EXPECT_EQ(sys::take_asserts(), "ret != OMRALIB_ERR_BAD_ARGS|ret != OMRALIB_ERR_BAD_HANDLE|"
-                                   "ret != OMRALIB_ERR_HANDLE_BUSY");
+    store::script.answers = {{"open_ext", -1}};
+    EXPECT_EQ(Omrapmi_worker_start(7), -1304);
+    EXPECT_EQ(store::take_log(),
+              "open_ext pmicli|register_appname_hdl __OMRA_appname_system_backrest|start 805306370|"
+              "close|open_ext pmicli|stop 7|close|open_ext pmicli");
+    EXPECT_EQ(sys::take_asserts(), "ret != OMRALIB_ERR_BAD_HANDLE|ret != OMRALIB_ERR_HANDLE_BUSY");
 }
 
-// Function table ---------------------------------------------------------------------------------
+using Functbl_test = Module_test;
 
-class Functbl_test : public Module_test {
-protected:
-    static int get(unsigned int id, unsigned int app_id, OMRAPMI_FUNC_TYPE type) {
-        void *const untouched = &omrapmi_worker_state;
-        void *pfunc = untouched;
-        const int ret = Omrapmi_func_table_get(id, app_id, type, &pfunc);
-        EXPECT_EQ(pfunc == untouched, ret != 1);
-        return ret;
-    }
-
-    OMRAPMI_EVAL_FUNCP eval = user::eval_func();
-    OMRAPMI_MERGE_FUNCP merge = user::merge_func();
-};
-
-TEST_F(Functbl_test, Registration) {
+TEST_F(Functbl_test, AnIdIsTakenOnceAndLookUpChecksAppIdBeforeType) {
+    const OMRAPMI_EVAL_FUNCP eval = user::eval_func;
     EXPECT_EQ(Omrapmi_worker_register_eval_func(nullptr, 64, 7), -1306);
     EXPECT_EQ(Omrapmi_worker_register_eval_func(eval, 64, 7), -1309);
-    EXPECT_EQ(store::script.num_calls["init"], 0u);
     EXPECT_EQ(Omrapmi_worker_register_eval_func(eval, 0, 7), 1);
     EXPECT_EQ(Omrapmi_worker_register_eval_func(eval, 0, 7), 1);
-    EXPECT_EQ(Omrapmi_worker_register_merge_func(merge, 63, 7), 1);
     EXPECT_EQ(Omrapmi_worker_register_eval_func(eval, 0, 8), -1305);
     EXPECT_EQ(Omrapmi_worker_register_invoke_once_eval_func(eval, 0, 7), -1305);
-    EXPECT_EQ(Omrapmi_worker_register_merge_func(merge, 0, 7), -1305);
-    EXPECT_EQ(sys::take_traces(), "[wrf 1] -1305|[wrf 1] -1305|[wrf 1] -1305");
-    EXPECT_EQ(get(0, 7, OMRAPMI_FUNC_EVAL), 1);
-}
+    const OMRAPMI_MERGE_FUNCP merge = [](auto...) { return 0; };
+    EXPECT_EQ(Omrapmi_worker_register_merge_func(merge, 63, 7), 1);
 
-TEST_F(Functbl_test, LookUpChecksAppIdBeforeType) {
-    ASSERT_EQ(Omrapmi_worker_register_eval_func(eval, 1, 7), 1);
-    ASSERT_EQ(Omrapmi_worker_register_merge_func(merge, 2, 7), 1);
-    ASSERT_EQ(Omrapmi_worker_register_invoke_once_eval_func(eval, 3, 7), 1);
-    EXPECT_EQ(get(2, 8, OMRAPMI_FUNC_MERGE), 1);
-    EXPECT_EQ(get(3, 7, OMRAPMI_FUNC_INVOKE_ONCE_EVAL), 1);
-    EXPECT_EQ(get(4, 7, OMRAPMI_FUNC_EVAL), -1352);
-    EXPECT_EQ(get(1, 8, OMRAPMI_FUNC_INVOKE_ONCE_EVAL), -1353);
-    EXPECT_EQ(get(1, 7, OMRAPMI_FUNC_INVOKE_ONCE_EVAL), -1354);
-    EXPECT_EQ(get(1, 8, OMRAPMI_FUNC_MERGE), -1354);
-    const std::string warning = "Omrapmi worker: Warning: received ";
-    EXPECT_EQ(sys::take_traces(),
-              warning + "unregistered function id 4|" + warning +
-                  "eval function id 1 for app id 8, but was registered for app id 7|" + warning +
-                  "function id 1 of type 2, but was registered as type 1|" + warning +
-                  "function id 1 of type 0, but was registered as type 1");
-    EXPECT_EQ(get(64, 7, OMRAPMI_FUNC_EVAL), -1309);
-    EXPECT_EQ(sys::take_asserts(), "func_id < OMRAPMI_NUM_FUNC_IDS");
+    const struct {
+        unsigned int id, app_id;
+        OMRAPMI_FUNC_TYPE type;
+        int expected;
+    } look_ups[] = {
+        {0, 7, OMRAPMI_FUNC_EVAL, 1},      {63, 8, OMRAPMI_FUNC_MERGE, 1},
+        {1, 7, OMRAPMI_FUNC_EVAL, -1352},  {0, 8, OMRAPMI_FUNC_INVOKE_ONCE_EVAL, -1353},
+        {0, 8, OMRAPMI_FUNC_MERGE, -1354}, {0, 7, OMRAPMI_FUNC_INVOKE_ONCE_EVAL, -1354},
+    };
+    for (const auto &c : look_ups) {
+        void *pfunc = &hdl;
+        EXPECT_EQ(Omrapmi_func_table_get(c.id, c.app_id, c.type, &pfunc), c.expected);
+        EXPECT_EQ(pfunc == &hdl, c.expected != 1);
+    }
 }
-
-TEST_F(Functbl_test, AFailedSetUpIsRepeated) {
-    store::script.answers = {{"init", -101}, {"init", -101}};
-    EXPECT_EQ(Omrapmi_worker_register_eval_func(eval, 1, 7), -101);
-    EXPECT_EQ(get(1, 7, OMRAPMI_FUNC_EVAL), -101);
-    sys::script.malloc_countdown[OMRAPMI_TAG_FUNCTBL] = 1;
-    EXPECT_EQ(Omrapmi_worker_register_eval_func(eval, 1, 7), -1302);
-    // Between the two set-ups of a registration.
-    store::script.answers = {{"init", -101, std::nullopt, 1}};
-    EXPECT_EQ(Omrapmi_worker_register_eval_func(eval, 1, 7), -101);
-    EXPECT_EQ(sys::take_traces(), "[fti 0] -101|[wrf 0] -101|[fti 0] -101|[ftg 0] -101|[fti 1]|"
-                                  "[wrf 0] -1302|[fti 0] -101|[fta 0] -101|[wrf 1] -101");
-    EXPECT_EQ(Omrapmi_worker_register_eval_func(eval, 1, 7), 1);
-    EXPECT_EQ(get(1, 7, OMRAPMI_FUNC_EVAL), 1);
-}
-
-// Descriptors ------------------------------------------------------------------------------------
 
 TEST_F(Init_test, PoolsGrowByBatchesAndReset) {
     ASSERT_EQ(Omrapmi_worker_init_ext(1), 1);
     std::vector<OMRAPMI_IDSC *> idscs;
-    std::vector<OMRAPMI_WDSC *> wdscs;
     for (unsigned int i = 0; i < 65; ++i) {
-        wdscs.push_back(Omrapmi_get_wdsc());
+        EXPECT_NE(Omrapmi_get_wdsc(), nullptr);
     }
     for (unsigned int i = 0; i < 9; ++i) {
         idscs.push_back(Omrapmi_get_idsc());
     }
-    EXPECT_TRUE(sys::script.free_idscs == 15 && sys::script.free_wdscs == 127);
-    EXPECT_EQ(Sys_get_mem_use(OMRAPMI_TAG_IDSC_BATCH).blocks, 1u);
-    EXPECT_EQ(Sys_get_mem_use(OMRAPMI_TAG_WDSC_BATCH).blocks, 1u);
+    EXPECT_EQ(sys::free_descriptors(), std::pair(15u, 127u));
 
     // A used descriptor comes back as fresh as an unused one.
     OMRAPMI_EXCEPTION exception;
     OMRAPMI_IDSC &idsc = *idscs[8];
     idsc.params = merge_request(1, 2);
     idsc.pparams_ext = &params_ext(idsc.params);
-    idsc.pwdsc_single = wdscs[0];
     idsc.num_successful = idsc.num_failed = idsc.user_exceptions.num = 9;
     idsc.pfree1 = idsc.user_exceptions.plist = &exception;
     Omrapmi_free_idsc(&idsc);
-    EXPECT_EQ(sys::script.free_idscs, 16u);
+    EXPECT_EQ(sys::free_descriptors(), std::pair(16u, 127u));
     const OMRALIB_INVOKE_PARAMS none = {};
     EXPECT_EQ(std::memcmp(&idsc.params, &none, 163), 0);
-    EXPECT_TRUE(!idsc.pparams_ext && !idsc.pwdsc_single && !idsc.pfree1 &&
-                !idsc.user_exceptions.plist && idsc.user_exceptions.num == 0 &&
-                idsc.num_successful == 0 && idsc.num_failed == 0);
-    Omrapmi_init_idsc(&idsc); // on a queue
-    EXPECT_EQ(sys::take_asserts(), "!Link_inuse(&(pidsc->link))");
+    EXPECT_TRUE(!idsc.pparams_ext && !idsc.pfree1 && !idsc.user_exceptions.plist &&
+                idsc.user_exceptions.num == 0 && idsc.num_successful == 0 && idsc.num_failed == 0);
 }
-
-// Callbacks and queries --------------------------------------------------------------------------
 
 using Callback_test = Stepped_test;
 
@@ -248,8 +180,8 @@ TEST_F(Callback_test, ARefusalLeavesNothingBehind) {
     EXPECT_EQ(store::deliver(eval_request(5), keys), -4);
     sys::script.malloc_countdown[OMRAPMI_TAG_REQUEST] = 1;
     EXPECT_EQ(store::deliver(merge_request(5, 0), {}), -4);
-    EXPECT_EQ(sys::script.free_idscs, 8u);
-    while (sys::script.free_idscs > 0) {
+    EXPECT_EQ(sys::free_descriptors(), sys::all_free);
+    while (sys::free_descriptors().first > 0) {
         Omrapmi_get_idsc();
     }
     sys::script.malloc_countdown[OMRAPMI_TAG_IDSC_BATCH] = 1;
@@ -268,35 +200,28 @@ TEST_F(Context_test, OnlyWorkerThreadsGetAnswers) {
     EXPECT_EQ(Omrapmi_worker_get_svr_host_id(nullptr), -1306);
     EXPECT_EQ(Omrapmi_get_key(&key), -1312);
     EXPECT_EQ(Omrapmi_get_worker_thread_index(), -1312);
-    EXPECT_EQ(Omrapmi_worker_get_svr_host_id(&host_id), -1312);
-    EXPECT_EQ(sys::take_traces(), "[wtsg 1]|[gk 0] -1312|[wtsg 1]|[gwti 0] -1312|[wtsg 1]|"
-                                  "[wgshi 0] -1312");
-    EXPECT_TRUE(same_key(key, store::key(5)) && host_id == 5);
 
     // A record that is none, or not this thread's.
     OMRAPMI_WORKER_THRD_STATE *const records = omrapmi_worker_state.pworker_thrd_st;
-    OMRAPMI_WORKER_THRD_STATE *pfound = nullptr;
-    const auto get = [&](void *pdata) {
-        Thread_datap_set(pdata);
-        return Omrapmi_worker_thrd_st_get(&pfound);
+    records[0].tmyid = Thread_myid();
+    records[0].index = 1;
+    const std::pair<void *, const char *> foreign[] = {
+        {reinterpret_cast<char *>(records) - 1, "[wtsg 2]"},
+        {records + 2, "[wtsg 3]"},
+        {&records[0].tid, "[wtsg 4]"},
+        {&records[0], "[wtsg 4] 0"}, // by its index another one
+        {&records[1], "[wtsg 7] 0"}, // another thread's
     };
-    EXPECT_EQ(get(reinterpret_cast<char *>(records) - 1), -1312);
-    EXPECT_EQ(get(records + 2), -1312);
-    EXPECT_EQ(get(&records[0].tid), -1312);
-    records[1].tmyid = Thread_myid();
-    records[1].index = 0;
-    EXPECT_EQ(get(&records[1]), -1312);
-    EXPECT_EQ(sys::take_traces(), "[wtsg 2]|[wtsg 3]|[wtsg 4]|[wtsg 4] 1");
-    records[1].index = 1;
-    records[1].tmyid += 1;
-    EXPECT_EQ(get(&records[1]), -1312);
-    EXPECT_EQ(sys::take_traces().rfind("[wtsg 7] 0x", 0), 0u);
-    EXPECT_EQ(pfound, nullptr);
-    records[1].tmyid -= 1;
-    EXPECT_EQ(get(&records[1]), 1);
-    EXPECT_EQ(pfound, &records[1]);
+    for (const auto &[pdata, trace] : foreign) {
+        Thread_datap_set(pdata);
+        sys::take_traces();
+        EXPECT_EQ(Omrapmi_get_key(&key), -1312);
+        EXPECT_EQ(sys::take_traces().rfind(trace, 0), 0u) << trace;
+    }
+    EXPECT_TRUE(same_key(key, store::key(5)));
 
     // A worker thread between two pieces of work.
+    records[1].tmyid = Thread_myid();
     EXPECT_EQ(Omrapmi_get_key(&key), 1);
     EXPECT_TRUE(same_key(key, OMRA_OBJKEY{}));
     EXPECT_EQ(Omrapmi_get_worker_thread_index(), 1);

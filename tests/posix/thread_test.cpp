@@ -13,7 +13,6 @@ struct Seen {
     std::binary_semaphore done{0};
     THREADID id = NULLTHREADID;
     void *data_at_start = nullptr;
-    bool ran_on = false;
 };
 
 void *look_around(void *arg) {
@@ -27,13 +26,12 @@ void *look_around(void *arg) {
         ~Announce() { seen->done.release(); }
     } announce{seen};
     Thread_end();
-    seen->ran_on = true;
+    ADD_FAILURE() << "ran on";
     return nullptr;
 }
 
 TEST(Thread, RunsWithItsOwnIdAndData) {
     int own_data = 0;
-    EXPECT_EQ(Thread_datap_get(), nullptr);
     EXPECT_EQ(Thread_datap_set(&own_data), 1);
     Seen seen;
     const THREADID id = Thread_fork(look_around, &seen);
@@ -42,22 +40,10 @@ TEST(Thread, RunsWithItsOwnIdAndData) {
     EXPECT_EQ(seen.id, id);
     EXPECT_NE(seen.id, Thread_myid());
     EXPECT_EQ(seen.data_at_start, nullptr);
-    EXPECT_FALSE(seen.ran_on);
     EXPECT_EQ(Thread_datap_get(), &own_data);
 }
 
-TEST(Thread, ForkFailsWithZero) {
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    // No address space holds this stack.
-    ASSERT_EQ(pthread_attr_setstacksize(&attr, size_t{1} << 47), 0);
-    ASSERT_EQ(pthread_setattr_default_np(&attr), 0);
-    EXPECT_EQ(Thread_fork([](void *arg) { return arg; }, nullptr), NULLTHREADID);
-    pthread_attr_destroy(&attr);
-}
-
 TEST(Thread, ProcessorsAreThoseOfTheAffinityMask) {
-    EXPECT_GE(Sys_get_num_lprocs(), 1u);
     cpu_set_t one;
     CPU_ZERO(&one);
     CPU_SET(sched_getcpu(), &one);
