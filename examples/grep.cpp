@@ -1,6 +1,7 @@
 // Grep with counts: how many lines of each object match. The parameters are the pattern: a regular
 // expression (ECMAScript) for the function "grep", plain text for "find". Objects without a
 // matching line are not in the result.
+#include <locale>
 #include <regex>
 
 #include <fmt/format.h>
@@ -33,6 +34,15 @@ struct Regex {
         return std::regex_search(line.begin(), line.end(), regex);
     }
 };
+
+// The library's regular expressions fill a table of the locale on first use, and without a lock. So
+// it is filled while the program still has one thread.
+void prepare_regex() {
+    const auto &characters = std::use_facet<std::ctype<char>>(std::locale());
+    for (int c = 1; c < 256; ++c) {
+        characters.narrow(static_cast<char>(c), '\0');
+    }
+}
 
 struct Text {
     std::string text;
@@ -96,6 +106,7 @@ const char *code_text(int code) {
 } // namespace
 
 PMI_PLUGIN(plugin) {
+    prepare_regex();
     plugin.eval<count_lines<Regex>>(0, "grep", "Counts the lines that match a regular expression");
     plugin.eval<count_lines<Text>>(1, "find", "Counts the lines that contain a text");
     plugin.merge<add>(2, "add", "Puts the counts of all objects together");

@@ -46,8 +46,9 @@ TEST_F(BadInput, usage) {
 TEST_F(BadInput, numbers) {
     for (const std::string option : {"--threads", "--timeout"}) {
         for (const std::string value : {"0", "-1", "x", "''", "1.5", "4294967296"}) {
-            expect_run_refused("in.txt " + option + " " + value, option,
-                               "is not a number from 1 to");
+            std::string arguments = "in.txt ";
+            arguments.append(option).append(" ").append(value);
+            expect_run_refused(arguments, option, "is not a number from 1 to");
         }
     }
     expect_run_refused("in.txt --exceptions many", "'many' is not a number from 0 to");

@@ -51,7 +51,7 @@ TEST_F(Examples, grep) {
     write("d/b.c", "nothing\n");
     write("d/c.c", "int(x);\n");
     const std::string run = "run " + example("grep") + " d ";
-    EXPECT_EQ(pmi(run + "--params '^int '").out, "d/a.c:2\n");
+    EXPECT_EQ(pmi(run + "--params '^int\\b[[:space:]]\\w'").out, "d/a.c:2\n");
     EXPECT_EQ(pmi(run + "--params int").out, "d/a.c:2\nd/c.c:1\n");
     EXPECT_EQ(pmi(run + "--eval find --params 'int('").out, "d/c.c:1\n");
     EXPECT_THAT(pmi(run + "--params 'int('").err,
@@ -85,10 +85,11 @@ TEST_F(Examples, sameBytesWithAnyNumberOfThreads) {
         example("record_statistics") + " --params 'value=Size by=Section'",
         example("grep") + " --params 'w1[0-9]* '",
     };
+    const std::string options = " --split paragraphs in.txt --raw --threads ";
     for (const std::string &invocation : invocations) {
-        const auto merged_with = [&invocation](const std::string &threads) {
-            return pmi("run " + invocation + " --split paragraphs in.txt --raw --threads " +
-                       threads);
+        const auto merged_with = [&](const std::string &threads) {
+            std::string arguments = "run ";
+            return pmi(arguments.append(invocation).append(options).append(threads));
         };
         const Ran one = merged_with("1");
         EXPECT_EQ(one.status, 0) << one.err;

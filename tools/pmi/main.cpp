@@ -4,6 +4,7 @@
 //   options -> plugin -> objects (inputs) -> run -> output, with progress beside the middle two
 //
 // Everything the user gave is checked before the first object is loaded.
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -26,10 +27,12 @@ namespace {
 // Ends the line of progress, then lets the signal end the program as it would have: a shell sees
 // 130.
 void on_interrupt(int number) {
+    const int saved_errno = errno;
     if (isatty(STDERR_FILENO) == 1) {
         [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, "\n", 1);
     }
     std::raise(number); // its handler is gone: SA_RESETHAND
+    errno = saved_errno;
 }
 
 void handle_interrupt() {

@@ -44,14 +44,6 @@ int invoke(const StoreHandle &handle, const Function &eval, OMRAPMI_INVOKE_ARGS 
     return Omrapmi_invoke_ext(handle.get(), &args, &ext);
 }
 
-// A store may answer a passed time-out like objects that failed: all of them, and without a result.
-void check_time_out(const Outcome &outcome, const Options &options) {
-    if (outcome.seconds >= options.timeout_s && outcome.num_failed > 0 && !outcome.result) {
-        throw RunError(
-            fmt::format("the invocation failed: its time-out of {} s passed", options.timeout_s));
-    }
-}
-
 } // namespace
 
 void start_worker(const Plugin &plugin, const Options &options) {
@@ -95,7 +87,6 @@ Outcome run_invocation(const StoreHandle &handle, const Function &eval, const Fu
                      [&objects](const OMRAPMI_EXCEPTION &a, const OMRAPMI_EXCEPTION &b) {
                          return objects.number(a.key) < objects.number(b.key);
                      });
-    check_time_out(outcome, options);
     return outcome;
 }
 
