@@ -24,8 +24,10 @@ void append_number(std::string &numbers, unsigned long long number) {
 
 } // namespace
 
-PlayedHosts::PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, unsigned int seed)
-    : store(engine.make(clock, configuration(num_hosts)), clock, configuration(num_hosts)),
+PlayedHosts::PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, unsigned int seed,
+                         std::uint32_t max_invocations)
+    : store(engine.make(clock, configuration(num_hosts, max_invocations)), clock,
+            configuration(num_hosts, max_invocations)),
       random(seed), answer([](const Job &) { return OMRALIB_INVOKE_ACCEPTED; }),
       before_step([](Job &) {}), merge_fails([] { return false; }),
       turn([this](store::Millis deadline) { take_turn(deadline); }) {
@@ -41,8 +43,10 @@ PlayedHosts::PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, uns
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_start_app_event_handling(worker, event_app));
 }
 
-store::Configuration PlayedHosts::configuration(std::uint32_t num_hosts) {
+store::Configuration PlayedHosts::configuration(std::uint32_t num_hosts,
+                                                std::uint32_t max_invocations) {
     store::Configuration configuration;
+    configuration.max_invocations = max_invocations;
     configuration.num_hosts = num_hosts;
     configuration.lock_patience = 0;
     return configuration;
@@ -164,7 +168,10 @@ void PlayedHosts::compute(Job &job) {
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_invoke_keys(job.params.context, keys.data(),
                                                            static_cast<unsigned int>(keys.size())));
     for (const OMRA_OBJKEY &key : keys) {
-        if (fails(key.obj_id.u64_comp[0])) {
+        if (get(worker, key) != "x") { /* it is dropped, as one that has gone would be */
+            ++job.num_dropped;
+            ++job.num_successful;
+        } else if (fails(key.obj_id.u64_comp[0])) {
             job.exceptions += make_exception(key);
             ++job.num_failed;
         } else {
@@ -217,7 +224,7 @@ void PlayedHosts::report(Job &job) {
 /* Invocations ------------------------------------------------------------------------------------
  */
 
-Outcome PlayedHosts::invoke(unsigned int timeout_s) {
+Outcome PlayedHosts::invoke(unsigned int timeout_s, OMRALIB_HANDLE its_hdl) {
     OMRA_INDEX_HDR header{};
     header.reserved = OMRALIB_INDEX_OP_INVOKE;
     header.app_id = data_app;
@@ -225,26 +232,26 @@ Outcome PlayedHosts::invoke(unsigned int timeout_s) {
     header.invoke_timeout = timeout_s;
     unsigned int len = 0;
     Outcome outcome;
-    outcome.status = Omralib_invoke(hdl, 0, &header, sizeof header, &len);
+    outcome.status = Omralib_invoke(its_hdl, 0, &header, sizeof header, &len);
     if (outcome.status == OMRALIB_RET_SUCCESS) {
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(hdl, &outcome.result, len));
-        take_objects(outcome);
+        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(its_hdl, &outcome.result, len));
+        take_objects(its_hdl, outcome);
     }
     return outcome;
 }
 
 /* As the invoker does it: exceptions are asked for only when something has failed. */
-void PlayedHosts::take_objects(Outcome &outcome) {
+void PlayedHosts::take_objects(OMRALIB_HANDLE its_hdl, Outcome &outcome) {
     if (!OMRA_OBJKEY_IS_NULL(outcome.result.results_key)) {
-        const std::string results = get(hdl, outcome.result.results_key);
+        const std::string results = get(its_hdl, outcome.result.results_key);
         EXPECT_EQ(0u, results.size() % sizeof(unsigned long long)) << results;
         outcome.evaluated.resize(results.size() / sizeof(unsigned long long));
         std::memcpy(outcome.evaluated.data(), results.data(), results.size());
         std::sort(outcome.evaluated.begin(), outcome.evaluated.end());
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(hdl, 0, outcome.result.results_key));
+        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(its_hdl, 0, outcome.result.results_key));
     }
     if (outcome.result.num_failed != 0 && !OMRA_OBJKEY_IS_NULL(outcome.result.exceptions_key)) {
-        const std::string exceptions = get(hdl, outcome.result.exceptions_key);
+        const std::string exceptions = get(its_hdl, outcome.result.exceptions_key);
         EXPECT_EQ(0u, exceptions.size() % exception_bytes) << exceptions;
         for (std::size_t i = 0; i < exceptions.size(); i += exception_bytes) {
             OMRA_OBJKEY key;
@@ -256,6 +263,7 @@ void PlayedHosts::take_objects(Outcome &outcome) {
             }
         }
         std::sort(outcome.failed.begin(), outcome.failed.end());
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(hdl, 0, outcome.result.exceptions_key));
+        EXPECT_EQ(OMRALIB_RET_SUCCESS,
+                  Omralib_remove_obj(its_hdl, 0, outcome.result.exceptions_key));
     }
 }

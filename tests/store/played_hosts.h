@@ -54,6 +54,7 @@ struct Job {
     std::string exceptions;
     std::uint32_t num_successful = 0;
     std::uint32_t num_failed = 0;
+    std::uint32_t num_dropped = 0; /* objects that were not there to read */
 
     bool is_fold() const { return params.merge_request != 0; }
 };
@@ -73,7 +74,8 @@ public:
     static constexpr unsigned int data_app = 5;
     static constexpr unsigned int temp_app = 0x30000000;
 
-    PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, unsigned int seed = 0);
+    PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, unsigned int seed = 0,
+                std::uint32_t max_invocations = 64);
     ~PlayedHosts() override { store::exchange_store(nullptr); }
     PlayedHosts(const PlayedHosts &) = delete;
     PlayedHosts &operator=(const PlayedHosts &) = delete;
@@ -84,7 +86,8 @@ public:
     /* Stores the objects 0 to num - 1. */
     void store_objects(unsigned long long num);
 
-    Outcome invoke(unsigned int timeout_s = 0);
+    Outcome invoke(unsigned int timeout_s = 0) { return invoke(timeout_s, hdl); }
+    Outcome invoke(unsigned int timeout_s, OMRALIB_HANDLE its_hdl);
 
     /* The host is gone; what it was doing ends, or goes on although nobody wants it. */
     void kill(store::HostId host, bool as_zombie);
@@ -114,7 +117,8 @@ public:
     std::function<void(store::Millis deadline)> turn; /* a step of a job, or time passes */
 
 private:
-    static store::Configuration configuration(std::uint32_t num_hosts);
+    static store::Configuration configuration(std::uint32_t num_hosts,
+                                              std::uint32_t max_invocations);
     static int on_invoke(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams);
 
     void receive(std::shared_ptr<const store::Request> request) override;
@@ -126,7 +130,7 @@ private:
     void store_results(Job &job);
     void store_exceptions(const Job &job);
     void report(Job &job);
-    void take_objects(Outcome &outcome);
+    void take_objects(OMRALIB_HANDLE its_hdl, Outcome &outcome);
 
     store::HostId receiving_ = 0; /* the host whose callback runs */
 };
