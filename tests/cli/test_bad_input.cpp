@@ -30,7 +30,7 @@ protected:
 
 TEST_F(BadInput, usage) {
     expect_refused("", "subcommand");
-    expect_refused("walk", "'walk'", "run and functions");
+    expect_refused("walk", "'walk'", "run, explain and functions");
     expect_refused("run", "PLUGIN");
     expect_run_refused("", "INPUT is missing");
     expect_run_refused("in.txt --colour", "--colour");
