@@ -54,7 +54,8 @@ typedef struct OMRALIB_CONFIG {
     const char *engine_url;    /* "embedded:"; default: environment OMRA_STORE, else "embedded:" */
     unsigned int num_hosts;    /* hosts that the embedded engine plays, 1 to 64; default 1 */
     unsigned int lock_lease_s; /* seconds that a lock outlives its holder; default 60 */
-    unsigned int max_invocations; /* that run at once, others wait their turn; default 64 */
+    unsigned int max_invocations; /* that run at once; default 64. Others wait their turn, first
+                                     come first served, while their time-outs run */
     ULONGLONG memory_limit; /* bytes of objects with all that belongs to them; default: none */
 } OMRALIB_CONFIG;
 
@@ -84,23 +85,33 @@ int Omralib_explain_query(OMRALIB_HANDLE hdl, unsigned int app_id, const void *p
 
 typedef struct OMRALIB_PROGRESS {
     ULONGLONG num_matched; /* objects */
-    ULONGLONG num_done;    /* objects, failed ones included */
+    ULONGLONG num_done;    /* objects, failed ones included; goes back when a host is lost */
     ULONGLONG num_failed;  /* objects known to have failed */
     unsigned int num_hosts;
     unsigned int num_hosts_done;
 } OMRALIB_PROGRESS;
 
 /* Calls `pfunc` (NULL: no longer) during invocations on `hdl`, on the invoking thread, at most ten
- * times a second and once at the end. It may call Omralib_cancel_invoke, but not use `hdl`
- * otherwise. */
+ * times a second and once at the end, when it is too late for cancelling. What a host has begun to
+ * read counts as done before the host has reported it. `pfunc` may call Omralib_cancel_invoke, but
+ * not use `hdl` otherwise. */
 typedef void (*OMRALIB_PROGRESS_FUNC)(const OMRALIB_PROGRESS *pprogress, void *parg);
 int Omralib_set_progress_func(OMRALIB_HANDLE hdl, OMRALIB_PROGRESS_FUNC pfunc, void *parg);
 
-/* Ends the invocation that runs on `hdl`, from any thread and while `hdl` is in use: it answers
- * OMRALIB_ERR_CANCELLED, and hosts drop what they have not begun. Success also when none runs. */
+/* Ends the invocation that runs, or waits for its turn, on `hdl`, from any thread and while `hdl`
+ * is in use: it answers OMRALIB_ERR_CANCELLED, and hosts drop what they have not begun. Success
+ * also when none runs. */
 int Omralib_cancel_invoke(OMRALIB_HANDLE hdl);
 
-/* Hosts --------------------------------------------------------------------------------------- */
+/* Hosts ---------------------------------------------------------------------------------------
+
+ * A host that refuses a request for the moment is asked again, with pauses from 10 ms to 1 s; after
+ * eight of them another host gets the request, as it does at once when the host is gone or refuses
+ * for good. A host is given up as silent when half of the time that an invocation had left at the
+ * sending has passed without a word, the others have taken less than half as long, and one of them
+ * has nothing to do; without a time-out it is waited for until it is declared gone. What another
+ * host has taken over may be evaluated twice; it counts once. Objects that no host takes count as
+ * failed. */
 
 /* Declares a host gone: its requests are given to other hosts, what it did for them does not count,
  * and it gets no new ones. In the embedded engine hosts are numbered from 1 and their objects stay

@@ -156,12 +156,16 @@ std::uint32_t Server::num_begun(HostId sender, RequestId request) {
     return 0;
 }
 
+/* Whoever serves several hosts may read an object for a withdrawn request and for the one that has
+ * taken its place: the first read is taken for that of the withdrawn one, which came first. */
 bool Server::note_read(const Guid &guid, const Key &key) {
     if (guid == Guid{}) {
         return true;
     }
     bool is_withdrawn = false;
     bool is_wanted = false;
+    Open *reader = nullptr;
+    std::size_t index = 0;
     const std::lock_guard guard(contexts_lock_);
     for (auto &[context, open] : contexts_) {
         if (open.request->keys == nullptr || open.guid != guid) {
@@ -174,10 +178,14 @@ bool Server::note_read(const Guid &guid, const Key &key) {
         }
         (open.withdrawn ? is_withdrawn : is_wanted) = true;
         const auto i = static_cast<std::size_t>(found - keys.begin());
-        if (!open.begun.empty() && !open.begun[i]) {
-            open.begun[i] = true;
-            ++open.num_begun;
+        if (!open.begun.empty() && !open.begun[i] && (reader == nullptr || open.withdrawn)) {
+            reader = &open;
+            index = i;
         }
+    }
+    if (reader != nullptr) {
+        reader->begun[index] = true;
+        ++reader->num_begun;
     }
     return is_wanted || !is_withdrawn;
 }
