@@ -35,6 +35,9 @@ public:
         }
     }
 
+    /* Whether the thread will work by itself, some time. */
+    bool is_set() const { return next_.load(std::memory_order_relaxed) != never; }
+
     /* Ends the thread; work that has begun is finished first. Not to be called by the work. */
     void stop();
 

@@ -15,8 +15,13 @@ public:
     LeaseKeeper(const LeaseKeeper &) = delete;
     LeaseKeeper &operator=(const LeaseKeeper &) = delete;
 
-    /* A lock has been added to a handle's. */
-    void note_lock() noexcept { alarm_.call_at(clock_.now() + period_); }
+    /* A lock has been added to a handle's, with a lease from now on: the next renewal, which is due
+     * within a period, is soon enough for it. */
+    void note_lock() noexcept {
+        if (!alarm_.is_set()) {
+            alarm_.call_at(clock_.now() + period_);
+        }
+    }
 
 private:
     Millis work();

@@ -470,7 +470,7 @@ void check_against_model(std::uint64_t memory_limit) {
     const auto commands =
         rc::gen::resize(1000, rc::gen::container<std::vector<Command>>(any_command()));
     std::size_t num_commands = 0;
-    setenv("RC_PARAMS", "max_success=400", 0);
+    setenv("RC_PARAMS", "max_success=250", 0);
     EXPECT_TRUE(rc::check("the store answers as its model", [&] {
         store::Configuration configuration;
         configuration.memory_limit = memory_limit;
