@@ -56,7 +56,8 @@ typedef struct OMRALIB_CONFIG {
     unsigned int lock_lease_s; /* seconds that a lock outlives its holder; default 60 */
     unsigned int max_invocations; /* that run at once; default 64. Others wait their turn, first
                                      come first served, while their time-outs run */
-    ULONGLONG memory_limit; /* bytes of objects with all that belongs to them; default: none */
+    ULONGLONG memory_limit; /* bytes; default: none. An object counts its own plus 128, and 128
+                             * for each of its index values */
 } OMRALIB_CONFIG;
 
 /* Configures the store, before its first use: OMRALIB_ERR_CANT_INIT once it has been used.
@@ -69,7 +70,7 @@ int Omralib_configure(const OMRALIB_CONFIG *pconfig);
  * example "at 17: expected a number or a string after '<'". Copies at most `buf_len` - 1 bytes and
  * a zero to `pbuf`; the text is empty when the last failing operation had nothing to add. May be
  * called while a read is pending. With OMRALIB_NULL_HANDLE: of the calling thread's last
- * Omralib_configure. */
+ * Omralib_configure or Omralib_init. */
 int Omralib_get_error_text(OMRALIB_HANDLE hdl, char *pbuf, unsigned int buf_len);
 
 /* Queries ------------------------------------------------------------------------------------- */

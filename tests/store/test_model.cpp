@@ -48,6 +48,7 @@ constexpr const char *op_names[] = {"store",        "replace", "read",        "f
 constexpr unsigned int num_objects = 10; /* in two app ids */
 constexpr unsigned int num_handles = 3;
 constexpr unsigned int num_values = 3; /* of each of the two indexes */
+constexpr int no_ticket = INT32_MAX;   /* that no lock of a run can have */
 constexpr Millis lease = 60 * millis_per_second;
 
 /* One operation; every number counts modulo what it chooses from. */
@@ -334,7 +335,7 @@ private:
     void update_locked() {
         const auto chosen = choose_lock();
         const bool known = chosen != handle_->locks.end();
-        const int ticket = known ? chosen->second : (object_ ? object_->ticket + 1000000 : 5);
+        const int ticket = known ? chosen->second : no_ticket;
         const bool unlocking = detail_ % 3 != 0;
         const bool renew = detail_ % 2 == 0;
         const std::string data = some_bytes();
@@ -357,7 +358,7 @@ private:
     void unlock() {
         const auto chosen = choose_lock();
         const bool known = chosen != handle_->locks.end();
-        const int ticket = known ? chosen->second : 5;
+        const int ticket = known ? chosen->second : no_ticket;
         const int expected = known ? expect_lock(ticket) : OMRALIB_ERR_LOCK_LOST;
         RC_ASSERT(expected == Omralib_unlock_obj(handle_->hdl, ticket, 0, key_));
         if (expected == OMRALIB_RET_SUCCESS) {
