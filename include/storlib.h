@@ -33,8 +33,9 @@ extern "C" {
     X(OMRALIB_ERR_NOT_READING, -110, "no read is pending on the handle")                           \
     X(OMRALIB_ERR_NAME_REGISTERED, -111, "the application name is registered already")             \
     X(OMRALIB_ERR_OBJ_LOCKED, -112, "the object is locked by another holder")                      \
-    X(OMRALIB_ERR_NO_HOST, -116, "no host handles invocations for this app id")                    \
+    X(OMRALIB_ERR_INVOKE_TIMEOUT, -116, "the invocation's time was over before it was done")       \
     X(OMRALIB_ERR_OBJ_READING, -119, "a read is pending on the handle")                            \
+    X(OMRALIB_ERR_NO_WORKER, -120, "no process handles invocations for this app id")               \
     X(OMRALIB_ERR_BAD_QUERY, -121, "the query is not valid")                                       \
     X(OMRALIB_ERR_LOCK_LOST, -122, "the lock ticket is no longer valid")                           \
     X(OMRALIB_ERR_NO_SPACE, -123, "the store's memory limit is reached")                           \

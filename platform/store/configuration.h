@@ -22,6 +22,10 @@ struct Configuration {
 
     /* How long Omralib_read_and_lock_obj waits for another holder. Not for applications. */
     Millis lock_patience = 5;
+
+    /* Requests reach their host on the thread that sends them, so that a test can order all steps.
+     * Not for applications. */
+    bool deliver_inline = false;
 };
 
 /* The configuration that `given` asks for; `url_from_environment` (NULL: none) counts where `given`

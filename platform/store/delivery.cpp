@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "sys_util.h"
+
 namespace store {
 
 namespace {
@@ -63,6 +65,10 @@ void Delivery::note(Task &task, const Reply &reply) {
         note_refusal(task, reply.refusal);
         return;
     case Reply::Kind::host_gone:
+        if (sys_trace_level >= 0) {
+            Sys_trace_int("Omralib: host %u has gone with a request for %u object(s).\n", task.host,
+                          task.num_keys());
+        }
         take_away(task);
         return;
     }
@@ -71,6 +77,10 @@ void Delivery::note(Task &task, const Reply &reply) {
 void Delivery::note_refusal(Task &task, int refusal) {
     ++room_.figures.num_refusals;
     if (!is_for_the_moment(refusal) || task.num_refusals == max_refusals) {
+        if (sys_trace_level >= 0) {
+            Sys_trace_int("Omralib: host %u refused a request for %u object(s) for good (%d).\n",
+                          task.host, task.num_keys(), refusal);
+        }
         take_away(task);
         return;
     }
@@ -202,6 +212,11 @@ bool Delivery::send_next() {
         task.host = last_chosen_ = choose_host(task);
     }
     if (task.host == 0) {
+        if (sys_trace_level >= 0) {
+            Sys_trace_int("Omralib: no host takes a request for %u object(s); they count as "
+                          "failed.\n",
+                          task.num_keys());
+        }
         task.state = Task::State::lost;
     } else {
         send(task);

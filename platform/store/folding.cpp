@@ -69,20 +69,16 @@ void Folding::take_apart() {
 }
 
 Key Folding::finish() {
-    take_apart();
-    const auto best =
-        std::max_element(free_.begin(), free_.end(), [](const auto &a, const auto &b) {
-            return a.num_successful < b.num_successful;
-        });
     Key key{};
-    for (auto it = free_.begin(); it != free_.end(); ++it) {
-        if (it == best && room_.objects.exists(it->key)) {
-            key = it->key;
+    if (!free_.empty()) {
+        const Partial last = free_.front();
+        free_.clear();
+        if (room_.objects.exists(last.key)) {
+            key = last.key;
         } else {
-            lose(*it);
+            lose(last);
         }
     }
-    free_.clear();
     return key;
 }
 

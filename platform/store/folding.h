@@ -10,8 +10,7 @@
  * one that did not happen is done anew by another host (delivery.h).
  *
  * A fold that cannot be done, because no host takes it or the user's merge function fails, leaves
- * the target a partial result and loses the source: the objects behind it have failed. When the
- * invocation ends in the middle, the result with the most objects behind it is the one that stays.
+ * the target a partial result and loses the source: the objects behind it have failed.
  *
  * Left to others: what a merge does to the bytes. */
 #pragma once
@@ -44,11 +43,11 @@ public:
     /* Keeps the time-outs of what waits from passing. */
     void renew();
 
-    /* The one result that is left, after the delivery has been stopped; a null key when there is
+    /* The one result that is left when nothing is being folded any more; a null key when there is
      * none. */
     Key finish();
 
-    /* Removes all that is left. */
+    /* Removes all that is left, after the delivery has been stopped. */
     void discard();
 
     /* Objects that were evaluated but whose result is lost. */

@@ -108,11 +108,11 @@ Status Invocation::plan() {
 /* Deliver and fold -------------------------------------------------------------------------------
  */
 
-/* Until everything is over or the deadline has come, with OMRALIB_RET_SUCCESS, or the invocation
+/* Until everything is over, with OMRALIB_RET_SUCCESS, or the deadline has come, or the invocation
  * has been cancelled. */
 Status Invocation::work() {
     next_renewal_ = room_.clock.now() + renewal_pause;
-    while (room_.clock.now() < deadline_) {
+    for (;;) {
         if (room_.mailroom.is_cancelled(box_)) {
             return OMRALIB_ERR_CANCELLED;
         }
@@ -120,15 +120,15 @@ Status Invocation::work() {
         settle_ended();
         folding_.start();
         if (delivery_.is_empty()) {
-            break;
+            return OMRALIB_RET_SUCCESS;
+        }
+        if (room_.clock.now() >= deadline_) {
+            return OMRALIB_ERR_INVOKE_TIMEOUT;
         }
         if (!delivery_.send_next()) {
             rest();
         }
     }
-    delivery_.stop();
-    settle_ended();
-    return OMRALIB_RET_SUCCESS;
 }
 
 void Invocation::settle_ended() {
@@ -308,9 +308,12 @@ Status Invocations::run(const InvokeOrder &order, const Invoker &invoker,
     Mailbox box(room_.mailroom);
     const Registration registration(*this, invoker.hdl, box);
     const Admission::Place place(admission_, box);
-    while (!place.is_admitted() && room_.clock.now() < deadline) {
+    while (!place.is_admitted()) {
         if (room_.mailroom.is_cancelled(box)) {
             return OMRALIB_ERR_CANCELLED;
+        }
+        if (room_.clock.now() >= deadline) {
+            return OMRALIB_ERR_INVOKE_TIMEOUT;
         }
         room_.mailroom.wait(box, deadline);
     }

@@ -3,9 +3,10 @@
  * Admit waits for a turn; plan finds the objects and divides them among the hosts that serve the
  * app id; deliver gets one request to each host done, by another host if need be, while fold brings
  * the partial results together; answer says what came of it. All of that happens on the invoking
- * thread, which sleeps at its mailbox in between. Whatever has not been completed when the deadline
- * comes counts as failed; a deadline that comes during the wait for a turn fails all of the objects
- * that would have matched. Successful and failed ones are always as many as the matching ones.
+ * thread, which sleeps at its mailbox in between. When the deadline comes first, be it during the
+ * wait for a turn, or the invocation is cancelled, there is no answer, and nothing of it stays. In
+ * an answer, successful and failed objects are always as many as the matching ones: those that no
+ * host could take have failed.
  *
  * The rooms of an invocation, each understandable alone:
  *   admission.h    how many invocations run at once
@@ -47,8 +48,8 @@ public:
     Invocations(Engine &engine, Clock &clock, const Configuration &configuration)
         : room_(engine, clock), admission_(room_.mailroom, configuration.max_invocations) {}
 
-    /* Runs one invocation on the calling thread. OMRALIB_ERR_CANCELLED when it was cancelled: then
-     * nothing of it stays in the store. */
+    /* Runs one invocation on the calling thread. OMRALIB_ERR_CANCELLED when it was cancelled,
+     * OMRALIB_ERR_INVOKE_TIMEOUT when its time was over. */
     Status run(const InvokeOrder &order, const Invoker &invoker, OMRA_INVOKE_RESULT &result_out);
 
     /* Cancels the invocation that runs, or waits for its turn, on a handle; if there is one. */

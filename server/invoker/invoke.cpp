@@ -129,7 +129,7 @@ static int send_request(OMRALIB_HANDLE hdl, const OMRA_INDEX_HDR *phdr, unsigned
     const int ret = Omralib_invoke(hdl, 0, phdr, req_len, presult_len_out);
     OMRAPMI_TRACE("Omrapmi invoker: finished invocation for app id %d.\n",
                   static_cast<int>(phdr->reserved2));
-    if (ret != OMRALIB_RET_SUCCESS && ret != OMRALIB_ERR_NO_HOST) {
+    if (ret != OMRALIB_RET_SUCCESS && ret != OMRALIB_ERR_INVOKE_TIMEOUT) {
         OMRAPMI_TRACE("Tr [pmi-ie 3] %d\n", ret);
         OMRAPMI_ASSERT(ret != OMRALIB_ERR_BAD_ARGS);
     }

@@ -25,9 +25,9 @@ void append_number(std::string &numbers, unsigned long long number) {
 } // namespace
 
 PlayedHosts::PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, unsigned int seed,
-                         std::uint32_t max_invocations)
-    : store(engine.make(clock, configuration(num_hosts, max_invocations)), clock,
-            configuration(num_hosts, max_invocations)),
+                         const store::Configuration &more)
+    : store(engine.make(clock, configuration(num_hosts, more)), clock,
+            configuration(num_hosts, more)),
       random(seed), answer([](const Job &) { return OMRALIB_INVOKE_ACCEPTED; }),
       before_step([](Job &) {}), merge_fails([] { return false; }),
       turn([this](store::Millis deadline) { take_turn(deadline); }) {
@@ -44,12 +44,11 @@ PlayedHosts::PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, uns
 }
 
 store::Configuration PlayedHosts::configuration(std::uint32_t num_hosts,
-                                                std::uint32_t max_invocations) {
-    store::Configuration configuration;
-    configuration.max_invocations = max_invocations;
-    configuration.num_hosts = num_hosts;
-    configuration.lock_patience = 0;
-    return configuration;
+                                                store::Configuration more) {
+    more.deliver_inline = true;
+    more.num_hosts = num_hosts;
+    more.lock_patience = 0;
+    return more;
 }
 
 void PlayedHosts::store_objects(unsigned long long num) {

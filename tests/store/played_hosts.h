@@ -75,7 +75,7 @@ public:
     static constexpr unsigned int temp_app = 0x30000000;
 
     PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, unsigned int seed = 0,
-                std::uint32_t max_invocations = 64);
+                const store::Configuration &more = {});
     ~PlayedHosts() override { store::exchange_store(nullptr); }
     PlayedHosts(const PlayedHosts &) = delete;
     PlayedHosts &operator=(const PlayedHosts &) = delete;
@@ -117,8 +117,7 @@ public:
     std::function<void(store::Millis deadline)> turn; /* a step of a job, or time passes */
 
 private:
-    static store::Configuration configuration(std::uint32_t num_hosts,
-                                              std::uint32_t max_invocations);
+    static store::Configuration configuration(std::uint32_t num_hosts, store::Configuration more);
     static int on_invoke(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams);
 
     void receive(std::shared_ptr<const store::Request> request) override;

@@ -1,4 +1,5 @@
 /* Invocations, against a serving process whose callback the test scripts. */
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <future>
@@ -22,11 +23,33 @@ struct Answer {
 /* What the callback does; set before the first invocation. */
 std::function<int(const std::string &guid, OMRALIB_INVOKE_PARAMS &params)> script;
 
+/* The store calls on a thread of its own, which may still be in the script when the invocation that
+ * the script completed has been answered. */
+std::atomic<int> num_in_script{0};
+
+struct InScript {
+    InScript() { ++num_in_script; }
+    InScript(const InScript &) = delete;
+    InScript &operator=(const InScript &) = delete;
+    ~InScript() {
+        --num_in_script;
+        num_in_script.notify_all();
+    }
+};
+
+void wait_for_scripts_to_end() {
+    while (const int num = num_in_script) {
+        num_in_script.wait(num);
+    }
+}
+
 int scripted_ext(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams) {
+    const InScript in_script;
     return script(std::string(pguid, OMRALIB_GUID_LEN), *pparams);
 }
 
 int scripted_plain(OMRALIB_INVOKE_PARAMS *pparams) {
+    const InScript in_script;
     return script("", *pparams);
 }
 
@@ -47,6 +70,7 @@ Answer invoke(OMRALIB_HANDLE hdl, const OMRA_INDEX_HDR &header, const std::strin
     Answer answer;
     answer.status =
         Omralib_invoke(hdl, 0, request.data(), static_cast<unsigned int>(request.size()), &len);
+    wait_for_scripts_to_end();
     if (answer.status == OMRALIB_RET_SUCCESS) {
         EXPECT_EQ(sizeof answer.result, len);
         EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(hdl, &answer.result, len));
@@ -202,11 +226,8 @@ TEST_P(Invocations, EndAtTheirDeadlineAndIgnoreWhatComesLate) {
     clock_.advance(10 * millis_per_second - 1);
     EXPECT_EQ(std::future_status::timeout, answer.wait_for(std::chrono::seconds(0)));
     clock_.advance(1);
-    const Answer got = answer.get();
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, got.status);
-    EXPECT_EQ(0u, got.result.num_successful);
-    EXPECT_EQ(3u, got.result.num_failed);
-    EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(got.result.results_key));
+    EXPECT_EQ(OMRALIB_ERR_INVOKE_TIMEOUT, answer.get().status);
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_handle_ready(hdl_));
     EXPECT_EQ("status -109", get(hdl_, params_.results_key));
 
     /* The host goes on and finishes: nothing of it stays. */

@@ -45,7 +45,8 @@ std::string notation(const Condition &condition) {
     }
     std::string text = condition.kind == Condition::Kind::all_of ? "all(" : "any(";
     for (const Condition &part : condition.parts) {
-        text += (text.back() == '(' ? "" : " ") + notation(part);
+        text += text.back() == '(' ? "" : " ";
+        text += notation(part);
     }
     return text + ')';
 }

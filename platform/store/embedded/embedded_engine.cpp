@@ -35,8 +35,9 @@ Totals sum_up(const std::vector<Partition *> &partitions) {
 
 EmbeddedEngine::EmbeddedEngine(Clock &clock, const Configuration &configuration)
     : context_{clock, configuration.lock_lease, budget_, waiters_, sweeper_},
-      hosts_(configuration.num_hosts), budget_(configuration.memory_limit), waiters_(clock),
-      directory_(context_), sweeper_(clock, directory_) {}
+      hosts_(configuration.num_hosts, configuration.deliver_inline),
+      budget_(configuration.memory_limit), waiters_(clock), directory_(context_),
+      sweeper_(clock, directory_) {}
 
 /* Objects ----------------------------------------------------------------------------------------
  */
@@ -209,6 +210,11 @@ void EmbeddedEngine::attach(RequestReceiver &receiver, ReplySink &sink, EventRec
     sweeper_.attach(events);
 }
 
+void EmbeddedEngine::detach() {
+    hosts_.detach();
+    sweeper_.stop();
+}
+
 Status EmbeddedEngine::bind_name(std::string_view name, std::uint32_t &app_id_out) {
     const std::lock_guard guard(names_lock_);
     if (names_.contains(name)) {
@@ -255,7 +261,7 @@ std::uint32_t EmbeddedEngine::num_begun(HostId, RequestId request) {
 }
 
 Status EmbeddedEngine::reply(const Reply &reply) {
-    return hosts_.reply(reply);
+    return hosts_.on_reply(reply);
 }
 
 Status EmbeddedEngine::declare_gone(HostId host) {

@@ -26,11 +26,12 @@ public:
     EmbeddedEngine(Clock &clock, const Configuration &configuration);
 
     void attach(RequestReceiver &receiver, ReplySink &sink, EventReceiver &events) override;
-    void detach() override { sweeper_.stop(); }
+    void detach() override;
 
     Status create(const Key &key, const ObjectSpec &spec) override;
     Status read(const Key &key, bool renew, ContentRef &content_out) override;
-    int read_and_lock(const Key &key, bool renew, Millis patience, ContentRef &content_out) override;
+    int read_and_lock(const Key &key, bool renew, Millis patience,
+                      ContentRef &content_out) override;
     Status renew_lock(const Key &key, int ticket) override;
     Status update(const Key &key, int ticket, bool unlock, bool renew, Bytes bytes) override;
     Status unlock(const Key &key, int ticket) override;

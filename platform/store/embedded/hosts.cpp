@@ -9,6 +9,9 @@ namespace store {
 void Hosts::attach(RequestReceiver &receiver, ReplySink &sink) {
     receiver_ = &receiver;
     sink_ = &sink;
+    for (std::uint32_t i = 0; i < num_hosts_ && !deliver_inline_; ++i) {
+        couriers_.push_back(std::make_unique<Courier>(receiver, *this));
+    }
 }
 
 /* Who serves -------------------------------------------------------------------------------------
@@ -64,7 +67,7 @@ Status Hosts::declare_gone(HostId host) {
     }
     std::sort(orphans.begin(), orphans.end());
     for (const RequestId request : orphans) {
-        receiver_->withdraw(first, request);
+        take_back(host, request);
         Reply reply;
         reply.request = request;
         reply.to = first;
@@ -109,8 +112,12 @@ void Hosts::send(HostId host, std::shared_ptr<const Request> request) {
             in_flight_.emplace(request->id, host);
         }
     }
-    if (reachable) {
+    if (reachable && deliver_inline_) {
         receiver_->receive(std::move(request));
+        return;
+    }
+    if (reachable) {
+        couriers_[host - first]->send(std::move(request));
         return;
     }
     Reply reply;
@@ -120,15 +127,28 @@ void Hosts::send(HostId host, std::shared_ptr<const Request> request) {
     sink_->on_reply(reply);
 }
 
-/* False when it is no longer in flight. */
-bool Hosts::take_off(RequestId request) {
+/* The host that has it in flight, which no longer does; 0 when none has. */
+HostId Hosts::take_off(RequestId request) {
     const std::lock_guard guard(lock_);
-    return in_flight_.erase(request) > 0;
+    const auto found = in_flight_.find(request);
+    if (found == in_flight_.end()) {
+        return 0;
+    }
+    const HostId host = found->second;
+    in_flight_.erase(found);
+    return host;
+}
+
+/* From its courier, or from the receiver when it has been handed over. */
+void Hosts::take_back(HostId host, RequestId request) {
+    if (deliver_inline_ || !couriers_[host - first]->take_back(request)) {
+        receiver_->withdraw(first, request);
+    }
 }
 
 void Hosts::withdraw(RequestId request) {
-    if (take_off(request)) {
-        receiver_->withdraw(first, request);
+    if (const HostId host = take_off(request)) {
+        take_back(host, request);
     }
 }
 
@@ -136,8 +156,8 @@ std::uint32_t Hosts::num_begun(RequestId request) {
     return receiver_->num_begun(first, request);
 }
 
-Status Hosts::reply(const Reply &reply) {
-    return take_off(reply.request) ? sink_->on_reply(reply) : OMRALIB_ERR_BAD_ARGS;
+Status Hosts::on_reply(const Reply &reply) {
+    return take_off(reply.request) != 0 ? sink_->on_reply(reply) : OMRALIB_ERR_BAD_ARGS;
 }
 
 } // namespace store
