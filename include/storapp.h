@@ -1,5 +1,6 @@
 /* What the shipped store gives applications beyond storlib.h: objects with index values, replacing,
- * listing and counting, and figures about the store's work. The conventions of storlib.h hold. */
+ * listing and counting; configuration; queries explained; the progress of invocations and their
+ * end; figures about the store's work. The conventions of storlib.h hold. */
 #pragma once
 
 #include "storlib.h"
@@ -46,16 +47,112 @@ int Omralib_count_objs(OMRALIB_HANDLE hdl, unsigned int app_id, ULONGLONG *pcoun
 typedef int (*OMRALIB_KEY_FUNC)(const OMRA_OBJKEY *pkey, void *parg);
 int Omralib_list_objs(OMRALIB_HANDLE hdl, unsigned int app_id, OMRALIB_KEY_FUNC pfunc, void *parg);
 
-/* Figures since the process started, of all handles together; each is exact once the calls that it
- * counts have returned. */
+/* Configuration ------------------------------------------------------------------------------- */
+
+/* How the store of this process is set up. A member that is 0 (NULL) means its default. */
+typedef struct OMRALIB_CONFIG {
+    const char *engine_url;    /* "embedded:"; default: environment OMRA_STORE, else "embedded:" */
+    unsigned int num_hosts;    /* hosts that the embedded engine plays, 1 to 64; default 1 */
+    unsigned int lock_lease_s; /* seconds that a lock outlives its holder; default 60 */
+    unsigned int max_invocations; /* that run at once; default 64. Others wait their turn, first
+                                     come first served, while their time-outs run */
+    ULONGLONG memory_limit; /* bytes; default: none. An object counts its own plus 128, and 128
+                             * for each of its index values */
+} OMRALIB_CONFIG;
+
+/* Configures the store, before its first use: OMRALIB_ERR_CANT_INIT once it has been used.
+ * OMRALIB_ERR_BAD_ARGS for a value that is not allowed; Omralib_get_error_text with
+ * OMRALIB_NULL_HANDLE then says which, and what is. After a failure the store may be configured
+ * again. */
+int Omralib_configure(const OMRALIB_CONFIG *pconfig);
+
+/* What went wrong last on `hdl`, in words, when there is more to say than the status code does: for
+ * example "at 17: expected a number or a string after '<'". Copies at most `buf_len` - 1 bytes and
+ * a zero to `pbuf`; the text is empty when the last failing operation had nothing to add. May be
+ * called while a read is pending. With OMRALIB_NULL_HANDLE: of the calling thread's last
+ * Omralib_configure or Omralib_init. */
+int Omralib_get_error_text(OMRALIB_HANDLE hdl, char *pbuf, unsigned int buf_len);
+
+/* Queries ------------------------------------------------------------------------------------- */
+
+/* Writes, as lines of text, how the query (as in a pass-through request; NULL and 0: all objects)
+ * would be answered for the objects of `app_id`: the terms, the cheapest first, with the number of
+ * objects that each is expected to give, and which of them are looked up in an index. Truncated to
+ * `buf_len` - 1 bytes and a zero. OMRALIB_ERR_BAD_QUERY as for an invocation. */
+int Omralib_explain_query(OMRALIB_HANDLE hdl, unsigned int app_id, const void *pquery,
+                          unsigned int query_len, char *pbuf, unsigned int buf_len);
+
+/* Invocations --------------------------------------------------------------------------------- */
+
+typedef struct OMRALIB_PROGRESS {
+    ULONGLONG num_matched; /* objects */
+    ULONGLONG num_done;    /* objects, failed ones included; goes back when a host is lost */
+    ULONGLONG num_failed;  /* objects known to have failed */
+    unsigned int num_hosts;
+    unsigned int num_hosts_done;
+} OMRALIB_PROGRESS;
+
+/* Calls `pfunc` (NULL: no longer) during invocations on `hdl`, on the invoking thread, at most ten
+ * times a second and once at the end, when it is too late for cancelling. What a host has begun to
+ * read counts as done before the host has reported it. `pfunc` may call Omralib_cancel_invoke, but
+ * not use `hdl` otherwise. */
+typedef void (*OMRALIB_PROGRESS_FUNC)(const OMRALIB_PROGRESS *pprogress, void *parg);
+int Omralib_set_progress_func(OMRALIB_HANDLE hdl, OMRALIB_PROGRESS_FUNC pfunc, void *parg);
+
+/* Ends the invocation that runs, or waits for its turn, on `hdl`, from any thread and while `hdl`
+ * is in use: it answers OMRALIB_ERR_CANCELLED, and hosts drop what they have not begun. Success
+ * also when none runs. */
+int Omralib_cancel_invoke(OMRALIB_HANDLE hdl);
+
+/* Hosts ---------------------------------------------------------------------------------------
+
+ * A host that refuses a request for the moment is asked again, with pauses from 10 ms to 1 s; after
+ * eight of them another host gets the request, as it does at once when the host is gone or refuses
+ * for good. A host is given up as silent when half of the time that an invocation had left at the
+ * sending has passed without a word, the others have taken less than half as long, and one of them
+ * has nothing to do; without a time-out it is waited for until it is declared gone. What another
+ * host has taken over may be evaluated twice; it counts once. Objects that no host takes count as
+ * failed. */
+
+/* Declares a host gone: its requests are given to other hosts, what it did for them does not count,
+ * and it gets no new ones. In the embedded engine hosts are numbered from 1 and their objects stay
+ * readable. OMRALIB_ERR_BAD_ARGS for a host that there is not. */
+int Omralib_declare_host_gone(unsigned int host_id);
+
+/* Events -------------------------------------------------------------------------------------- */
+
+/* Event codes of the event callbacks. The event reaches the process that handles the object's app
+ * id, after the object has gone. */
+#define OMRALIB_EVENT_EXPIRED 1u
+
+/* Figures ------------------------------------------------------------------------------------- */
+
+/* Since the process started, of all handles together; each is exact once the calls that it counts
+ * have returned. */
 typedef struct OMRALIB_STATS {
-    ULONGLONG num_objects;     /* stored now */
-    ULONGLONG num_bytes;       /* of their contents */
-    ULONGLONG num_reads;       /* successful reads of objects, locked ones included */
-    ULONGLONG num_invocations; /* finished */
+    ULONGLONG num_objects;             /* stored now */
+    ULONGLONG num_bytes;               /* of their contents */
+    ULONGLONG num_reads;               /* successful reads of objects, locked ones included */
+    ULONGLONG num_invocations;         /* finished */
+    ULONGLONG num_invocations_running; /* now, waiting ones included */
+    ULONGLONG num_evaluated;           /* objects, successfully or not */
+    ULONGLONG num_folds;               /* merge requests that counted */
+    ULONGLONG num_refusals;            /* requests that a host refused */
+    ULONGLONG num_retries;             /* requests sent once more, to the same host or another */
+    ULONGLONG num_lock_waits;          /* reads under lock that had to wait */
+    ULONGLONG num_expired;             /* objects */
+    ULONGLONG invocation_us;           /* spent by finished invocations, microseconds */
 } OMRALIB_STATS;
 
 int Omralib_get_stats(OMRALIB_STATS *pstats_out);
+
+typedef struct OMRALIB_APP_STATS {
+    ULONGLONG num_objects;
+    ULONGLONG num_bytes; /* of their contents */
+} OMRALIB_APP_STATS;
+
+/* OMRALIB_ALL_APP_IDS: of all ordinary app ids. */
+int Omralib_get_app_stats(unsigned int app_id, OMRALIB_APP_STATS *pstats_out);
 
 #ifdef __cplusplus
 }

@@ -40,7 +40,8 @@ extern "C" {
     X(OMRALIB_ERR_NO_WORKER, -120, "no process handles invocations for this app id")               \
     X(OMRALIB_ERR_BAD_QUERY, -121, "the query is not valid")                                       \
     X(OMRALIB_ERR_LOCK_LOST, -122, "the lock ticket is no longer valid")                           \
-    X(OMRALIB_ERR_NO_SPACE, -123, "the store's memory limit is reached")
+    X(OMRALIB_ERR_NO_SPACE, -123, "the store's memory limit is reached")                           \
+    X(OMRALIB_ERR_CANCELLED, -124, "the invocation was cancelled")
 
 enum {
 #define OMRALIB_STATUS_ENUM(name, value, text) name = (value),

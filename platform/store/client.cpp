@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <string>
+#include <string_view>
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -36,11 +38,35 @@ int with_handle(OMRALIB_HANDLE hdl, Operation operation) noexcept {
     if (use.status() != OMRALIB_RET_SUCCESS) {
         return use.status();
     }
+    int status = OMRALIB_ERR_NO_SPACE;
     try {
-        return operation(*store, use);
+        status = operation(*store, use);
     } catch (const std::bad_alloc &) {
-        return OMRALIB_ERR_NO_SPACE;
+        /* The store is as it was. */
     }
+    if (status < 0) {
+        use.note_failure();
+    }
+    return status;
+}
+
+/* Why this thread's last attempt to configure or open the store failed; empty after a success. */
+thread_local std::string opening_text;
+
+Store *open_or_explain() noexcept {
+    opening_text.clear();
+    return open_store(opening_text);
+}
+
+/* Copies as much of `text` as there is room for, and a zero. */
+int copy_text(std::string_view text, char *pbuf, unsigned int buf_len) {
+    if (pbuf == nullptr || buf_len == 0) {
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    const std::size_t len = std::min<std::size_t>(text.size(), buf_len - 1);
+    std::copy_n(text.data(), len, pbuf);
+    pbuf[len] = '\0';
+    return OMRALIB_RET_SUCCESS;
 }
 
 Bytes as_bytes(const void *pdata, unsigned int data_len) {
@@ -59,20 +85,11 @@ void hand_over(HandleUse &use, ContentRef content, unsigned int *pdata_len_out) 
     }
 }
 
-/* The held lock `ticket` of `key`, or the end of the list. A ticket is worth nothing on any handle
- * but the one that took it. */
-std::vector<HeldLock>::iterator find_lock(HandleUse &use, const Key &key, int ticket) {
-    return std::find_if(use->locks.begin(), use->locks.end(), [&](const HeldLock &held) {
-        return held.ticket == ticket && order_of(held.key, key) == 0;
-    });
-}
-
 /* Drops a held lock from the handle's list when `status` says that it is gone. */
-int drop_lock_if_gone(HandleUse &use, std::vector<HeldLock>::iterator held, bool released,
-                      int status) {
+int drop_lock_if_gone(HandleUse &use, const Key &key, int ticket, bool released, int status) {
     if ((status == OMRALIB_RET_SUCCESS && released) || status == OMRALIB_ERR_LOCK_LOST ||
         status == OMRALIB_ERR_OBJ_NOT_FOUND) {
-        use->locks.erase(held);
+        use->locks.drop(key, ticket);
     }
     return status;
 }
@@ -134,17 +151,47 @@ unsigned int find_host_addr() {
 
 using namespace store;
 
+/* Configuration ----------------------------------------------------------------------------------
+ */
+
+int Omralib_configure(const OMRALIB_CONFIG *pconfig) {
+    try {
+        opening_text.clear();
+        if (pconfig == nullptr) {
+            opening_text = "pconfig is NULL";
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        return configure_store(*pconfig, opening_text);
+    } catch (const std::bad_alloc &) {
+        return OMRALIB_ERR_NO_SPACE;
+    }
+}
+
+/* Takes the handle without with_handle(), since a bad buffer must not cost the text. */
+int Omralib_get_error_text(OMRALIB_HANDLE hdl, char *pbuf, unsigned int buf_len) {
+    if (hdl == OMRALIB_NULL_HANDLE) {
+        return copy_text(opening_text, pbuf, buf_len);
+    }
+    Store *store = current_store();
+    if (store == nullptr) {
+        return OMRALIB_ERR_BAD_HANDLE;
+    }
+    const HandleUse use(store->handles, hdl);
+    return use.status() == OMRALIB_RET_SUCCESS ? copy_text(use->error_text, pbuf, buf_len)
+                                               : use.status();
+}
+
 /* Connection -------------------------------------------------------------------------------------
  */
 
 int Omralib_init(void) {
-    return open_store() != nullptr ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_CANT_INIT;
+    return open_or_explain() != nullptr ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_CANT_INIT;
 }
 
 void Omralib_use_large_keys(void) {}
 
 OMRALIB_HANDLE Omralib_open_ext(const char *pguid) {
-    Store *store = open_store();
+    Store *store = open_or_explain();
     if (store == nullptr) {
         return OMRALIB_NULL_HANDLE;
     }
@@ -161,7 +208,7 @@ OMRALIB_HANDLE Omralib_open_ext(const char *pguid) {
 
 int Omralib_close(OMRALIB_HANDLE hdl) {
     return with_handle(hdl, [&](Store &store, HandleUse &use) {
-        for (const HeldLock &held : use->locks) {
+        for (const HeldLock &held : use->locks.all()) {
             store.engine().unlock(held.key, held.ticket);
         }
         store.handles.close(hdl, use.slot());
@@ -185,7 +232,7 @@ unsigned int Omralib_get_host_addr(void) {
  */
 
 int Omralib_register_cb(unsigned int cb_type, OMRALIB_CB cb) {
-    Store *store = open_store();
+    Store *store = open_or_explain();
     return store != nullptr ? store->server.set_callback(cb_type, cb) : OMRALIB_ERR_CANT_INIT;
 }
 
@@ -249,6 +296,9 @@ int Omralib_read_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned int *pda
         if (is_null(named.key)) {
             return OMRALIB_ERR_BAD_KEY;
         }
+        if (store.server.is_noticing() && !store.server.note_read(use->guid, named.key)) {
+            return OMRALIB_ERR_OBJ_NOT_FOUND;
+        }
         ContentRef content;
         const Status status = store.engine().read(named.key, named.renew, content);
         if (status == OMRALIB_RET_SUCCESS) {
@@ -299,11 +349,15 @@ int Omralib_read_and_lock_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned
         if (is_null(named.key)) {
             return OMRALIB_ERR_BAD_KEY;
         }
-        use->locks.reserve(use->locks.size() + 1);
+        use->locks.prepare();
+        /* Waiting for a lock of its own would be in vain. */
+        const Millis patience =
+            use->locks.contains(named.key) ? 0 : store.configuration().lock_patience;
         ContentRef content;
-        const int ticket = store.engine().read_and_lock(named.key, named.renew, content);
+        const int ticket = store.engine().read_and_lock(named.key, named.renew, patience, content);
         if (ticket > 0) {
-            use->locks.push_back({named.key, ticket});
+            use->locks.add({named.key, ticket});
+            store.leases.note_lock();
             hand_over(use, std::move(content), pdata_len_out);
             use->count_read();
         }
@@ -323,13 +377,13 @@ int Omralib_update_locked_obj(OMRALIB_HANDLE hdl, int lock_tkt, unsigned int unl
         if (is_null(named.key)) {
             return OMRALIB_ERR_BAD_KEY;
         }
-        const auto held = find_lock(use, named.key, lock_tkt);
-        if (held == use->locks.end()) {
+        /* A ticket is worth nothing on any handle but the one that took it. */
+        if (!use->locks.contains(named.key, lock_tkt)) {
             return OMRALIB_ERR_LOCK_LOST;
         }
         const Status status = store.engine().update(named.key, lock_tkt, unlock == 1, named.renew,
                                                     as_bytes(pdata, data_len));
-        return drop_lock_if_gone(use, held, unlock == 1, status);
+        return drop_lock_if_gone(use, named.key, lock_tkt, unlock == 1, status);
     });
 }
 
@@ -340,11 +394,11 @@ int Omralib_unlock_obj(OMRALIB_HANDLE hdl, int lock_tkt, unsigned int options, O
         if (is_null(named.key)) {
             return OMRALIB_ERR_BAD_KEY;
         }
-        const auto held = find_lock(use, named.key, lock_tkt);
-        if (held == use->locks.end()) {
+        if (!use->locks.contains(named.key, lock_tkt)) {
             return OMRALIB_ERR_LOCK_LOST;
         }
-        return drop_lock_if_gone(use, held, true, store.engine().unlock(named.key, lock_tkt));
+        const Status status = store.engine().unlock(named.key, lock_tkt);
+        return drop_lock_if_gone(use, named.key, lock_tkt, true, status);
     });
 }
 
@@ -364,7 +418,8 @@ int Omralib_count_objs(OMRALIB_HANDLE hdl, unsigned int app_id, ULONGLONG *pcoun
         if (pcount_out == nullptr) {
             return OMRALIB_ERR_BAD_ARGS;
         }
-        return store.engine().count(app_id, *pcount_out);
+        *pcount_out = store.engine().totals_of(app_id).num_objects;
+        return OMRALIB_RET_SUCCESS;
     });
 }
 
@@ -389,6 +444,27 @@ int Omralib_list_objs(OMRALIB_HANDLE hdl, unsigned int app_id, OMRALIB_KEY_FUNC 
     });
 }
 
+/* Queries ----------------------------------------------------------------------------------------
+ */
+
+int Omralib_explain_query(OMRALIB_HANDLE hdl, unsigned int app_id, const void *pquery,
+                          unsigned int query_len, char *pbuf, unsigned int buf_len) {
+    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        if (!valid_data(pquery, query_len) || pbuf == nullptr || buf_len == 0) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        std::string text;
+        std::string why;
+        const Status status =
+            explain_query(store.engine(), app_id, as_bytes(pquery, query_len), text, why);
+        if (status != OMRALIB_RET_SUCCESS) {
+            use.explain(std::move(why));
+            return status;
+        }
+        return copy_text(text, pbuf, buf_len);
+    });
+}
+
 /* Invocations ------------------------------------------------------------------------------------
  */
 
@@ -403,17 +479,42 @@ int Omralib_invoke(OMRALIB_HANDLE hdl, unsigned int options, const void *preq, u
             return OMRALIB_ERR_OBJ_READING;
         }
         InvokeOrder order;
-        Status status = parse_request(as_bytes(preq, req_len), order);
+        std::string why;
+        Status status = parse_request(as_bytes(preq, req_len), order, why);
         if (status != OMRALIB_RET_SUCCESS) {
+            use.explain(std::move(why));
             return status;
         }
         OMRA_INVOKE_RESULT result;
-        status = store.invocations.run(order, result);
+        status = store.invocations.run(order, {hdl, use->progress, use->progress_arg}, result);
         if (status == OMRALIB_RET_SUCCESS) {
             hand_over(use, make_content(as_bytes(&result, sizeof result)), presult_len_out);
         }
         return status;
     });
+}
+
+int Omralib_set_progress_func(OMRALIB_HANDLE hdl, OMRALIB_PROGRESS_FUNC pfunc, void *parg) {
+    return with_handle(hdl, [&](Store &, HandleUse &use) -> int {
+        use->progress = pfunc;
+        use->progress_arg = parg;
+        return OMRALIB_RET_SUCCESS;
+    });
+}
+
+/* Without taking the handle, which the invocation has. */
+int Omralib_cancel_invoke(OMRALIB_HANDLE hdl) {
+    Store *store = current_store();
+    if (store == nullptr || !store->handles.is_open(hdl)) {
+        return OMRALIB_ERR_BAD_HANDLE;
+    }
+    store->invocations.cancel(hdl);
+    return OMRALIB_RET_SUCCESS;
+}
+
+int Omralib_declare_host_gone(unsigned int host_id) {
+    Store *store = open_or_explain();
+    return store != nullptr ? store->engine().declare_gone(host_id) : OMRALIB_ERR_CANT_INIT;
 }
 
 int Omralib_get_invoke_keys(unsigned int context, OMRA_OBJKEY *pkeys, unsigned int num_keys) {
@@ -440,7 +541,7 @@ int Omralib_flush_invoke(unsigned int context) {
  */
 
 int Omralib_get_stats(OMRALIB_STATS *pstats_out) {
-    Store *store = open_store();
+    Store *store = open_or_explain();
     if (store == nullptr) {
         return OMRALIB_ERR_CANT_INIT;
     }
@@ -451,6 +552,29 @@ int Omralib_get_stats(OMRALIB_STATS *pstats_out) {
     pstats_out->num_objects = totals.num_objects;
     pstats_out->num_bytes = totals.num_bytes;
     pstats_out->num_reads = store->handles.num_reads();
-    pstats_out->num_invocations = store->invocations.num_finished();
+    const Activity activity = store->engine().activity();
+    pstats_out->num_lock_waits = activity.num_lock_waits;
+    pstats_out->num_expired = activity.num_expired;
+    const InvocationFigures &invocations = store->invocations.figures();
+    pstats_out->num_invocations = invocations.num_finished;
+    pstats_out->num_invocations_running = invocations.num_running;
+    pstats_out->num_evaluated = invocations.num_evaluated;
+    pstats_out->num_folds = invocations.num_folds;
+    pstats_out->num_refusals = invocations.num_refusals;
+    pstats_out->num_retries = invocations.num_retries;
+    pstats_out->invocation_us = invocations.time_us;
+    return OMRALIB_RET_SUCCESS;
+}
+
+int Omralib_get_app_stats(unsigned int app_id, OMRALIB_APP_STATS *pstats_out) {
+    Store *store = open_or_explain();
+    if (store == nullptr) {
+        return OMRALIB_ERR_CANT_INIT;
+    }
+    if (pstats_out == nullptr) {
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    const Totals totals = store->engine().totals_of(app_id);
+    *pstats_out = {totals.num_objects, totals.num_bytes};
     return OMRALIB_RET_SUCCESS;
 }

@@ -16,7 +16,7 @@ namespace store {
  * long as the block needs no destructor: the last reference gives it back with operator delete. */
 class Content {
 public:
-    Content(std::uint32_t length, std::uint32_t offset) : length_(length), offset_(offset) {}
+    Content(std::uint32_t length, std::uint16_t offset) : length_(length), offset_(offset) {}
     Content(const Content &) = delete;
     Content &operator=(const Content &) = delete;
 
@@ -38,7 +38,7 @@ protected:
 private:
     std::atomic<std::uint32_t> refs_{1};
     const std::uint32_t length_;
-    const std::uint32_t offset_; /* of the bytes, from the start of the block */
+    const std::uint16_t offset_; /* of the bytes, from the start of the block */
 };
 
 /* Holds one reference to a T, which is a Content, or none. */

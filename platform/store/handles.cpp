@@ -42,7 +42,9 @@ OMRALIB_HANDLE HandleTable::open(const Guid &guid) {
 
 void HandleTable::close(OMRALIB_HANDLE hdl, HandleSlot &slot) {
     slot.pending.reset();
-    slot.locks = {};
+    slot.locks.clear();
+    slot.progress = nullptr;
+    slot.error_text = {};
     std::uint32_t generation = (hdl >> index_bits) + 1;
     if (generation > index_mask) {
         generation = 1;
@@ -52,15 +54,27 @@ void HandleTable::close(OMRALIB_HANDLE hdl, HandleSlot &slot) {
     slot.state.store(generation << 2, std::memory_order_release);
 }
 
-std::uint64_t HandleTable::num_reads() const {
-    std::uint64_t sum = 0;
+template <typename Visit>
+void HandleTable::for_each_slot(Visit visit) const {
     const std::uint32_t num_slots = num_slots_.load(std::memory_order_acquire);
     for (std::uint32_t i = 0; i < num_slots; ++i) {
         if (const HandleSlot *slot = slot_of(i)) {
-            sum += slot->num_reads.load(std::memory_order_relaxed);
+            visit(*slot);
         }
     }
+}
+
+std::uint64_t HandleTable::num_reads() const {
+    std::uint64_t sum = 0;
+    for_each_slot(
+        [&](const HandleSlot &slot) { sum += slot.num_reads.load(std::memory_order_relaxed); });
     return sum;
+}
+
+std::vector<HeldLock> HandleTable::held_locks() const {
+    std::vector<HeldLock> held;
+    for_each_slot([&](const HandleSlot &slot) { slot.locks.append_to(held); });
+    return held;
 }
 
 } // namespace store

@@ -12,20 +12,16 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "contracts.h"
 #include "engine.h"
+#include "held_locks.h"
 
 namespace store {
 
 using Guid = std::array<char, OMRALIB_GUID_LEN>;
-
-/* A lock taken through a handle and not given back through it. */
-struct HeldLock {
-    Key key;
-    int ticket;
-};
 
 struct alignas(64) HandleSlot {
     /* Self-synchronised: generation << 2 | busy << 1 | open. */
@@ -35,8 +31,12 @@ struct alignas(64) HandleSlot {
 
     /* Of the call that has the handle. */
     ContentRef pending;
-    std::vector<HeldLock> locks;
+    std::string error_text; /* more about what failed last; see HandleUse::explain */
     Guid guid{};
+    OMRALIB_PROGRESS_FUNC progress = nullptr; /* called during its invocations */
+    void *progress_arg = nullptr;
+
+    HeldLocks locks; /* changed by the call that has the handle, read by anyone */
 
     void count_read() {
         num_reads.store(num_reads.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -65,8 +65,18 @@ public:
     /* Successful reads through all handles, closed ones included. */
     std::uint64_t num_reads() const;
 
+    /* The locks that are held through all handles. Throws std::bad_alloc. */
+    std::vector<HeldLock> held_locks() const;
+
     static constexpr std::uint32_t open_bit = 1;
     static constexpr std::uint32_t busy_bit = 2;
+
+    /* Whether a handle is open; it may be in use, and may be closed at any time. */
+    bool is_open(OMRALIB_HANDLE hdl) const {
+        const HandleSlot *slot = slot_of(hdl);
+        return slot != nullptr &&
+               (slot->state.load(std::memory_order_acquire) & ~busy_bit) == idle_state(hdl);
+    }
 
     /* The state of the slot of an open handle that nobody is using. */
     static constexpr std::uint32_t idle_state(OMRALIB_HANDLE hdl) {
@@ -81,6 +91,8 @@ private:
     static constexpr std::uint32_t max_slots = index_mask;
 
     std::uint32_t take_free_index();
+    template <typename Visit>
+    void for_each_slot(Visit visit) const;
 
     std::array<std::atomic<HandleSlot *>, (1u << index_bits) / chunk_slots> chunks_{};
 
@@ -118,12 +130,26 @@ public:
     HandleSlot *operator->() const { return slot_; }
     HandleSlot &slot() const { return *slot_; }
 
+    /* Says more than the status code, which this call is about to answer, can say. */
+    void explain(std::string text) noexcept {
+        slot_->error_text = std::move(text);
+        explained_ = true;
+    }
+
+    /* The call fails: unless it has explained why, there is no more to say. */
+    void note_failure() {
+        if (!explained_ && slot_ != nullptr) {
+            slot_->error_text.clear();
+        }
+    }
+
     /* The handle has been closed: its slot is no longer this call's. */
     void forget() { slot_ = nullptr; }
 
 private:
     HandleSlot *slot_ = nullptr;
     std::uint32_t idle_;
+    bool explained_ = false;
     Status status_ = OMRALIB_ERR_BAD_HANDLE;
 };
 

@@ -1,304 +1,341 @@
 #include "invocation.h"
 
 #include <algorithm>
-#include <random>
+#include <chrono>
+#include <deque>
+#include <new>
 #include <vector>
 
-#include "sys_util.h"
+#include "answer.h"
+#include "folding.h"
 
 namespace store {
 
 namespace {
 
-/* Kinds of object in the reserved app id, told apart by the flags of their keys. */
-constexpr unsigned char results_kind = 0x10;
-constexpr unsigned char exceptions_kind = 0x11;
+constexpr Millis report_pause = 100; /* between two calls of a progress function */
+constexpr Millis renewal_pause =
+    millis_per_minute / 2; /* hosts' objects stay for a minute or more */
 
-OMRA_OBJID random_id() {
-    std::random_device source;
-    OMRA_OBJID id{};
-    for (ULONG &word : id.u32_comp) {
-        word = source();
-    }
-    return id;
-}
-
-/* Why objects count as failed that no user function has seen. */
-void trace_refusal(HostId host, std::uint32_t num_keys, const Reply &reply) {
-    if (sys_trace_level < 0) {
-        return;
-    }
-    if (reply.kind == Reply::Kind::host_gone) {
-        Sys_trace_int("Omralib: host %u has gone; its %u object(s) count as failed.\n", host,
-                      num_keys);
-    } else {
-        Sys_trace_int("Omralib: host %u refused its request (%d); its %u object(s) count as "
-                      "failed.\n",
-                      host, reply.refusal, num_keys);
-    }
-}
-
-/* What one host is asked to do, and what has become of it. */
-struct Part {
-    enum class State { open, completed, failed };
-
-    HostId host = 0;
-    RequestId request = 0;
-    std::uint32_t num_keys = 0;
-
-    /* Guarded by the lock of Invocations. */
-    State state = State::open;
-    std::uint32_t num_successful = 0;
-};
-
-} // namespace
-
+/* One invocation that has got its turn. */
 class Invocation {
 public:
-    Invocation(Invocations &room, const InvokeOrder &order) : room_(room), order_(order) {}
+    Invocation(InvocationRoom &room, const InvokeOrder &order, const Invoker &invoker, Mailbox &box,
+               Millis deadline)
+        : room_(room), order_(order), invoker_(invoker), box_(box), deadline_(deadline),
+          delivery_(room, order, box, deadline, invoker.progress != nullptr),
+          folding_(room, delivery_) {}
     Invocation(const Invocation &) = delete;
     Invocation &operator=(const Invocation &) = delete;
-    ~Invocation() { withdraw_open_parts(); }
+    ~Invocation();
 
     Status plan();
-    void deliver();
-    Status wait();
+    Status work();
     OMRA_INVOKE_RESULT answer();
-    void remove_objects();
-
-    /* Called under the lock of Invocations. */
-    void note_reply(std::size_t index, const Reply &reply);
-    void wake() { wake_.notify_all(); }
+    void report();
 
 private:
-    Status find_shares();
-    std::shared_ptr<Request> make_request(std::vector<Key> keys) const;
-    Key key_if_made(const Key &key) const;
-    void withdraw_open_parts();
+    void add_part(Share share);
+    void settle_ended();
+    void settle(const Task &task);
+    void rest();
+    void renew();
+    std::vector<Key> exceptions_keys() const;
+    OMRALIB_PROGRESS progress() const;
+    void discard();
 
-    Invocations &room_;
+    InvocationRoom &room_;
     const InvokeOrder &order_;
+    const Invoker &invoker_;
+    Mailbox &box_;
+    const Millis deadline_;
 
-    /* Constant after plan(). */
-    Millis deadline_ = never;
-    Key results_key_{};
-    Key exceptions_key_{};
-    std::vector<Share> shares_; /* emptied by deliver() */
-
-    /* The parts themselves stay where they are after deliver() has made them. */
-    std::vector<Part> parts_;
-    std::size_t num_open_ = 0; /* guarded by the lock of Invocations */
-    std::condition_variable wake_;
+    std::deque<Task>
+        parts_; /* the tasks that evaluate; constant after plan() but for their states */
+    Delivery delivery_;
+    Folding folding_;
+    std::vector<Key> fold_exceptions_;
+    Millis next_report_ = 0;
+    Millis next_renewal_ = never;
+    bool answered_ = false;
 };
+
+/* How many objects of a task that is over have been evaluated successfully. */
+std::uint32_t num_successful(const Task &part) {
+    return part.state == Task::State::completed ? std::min(part.num_successful, part.num_keys())
+                                                : 0;
+}
+
+Invocation::~Invocation() {
+    try {
+        if (!answered_) {
+            discard();
+        }
+    } catch (const std::bad_alloc &) {
+        /* What could not be removed goes when its time-out has passed. */
+    }
+}
 
 /* Plan -------------------------------------------------------------------------------------------
  */
 
-Status Invocation::plan() {
-    if (order_.header.invoke_timeout != 0) {
-        deadline_ = room_.clock_.now() + order_.header.invoke_timeout * millis_per_second;
-    }
-    const Status status = find_shares();
-    if (status == OMRALIB_RET_SUCCESS) {
-        /* All hosts of an invocation merge into the same two objects, under their locks. */
-        results_key_ = room_.make_key(results_kind);
-        exceptions_key_ = room_.make_key(exceptions_kind);
-    }
-    return status;
+void Invocation::add_part(Share share) {
+    Task &part = parts_.emplace_back();
+    part.host = share.host;
+    part.keys = std::make_shared<const std::vector<Key>>(std::move(share.keys));
+    delivery_.add(part);
 }
 
-Status Invocation::find_shares() {
-    const std::uint32_t event_app_id = order_.header.reserved2;
-    Engine &engine = room_.engine_;
-    const bool anyone = order_.is_invoke_once() && event_app_id == MGTI_APPID_INVOKE_ONCE;
-    const std::vector<HostId> hosts =
-        anyone ? engine.hosts_serving_any() : engine.hosts_serving(event_app_id);
+Status Invocation::plan() {
+    const std::vector<HostId> hosts = delivery_.hosts();
     if (hosts.empty()) {
         return OMRALIB_ERR_NO_WORKER;
     }
     if (order_.is_invoke_once()) {
-        shares_.push_back({hosts.front(), {Key{}}});
+        add_part({hosts.front(), {Key{}}});
         return OMRALIB_RET_SUCCESS;
     }
     std::vector<Key> keys;
-    const Status status = engine.find(order_.selection, keys);
+    const Status status = room_.engine.find(order_.selection, keys);
     if (status == OMRALIB_RET_SUCCESS && !keys.empty()) {
-        shares_ = engine.share_out(std::move(keys), hosts);
+        for (Share &share : room_.engine.share_out(std::move(keys), hosts)) {
+            add_part(std::move(share));
+        }
     }
     return status;
 }
 
-/* Deliver ----------------------------------------------------------------------------------------
+/* Deliver and fold -------------------------------------------------------------------------------
  */
 
-std::shared_ptr<Request> Invocation::make_request(std::vector<Key> keys) const {
-    const OMRA_INDEX_HDR &header = order_.header;
-    auto request = std::make_shared<Request>();
-    request->id = room_.next_request_++;
-    request->sender = room_.engine_.this_host();
-    request->event_app_id = header.reserved2;
-    request->params.app_id = header.app_id;
-    request->params.invoke_op = header.invoke_op;
-    request->params.merge_op = header.merge_op;
-    request->params.num_keys = static_cast<int>(keys.size());
-    request->params.invoke_timeout = header.invoke_timeout;
-    request->params.svr_host_id = request->sender;
-    request->params.params_key = header.params_key;
-    request->params.results_key = results_key_;
-    request->params.exceptions_key = exceptions_key_;
-    request->params.immediate_params = header.immediate_params;
-    request->keys = std::move(keys);
-    return request;
-}
-
-void Invocation::deliver() {
-    std::vector<std::shared_ptr<const Request>> requests;
-    for (Share &share : shares_) {
-        const auto num_keys = static_cast<std::uint32_t>(share.keys.size());
-        requests.push_back(make_request(std::move(share.keys)));
-        parts_.push_back({share.host, requests.back()->id, num_keys});
-    }
-    shares_.clear();
-    {
-        const std::lock_guard guard(room_.lock_);
-        for (std::size_t i = 0; i < parts_.size(); ++i) {
-            room_.waiting_.emplace(parts_[i].request, Invocations::Waiting{this, i});
-            ++num_open_;
+/* Until everything is over, with OMRALIB_RET_SUCCESS, or the deadline has come, or the invocation
+ * has been cancelled. */
+Status Invocation::work() {
+    next_renewal_ = room_.clock.now() + renewal_pause;
+    for (;;) {
+        if (room_.mailroom.is_cancelled(box_)) {
+            return OMRALIB_ERR_CANCELLED;
+        }
+        delivery_.take_mail();
+        settle_ended();
+        folding_.start();
+        if (delivery_.is_empty()) {
+            return OMRALIB_RET_SUCCESS;
+        }
+        if (room_.clock.now() >= deadline_) {
+            return OMRALIB_ERR_INVOKE_TIMEOUT;
+        }
+        if (!delivery_.send_next()) {
+            rest();
         }
     }
-    /* The first replies may come while the last requests are still being sent. */
-    for (std::size_t i = 0; i < parts_.size(); ++i) {
-        room_.engine_.send(parts_[i].host, std::move(requests[i]));
+}
+
+void Invocation::settle_ended() {
+    while (const Task *task = delivery_.take_ended()) {
+        settle(*task);
     }
 }
 
-/* Wait -------------------------------------------------------------------------------------------
- */
-
-void Invocation::note_reply(std::size_t index, const Reply &reply) {
-    Part &part = parts_[index];
-    if (reply.kind == Reply::Kind::completed) {
-        part.state = Part::State::completed;
-        part.num_successful = std::min(reply.num_successful, part.num_keys);
-    } else {
-        part.state = Part::State::failed;
-        trace_refusal(part.host, part.num_keys, reply);
-    }
-    if (--num_open_ == 0) {
-        wake();
-    }
-}
-
-/* OMRALIB_ERR_INVOKE_TIMEOUT when some requests are still open at the deadline. */
-Status Invocation::wait() {
-    std::unique_lock lock(room_.lock_);
-    while (num_open_ > 0 && room_.clock_.now() < deadline_) {
-        room_.clock_.wait(lock, wake_, deadline_);
-    }
-    const bool all_answered = num_open_ == 0;
-    lock.unlock();
-    withdraw_open_parts();
-    return all_answered ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_INVOKE_TIMEOUT;
-}
-
-/* From here on no reply reaches this invocation. */
-void Invocation::withdraw_open_parts() {
-    std::vector<const Part *> withdrawn;
-    {
-        const std::lock_guard guard(room_.lock_);
-        for (Part &part : parts_) {
-            if (room_.waiting_.erase(part.request) > 0) {
-                part.state = Part::State::failed;
-                withdrawn.push_back(&part);
-            }
+void Invocation::settle(const Task &task) {
+    if (task.is_fold()) {
+        const Key exceptions_key = task.exceptions_key;
+        if (task.state != Task::State::stopped && folding_.settle(task)) {
+            fold_exceptions_.push_back(exceptions_key);
         }
-        num_open_ = 0;
+    } else if (task.state == Task::State::completed) {
+        room_.figures.num_evaluated += task.num_keys();
+        if (room_.objects.exists(task.results_key)) {
+            folding_.add(task.results_key, num_successful(task));
+        }
     }
-    for (const Part *part : withdrawn) {
-        room_.engine_.withdraw(part->host, part->request);
+}
+
+/* Sleeps until there is something to do. */
+void Invocation::rest() {
+    const Millis now = room_.clock.now();
+    if (invoker_.progress != nullptr && now >= next_report_) {
+        report();
+        next_report_ = now + report_pause;
+    }
+    if (now >= next_renewal_) {
+        renew();
+        next_renewal_ = now + renewal_pause;
+    }
+    Millis until = std::min({deadline_, delivery_.next_due(), next_renewal_});
+    if (invoker_.progress != nullptr) {
+        until = std::min(until, next_report_);
+    }
+    room_.mailroom.wait(box_, until);
+}
+
+/* Keeps what is done from expiring before the slowest host is. */
+void Invocation::renew() {
+    folding_.renew();
+    for (const Key &key : exceptions_keys()) {
+        room_.objects.renew(key);
     }
 }
 
 /* Answer -----------------------------------------------------------------------------------------
  */
 
-Key Invocation::key_if_made(const Key &key) const {
-    return room_.engine_.exists(key) == OMRALIB_RET_SUCCESS ? key : Key{};
+/* Those that there may be: of hosts in the order of their shares, then of folds. */
+std::vector<Key> Invocation::exceptions_keys() const {
+    std::vector<Key> keys;
+    for (const Task &part : parts_) {
+        if (part.state == Task::State::completed) {
+            keys.push_back(part.exceptions_key);
+        }
+    }
+    keys.insert(keys.end(), fold_exceptions_.begin(), fold_exceptions_.end());
+    return keys;
 }
 
 OMRA_INVOKE_RESULT Invocation::answer() {
     OMRA_INVOKE_RESULT result{};
     result.reserved = OMRALIB_INDEX_OP_INVOKE;
-    bool any_completed = false;
-    for (const Part &part : parts_) {
-        any_completed |= part.state == Part::State::completed;
-        result.num_successful += part.num_successful;
-        result.num_failed += part.num_keys - part.num_successful;
+    result.results_key = folding_.finish();
+    std::uint64_t matched = 0;
+    std::uint64_t successful = 0;
+    for (const Task &part : parts_) {
+        matched += part.num_keys();
+        successful += num_successful(part);
     }
-    if (any_completed) {
-        result.results_key = key_if_made(results_key_);
-        result.exceptions_key = key_if_made(exceptions_key_);
-    } else if (!parts_.empty()) {
-        remove_objects();
+    successful -= folding_.num_lost();
+    result.num_successful = static_cast<ULONG>(successful);
+    result.num_failed = static_cast<ULONG>(matched - successful);
+    const std::vector<Key> keys = exceptions_keys();
+    if (result.num_failed != 0) {
+        result.exceptions_key = join_exceptions(room_.objects, keys, delivery_.object_timeout_m());
+    } else {
+        /* Whoever hears of no failure does not ask for exceptions. */
+        for (const Key &key : keys) {
+            room_.objects.remove(key);
+        }
     }
+    answered_ = true;
     return result;
 }
 
-/* What hosts that did not finish have left is no result. */
-void Invocation::remove_objects() {
-    room_.engine_.remove(results_key_);
-    room_.engine_.remove(exceptions_key_);
+void Invocation::discard() {
+    delivery_.stop();
+    settle_ended();
+    folding_.discard();
+    for (const Key &key : exceptions_keys()) {
+        room_.objects.remove(key);
+    }
 }
+
+/* Progress ---------------------------------------------------------------------------------------
+ */
+
+OMRALIB_PROGRESS Invocation::progress() const {
+    OMRALIB_PROGRESS progress{};
+    progress.num_failed = folding_.num_lost();
+    for (const Task &part : parts_) {
+        progress.num_matched += part.num_keys();
+        ++progress.num_hosts;
+        if (part.is_over()) {
+            ++progress.num_hosts_done;
+            progress.num_done += part.num_keys();
+            progress.num_failed += part.num_keys() - num_successful(part);
+        } else if (part.state == Task::State::sent) {
+            progress.num_done += room_.engine.num_begun(part.host, part.request);
+        }
+    }
+    return progress;
+}
+
+void Invocation::report() {
+    if (invoker_.progress != nullptr) {
+        const OMRALIB_PROGRESS now = progress();
+        invoker_.progress(&now, invoker_.progress_arg);
+    }
+}
+
+/* Counts an invocation while it runs. */
+class RunningFigures {
+public:
+    explicit RunningFigures(InvocationFigures &figures) : figures_(figures) {
+        ++figures_.num_running;
+    }
+    RunningFigures(const RunningFigures &) = delete;
+    RunningFigures &operator=(const RunningFigures &) = delete;
+    ~RunningFigures() {
+        using std::chrono::microseconds;
+        const auto time = std::chrono::steady_clock::now() - start_;
+        const auto us = std::chrono::duration_cast<microseconds>(time).count();
+        figures_.time_us += static_cast<std::uint64_t>(us);
+        --figures_.num_running;
+        ++figures_.num_finished;
+    }
+
+private:
+    InvocationFigures &figures_;
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+} // namespace
 
 /* The room ---------------------------------------------------------------------------------------
  */
 
-Invocations::Invocations(Engine &engine, Clock &clock)
-    : engine_(engine), clock_(clock), process_id_(random_id()) {
-    clock_.add_listener([this] {
-        const std::lock_guard guard(lock_);
-        for (auto &[request, waiting] : waiting_) {
-            waiting.invocation->wake();
+/* Makes an invocation known by its handle while it lives. */
+class Invocations::Registration {
+public:
+    Registration(Invocations &room, OMRALIB_HANDLE hdl, Mailbox &box) : room_(room), hdl_(hdl) {
+        const std::lock_guard guard(room_.lock_);
+        room_.by_handle_[hdl_] = &box;
+    }
+    Registration(const Registration &) = delete;
+    Registration &operator=(const Registration &) = delete;
+    ~Registration() {
+        const std::lock_guard guard(room_.lock_);
+        room_.by_handle_.erase(hdl_);
+    }
+
+private:
+    Invocations &room_;
+    const OMRALIB_HANDLE hdl_;
+};
+
+Status Invocations::run(const InvokeOrder &order, const Invoker &invoker,
+                        OMRA_INVOKE_RESULT &result_out) {
+    const RunningFigures running(room_.figures);
+    const Millis timeout = order.header.invoke_timeout * millis_per_second;
+    const Millis deadline = timeout != 0 ? room_.clock.now() + timeout : never;
+    Mailbox box(room_.mailroom);
+    const Registration registration(*this, invoker.hdl, box);
+    const Admission::Place place(admission_, box);
+    while (!place.is_admitted()) {
+        if (room_.mailroom.is_cancelled(box)) {
+            return OMRALIB_ERR_CANCELLED;
         }
-    });
-}
-
-Key Invocations::make_key(unsigned char kind) {
-    Key key{};
-    key.app_id = reserved_app_id;
-    key.flags = kind;
-    key.ext_obj_id = process_id_;
-    key.obj_id.u64_comp[0] = next_key_++;
-    return key;
-}
-
-Status Invocations::run(const InvokeOrder &order, OMRA_INVOKE_RESULT &result_out) {
-    Invocation invocation(*this, order);
+        if (room_.clock.now() >= deadline) {
+            return OMRALIB_ERR_INVOKE_TIMEOUT;
+        }
+        room_.mailroom.wait(box, deadline);
+    }
+    Invocation invocation(room_, order, invoker, box, deadline);
     Status status = invocation.plan();
     if (status != OMRALIB_RET_SUCCESS) {
         return status;
     }
-    invocation.deliver();
-    status = invocation.wait();
+    status = invocation.work();
     if (status == OMRALIB_RET_SUCCESS) {
         result_out = invocation.answer();
-    } else {
-        invocation.remove_objects();
     }
-    ++num_finished_;
+    invocation.report();
     return status;
 }
 
-Status Invocations::on_reply(const Reply &reply) {
+void Invocations::cancel(OMRALIB_HANDLE hdl) {
     const std::lock_guard guard(lock_);
-    const auto found = waiting_.find(reply.request);
-    if (found == waiting_.end()) {
-        return OMRALIB_ERR_BAD_ARGS;
+    const auto found = by_handle_.find(hdl);
+    if (found != by_handle_.end()) {
+        room_.mailroom.cancel(*found->second);
     }
-    const Waiting waiting = found->second;
-    waiting_.erase(found);
-    waiting.invocation->note_reply(waiting.part, reply);
-    return OMRALIB_RET_SUCCESS;
 }
 
 } // namespace store

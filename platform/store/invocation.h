@@ -1,61 +1,72 @@
-/* Invocations as their sender sees them: plan -> deliver -> wait -> fold -> answer.
+/* Invocations as their sender sees them: admit -> plan -> deliver and fold -> answer.
  *
- * Plan finds the objects and divides them among the hosts that serve the app id; deliver sends one
- * request to each; wait lasts until every request has been answered or the deadline has passed;
- * fold brings the partial results together; answer says what came of it. Whatever has not been
- * completed when the deadline has passed is withdrawn: its reply no longer counts, and there is no
- * answer.
+ * Admit waits for a turn; plan finds the objects and divides them among the hosts that serve the
+ * app id; deliver gets one request to each host done, by another host if need be, while fold brings
+ * the partial results together; answer says what came of it. All of that happens on the invoking
+ * thread, which sleeps at its mailbox in between. When the deadline comes first, be it during the
+ * wait for a turn, or the invocation is cancelled, there is no answer, and nothing of it stays. In
+ * an answer, successful and failed objects are always as many as the matching ones: those that no
+ * host could take have failed.
+ *
+ * The rooms of an invocation, each understandable alone:
+ *   admission.h    how many invocations run at once
+ *   mailroom.h     what wakes the invoking thread
+ *   delivery.h     requests, retries, hosts that are gone
+ *   folding.h      partial results
+ *   answer.h       exceptions put together
+ *
+ * Locks, in the order in which they may nest: that of the invocations that run by handle, that of
+ * the admission, that of the mailroom. None is held while an engine, a host or a progress function
+ * is called.
  *
  * Left to others: how objects are found and hosts reached (engine.h), what a host does with a
  * request (server.h), and what is in the results (nobody here looks inside). */
 #pragma once
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 
 #include <absl/container/flat_hash_map.h>
 
+#include "admission.h"
+#include "configuration.h"
+#include "delivery.h"
 #include "engine.h"
 #include "query.h"
 
 namespace store {
 
-class Invocation;
+/* Who invokes, and what it wants to hear meanwhile. */
+struct Invoker {
+    OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE; /* by which cancel() names the invocation */
+    OMRALIB_PROGRESS_FUNC progress = nullptr;
+    void *progress_arg = nullptr;
+};
 
 class Invocations final : public ReplySink {
 public:
-    Invocations(Engine &engine, Clock &clock);
+    Invocations(Engine &engine, Clock &clock, const Configuration &configuration)
+        : room_(engine, clock), admission_(room_.mailroom, configuration.max_invocations) {}
 
-    /* Runs one invocation on the calling thread; any number of them run at once. */
-    Status run(const InvokeOrder &order, OMRA_INVOKE_RESULT &result_out);
+    /* Runs one invocation on the calling thread. OMRALIB_ERR_CANCELLED when it was cancelled,
+     * OMRALIB_ERR_INVOKE_TIMEOUT when its time was over. */
+    Status run(const InvokeOrder &order, const Invoker &invoker, OMRA_INVOKE_RESULT &result_out);
 
-    Status on_reply(const Reply &reply) override;
+    /* Cancels the invocation that runs, or waits for its turn, on a handle; if there is one. */
+    void cancel(OMRALIB_HANDLE hdl);
 
-    std::uint64_t num_finished() const { return num_finished_; }
+    Status on_reply(const Reply &reply) override { return room_.mailroom.deliver(reply); }
+
+    const InvocationFigures &figures() const { return room_.figures; }
 
 private:
-    friend class Invocation;
+    class Registration;
 
-    /* Which request of which running invocation. */
-    struct Waiting {
-        Invocation *invocation;
-        std::size_t part;
-    };
+    InvocationRoom room_;
+    Admission admission_;
 
-    Key make_key(unsigned char kind);
-
-    Engine &engine_;
-    Clock &clock_;
-    const OMRA_OBJID process_id_; /* random; keeps this process's keys from those of others */
-
-    std::atomic<std::uint64_t> next_key_{1};
-    std::atomic<RequestId> next_request_{1};
-    std::atomic<std::uint64_t> num_finished_{0};
-
-    std::mutex lock_; /* guards the parts of all running invocations too; a leaf */
-    absl::flat_hash_map<RequestId, Waiting> waiting_; /* guarded by lock_; unanswered requests */
+    std::mutex lock_;
+    absl::flat_hash_map<OMRALIB_HANDLE, Mailbox *> by_handle_; /* guarded by lock_ */
 };
 
 } // namespace store

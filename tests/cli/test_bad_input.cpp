@@ -30,7 +30,7 @@ protected:
 
 TEST_F(BadInput, usage) {
     expect_refused("", "subcommand");
-    expect_refused("walk", "'walk'", "run and functions");
+    expect_refused("walk", "'walk'", "run, explain and functions");
     expect_refused("run", "PLUGIN");
     expect_run_refused("", "INPUT is missing");
     expect_run_refused("in.txt --colour", "--colour");
@@ -52,6 +52,26 @@ TEST_F(BadInput, numbers) {
         }
     }
     expect_run_refused("in.txt --exceptions many", "'many' is not a number from 0 to");
+}
+
+TEST_F(BadInput, storeOptions) {
+    expect_run_refused("in.txt --query ''", "--query", "empty");
+    expect_run_refused("in.txt --query 'size > 1' --index 0=a", "--query", "--index");
+    expect_run_refused("--eval once --query 'size > 1'", "--query", "'once'");
+    expect_refused("explain in.txt", "--query is required");
+    expect_run_refused("in.txt --hosts 65", "num_hosts is 65", "1 to 64");
+    expect_run_refused("in.txt --hosts 0", "'0' is not a number from 1 to");
+    for (const std::string bytes :
+         {"0", "-1", "K", "1KM", "1T", "17179869184G", "99999999999999999999"}) {
+        expect_run_refused("in.txt --memory-limit " + bytes, bytes, "K, M or G");
+    }
+    for (const std::string lost : {"1", "1@", "1@5", "@5%", "1@101%", "1@-1%", "1@5%%"}) {
+        expect_run_refused("in.txt --lose-host " + lost, lost, "expected N@P%", "0 to 100");
+    }
+    expect_run_refused("in.txt --hosts 4 --lose-host 5@1%", "no host 5", "1 to 4");
+    const Ran ran = shell("OMRA_STORE=none: pmi run " + plugin("plain") + " in.txt");
+    EXPECT_EQ(ran.status, 2);
+    EXPECT_THAT(ran.err, AllOf(HasSubstr("OMRA_STORE"), HasSubstr("\"none:\"")));
 }
 
 TEST_F(BadInput, indexes) {

@@ -161,7 +161,8 @@ TEST_F(RunCommand, showsProgressOnATerminalOnly) {
     const Ran ran = shell("script -qec \"" PMI_PROGRAM " " + run + "\" /dev/null");
     EXPECT_THAT(ran.out,
                 AllOf(HasSubstr("\rpmi: loaded 2 objects, "),
-                      HasSubstr("\rpmi: evaluated 2 objects, "), HasSubstr("total 2\r\n")));
+                      HasSubstr("\rpmi: evaluated 2 of 2 objects, 0 failed, 1 of 1 hosts, "),
+                      HasSubstr("total 2\r\n")));
 }
 
 TEST_F(RunCommand, endsOnAnInterrupt) {

@@ -3,9 +3,20 @@
 #include "embedded/embedded_engine.h"
 
 std::vector<EngineParam> all_engines() {
-    return {{"Embedded", [](store::Clock &clock) -> std::unique_ptr<store::Engine> {
-                 return std::make_unique<store::EmbeddedEngine>(clock);
+    return {{"Embedded",
+             [](store::Clock &clock,
+                const store::Configuration &configuration) -> std::unique_ptr<store::Engine> {
+                 return std::make_unique<store::EmbeddedEngine>(clock, configuration);
              }}};
+}
+
+std::vector<store::Key> StoreTest::find_value(unsigned int app_id, USHORT index,
+                                              unsigned long long number) {
+    const store::Term terms[] = {{index, false, make_value(number)}};
+    std::vector<store::Key> keys;
+    EXPECT_EQ(OMRALIB_RET_SUCCESS,
+              store_.engine().find(store::select_by_terms(app_id, true, terms), keys));
+    return keys;
 }
 
 int put_indexed(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, const std::vector<OMRA_OBJ_INDEX> &values,

@@ -13,7 +13,8 @@
 
 struct EngineParam {
     const char *name;
-    std::unique_ptr<store::Engine> (*make)(store::Clock &clock);
+    std::unique_ptr<store::Engine> (*make)(store::Clock &clock,
+                                           const store::Configuration &configuration);
 };
 
 /* Every engine that the tests run against. */
@@ -28,11 +29,23 @@ inline std::string engine_name(const testing::TestParamInfo<EngineParam> &engine
 
 class StoreTest : public testing::TestWithParam<EngineParam> {
 protected:
-    StoreTest() : store_(GetParam().make(clock_), clock_) {
+    /* Waiting for locks would wait for the clock to be turned: a test that wants it says so. */
+    static store::Configuration impatient() {
+        store::Configuration configuration;
+        configuration.lock_patience = 0;
+        return configuration;
+    }
+
+    explicit StoreTest(const store::Configuration &configuration = impatient())
+        : store_(GetParam().make(clock_, configuration), clock_, configuration) {
         store::exchange_store(&store_);
         hdl_ = Omralib_open_ext("store test guid");
     }
     ~StoreTest() override { store::exchange_store(nullptr); }
+
+    /* The objects that have this value of an index. */
+    std::vector<store::Key> find_value(unsigned int app_id, USHORT index,
+                                       unsigned long long number);
 
     store::ManualClock clock_;
     store::Store store_;

@@ -205,15 +205,22 @@ TEST_P(Invocations, ARefusedOrFlushedRequestFails) {
             params_ = params;
             return refusal;
         };
-        const Answer answer = invoke(hdl_, make_header());
+        auto refused =
+            std::async(std::launch::async, [this] { return invoke(hdl_, make_header()); });
+        while (refused.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) {
+            clock_.advance(millis_per_second); /* until it asks no more */
+        }
+        const Answer answer = refused.get();
         EXPECT_EQ(OMRALIB_RET_SUCCESS, answer.status);
         EXPECT_EQ(0u, answer.result.num_successful);
         EXPECT_EQ(3u, answer.result.num_failed);
         EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(answer.result.results_key));
         EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_complete_invoke(worker_, params_.context, 3, 0));
     }
-    EXPECT_EQ("Omralib: host 1 refused its request (-3); its 3 object(s) count as failed.\n"
-              "Omralib: host 1 refused its request (-4); its 3 object(s) count as failed.\n",
+    const std::string nobody =
+        "Omralib: no host takes a request for 3 object(s); they count as failed.\n";
+    EXPECT_EQ("Omralib: host 1 refused a request for 3 object(s) for good (-3).\n" + nobody +
+                  "Omralib: host 1 refused a request for 3 object(s) for good (-4).\n" + nobody,
               trace);
     auto answer = start_invocation(make_header());
     EXPECT_EQ(OMRALIB_RET_SUCCESS, put(worker_, params_.results_key, "half done"));
@@ -347,7 +354,7 @@ TEST_P(Invocations, TellMalformedRequests) {
 }
 
 TEST_P(Invocations, UseThePlainCallbackWhenItIsTheOnlyOne) {
-    store::Store other(GetParam().make(clock_), clock_);
+    store::Store other(GetParam().make(clock_, impatient()), clock_, impatient());
     store::exchange_store(&other);
     OMRALIB_CB cb;
     cb.invoke_cb = scripted_plain;

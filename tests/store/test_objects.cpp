@@ -229,13 +229,9 @@ TEST_P(Locks, AnUpdateKeepsIndexesAndTimeOut) {
     fetch(hdl_, len);
     ASSERT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key, ticket, "longer than before", true));
 
-    store::Selection selection{1, true, {{2, false, make_value(7)}}};
-    std::vector<store::Key> keys;
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, store_.engine().find(selection, keys));
-    EXPECT_EQ(1u, keys.size());
+    EXPECT_EQ(1u, find_value(1, 2, 7).size());
     clock_.advance(5 * store::millis_per_minute);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, store_.engine().find(selection, keys));
-    EXPECT_EQ(0u, keys.size());
+    EXPECT_EQ(0u, find_value(1, 2, 7).size());
 }
 
 } // namespace

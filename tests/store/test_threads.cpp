@@ -77,11 +77,9 @@ TEST_P(Threads, ReadersSeeWholeObjects) {
                 }
                 count(hdl, 1);
                 break;
-            case 4: {
-                std::vector<store::Key> keys;
-                store_.engine().find({1, true, {{3, false, make_value(i % 7)}}}, keys);
+            case 4:
+                find_value(1, 3, i % 7);
                 break;
-            }
             default:
                 const std::string got = get(hdl, key);
                 if (got != "status -109") {

@@ -22,4 +22,9 @@ struct RunError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The user cancelled the invocation; the program ends as by the signal.
+struct Cancelled : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 } // namespace pmi_cli

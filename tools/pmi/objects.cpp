@@ -98,25 +98,6 @@ void check_filled(const Options &options, const IndexText &term) {
 
 } // namespace
 
-void check_status(int status, const std::string &what) {
-    if (status != OMRALIB_RET_SUCCESS) {
-        const char *name = Omrapmi_status_name(status);
-        const char *text = Omrapmi_status_text(status);
-        throw RunError(fmt::format("{}: {} ({}): {}", what, name == nullptr ? "unknown code" : name,
-                                   status, text == nullptr ? "no text" : text));
-    }
-}
-
-StoreHandle::StoreHandle() : handle_(Omralib_open_ext(nullptr)) {
-    if (handle_ == OMRALIB_NULL_HANDLE) {
-        throw RunError("no handle of the store could be opened");
-    }
-}
-
-StoreHandle::~StoreHandle() {
-    Omralib_close(handle_);
-}
-
 void Objects::store(const StoreHandle &handle, const Piece &piece,
                     const std::vector<IndexText> &fields) {
     const std::vector<OMRA_OBJ_INDEX> indexes = make_indexes(piece, fields);
@@ -145,7 +126,8 @@ const char *Objects::name(const OMRA_OBJKEY &key) const {
 
 Objects load_objects(const StoreHandle &handle, const Options &options) {
     Objects objects;
-    ProgressLine progress("loaded");
+    ProgressLine progress;
+    const auto text = [&objects] { return fmt::format("loaded {} objects", objects.size()); };
     for (const std::string &input : options.inputs) {
         read_input(input, options.split, [&](const Piece &piece) {
             if (piece.bytes.size() > std::numeric_limits<unsigned int>::max()) {
@@ -153,10 +135,12 @@ Objects load_objects(const StoreHandle &handle, const Options &options) {
                     fmt::format("'{}' has 4 GiB or more; an object is smaller", piece.name));
             }
             objects.store(handle, piece, options.fields);
-            progress.update(objects.size());
+            if (progress.is_due()) {
+                progress.draw(text(), objects.size());
+            }
         });
     }
-    progress.finish(objects.size());
+    progress.finish(text(), objects.size());
     return objects;
 }
 

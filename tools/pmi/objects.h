@@ -9,28 +9,9 @@
 #include "inputs.h"
 #include "options.h"
 #include "pmicli.h"
-#include "storapp.h"
+#include "store.h"
 
 namespace pmi_cli {
-
-// The app id of the program's objects and functions. The store is this process's own.
-inline constexpr unsigned int kAppId = 1;
-
-// Throws RunError when `status` is not success: "`what`: NAME (number): text".
-void check_status(int status, const std::string &what);
-
-// An open handle of the store. Throws RunError when there is none.
-class StoreHandle {
-public:
-    StoreHandle();
-    StoreHandle(const StoreHandle &) = delete;
-    StoreHandle &operator=(const StoreHandle &) = delete;
-    ~StoreHandle();
-    OMRALIB_HANDLE get() const { return handle_; }
-
-private:
-    OMRALIB_HANDLE handle_;
-};
 
 // The loaded objects. A key holds its object's number, most significant byte first, so that keys
 // sorted by their bytes stand in the order of the input.

@@ -8,7 +8,7 @@
 
 namespace pmi_cli {
 
-enum class Command { kRun, kFunctions };
+enum class Command { kRun, kExplain, kFunctions };
 enum class Split { kNone, kParagraphs, kLines };
 enum class Format { kTable, kJson, kRaw };
 
@@ -19,6 +19,12 @@ struct IndexText {
     std::string argument; // as it was given, for messages
 };
 
+// N@P% of --lose-host.
+struct LostHost {
+    unsigned int host;    // from 1 on
+    unsigned int percent; // of the objects, after which it is lost
+};
+
 struct Options {
     Command command = Command::kRun;
     std::string plugin;
@@ -26,11 +32,16 @@ struct Options {
     std::string merge; // empty: the plug-in's first
     std::string params;
     std::vector<IndexText> terms;
-    bool any = false;              // any term may match, not all must
-    std::vector<IndexText> fields; // text is a field's name
+    bool any = false;                 // any term may match, not all must
+    std::optional<std::string> query; // in the store's language, instead of the terms
+    std::vector<IndexText> fields;    // text is a field's name
     Split split = Split::kNone;
     unsigned int threads = 0; // 0: as many as suit this machine
     unsigned int timeout_s = 86400;
+    unsigned int num_hosts = 1;
+    std::uint64_t memory_limit = 0; // of the store, in bytes; 0: none
+    std::optional<LostHost> lost_host;
+    bool stats = false;
     std::size_t num_exceptions = 10;
     Format format = Format::kTable;
     std::vector<std::string> inputs;

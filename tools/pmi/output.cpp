@@ -155,6 +155,42 @@ std::span<const OMRAPMI_EXCEPTION> first_exceptions(const Outcome &outcome,
         .first(std::min(options.num_exceptions, outcome.exceptions.size()));
 }
 
+struct Figure {
+    const char *name; // also the name in JSON
+    ULONGLONG OMRALIB_STATS::*value;
+};
+
+constexpr Figure kFigures[] = {
+    {"objects", &OMRALIB_STATS::num_objects},
+    {"bytes", &OMRALIB_STATS::num_bytes},
+    {"reads", &OMRALIB_STATS::num_reads},
+    {"invocations", &OMRALIB_STATS::num_invocations},
+    {"invocations_running", &OMRALIB_STATS::num_invocations_running},
+    {"evaluated", &OMRALIB_STATS::num_evaluated},
+    {"folds", &OMRALIB_STATS::num_folds},
+    {"refusals", &OMRALIB_STATS::num_refusals},
+    {"retries", &OMRALIB_STATS::num_retries},
+    {"lock_waits", &OMRALIB_STATS::num_lock_waits},
+    {"expired", &OMRALIB_STATS::num_expired},
+    {"invocation_us", &OMRALIB_STATS::invocation_us},
+};
+
+std::string stats_table(const OMRALIB_STATS &stats) {
+    std::string table = "pmi: figures of the store:\n";
+    for (const Figure &figure : kFigures) {
+        table += fmt::format("{:>21}  {}\n", figure.name, stats.*figure.value);
+    }
+    return table;
+}
+
+Json stats_json(const OMRALIB_STATS &stats) {
+    Json json;
+    for (const Figure &figure : kFigures) {
+        json[figure.name] = stats.*figure.value;
+    }
+    return json;
+}
+
 void report(const Outcome &outcome, const Plugin &plugin, const Objects &objects,
             const Options &options, double load_seconds) {
     const auto shown = first_exceptions(outcome, options);
@@ -174,6 +210,9 @@ void report(const Outcome &outcome, const Plugin &plugin, const Objects &objects
                "{:.3f} s to invoke\n",
                outcome.num_successful + outcome.num_failed, outcome.num_successful,
                outcome.num_failed, load_seconds, objects.size(), outcome.seconds);
+    if (options.stats) {
+        fmt::print(stderr, "{}", stats_table(outcome.stats));
+    }
 }
 
 Json outcome_json(const Outcome &outcome, const Plugin &plugin, const Objects &objects,
@@ -184,15 +223,19 @@ Json outcome_json(const Outcome &outcome, const Plugin &plugin, const Objects &o
                               {"code", exception.code},
                               {"text", code_text(plugin, exception.code)}});
     }
-    return {{"result", result_json(outcome, plugin, objects, options)},
-            {"loaded", objects.size()},
-            {"matched", outcome.num_successful + outcome.num_failed},
-            {"successful", outcome.num_successful},
-            {"failed", outcome.num_failed},
-            {"num_exceptions", outcome.exceptions.size()},
-            {"exceptions", std::move(exceptions)},
-            {"load_seconds", load_seconds},
-            {"invoke_seconds", outcome.seconds}};
+    Json json{{"result", result_json(outcome, plugin, objects, options)},
+              {"loaded", objects.size()},
+              {"matched", outcome.num_successful + outcome.num_failed},
+              {"successful", outcome.num_successful},
+              {"failed", outcome.num_failed},
+              {"num_exceptions", outcome.exceptions.size()},
+              {"exceptions", std::move(exceptions)},
+              {"load_seconds", load_seconds},
+              {"invoke_seconds", outcome.seconds}};
+    if (options.stats) {
+        json["stats"] = stats_json(outcome.stats);
+    }
+    return json;
 }
 
 } // namespace
@@ -216,8 +259,15 @@ void print_functions(const Plugin &plugin, Format format) {
     }
 }
 
+void print_text(const std::string &text) {
+    write_stdout(text);
+}
+
 void print_outcome(const Outcome &outcome, const Plugin &plugin, const Objects &objects,
                    const Options &options, double load_seconds) {
+    if (!outcome.lost_host.empty()) {
+        fmt::print(stderr, "pmi: {}\n", outcome.lost_host);
+    }
     if (options.format == Format::kJson) {
         write_json(outcome_json(outcome, plugin, objects, options, load_seconds));
         return;

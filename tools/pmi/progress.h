@@ -3,48 +3,28 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <thread>
+#include <string_view>
 
 namespace pmi_cli {
 
-// One line of progress. Used by one thread at a time.
+// One line of progress. Used by one thread.
 class ProgressLine {
 public:
-    explicit ProgressLine(std::string verb); // for example "loaded"
-    void update(std::uint64_t num_objects);  // draws at most ten times a second
-    void finish(std::uint64_t num_objects);  // draws the final state and ends the line
+    ProgressLine();
+
+    // Whether there is a terminal and the last drawing is a tenth of a second old.
+    bool is_due() const;
+    // Draws `text` and the rate at which `num_objects` came; nothing without a terminal.
+    void draw(std::string_view text, std::uint64_t num_objects);
+    // Draws for the last time and ends the line.
+    void finish(std::string_view text, std::uint64_t num_objects);
 
 private:
-    void draw(std::uint64_t num_objects);
-
     using Clock = std::chrono::steady_clock;
-    const std::string verb_;
     const bool on_terminal_;
     const Clock::time_point start_ = Clock::now();
     Clock::time_point next_draw_ = start_;
-};
-
-// Draws what `count` returns while this thread is busy with something else; destruction ends it.
-class ProgressWatch {
-public:
-    ProgressWatch(std::string verb, std::function<std::uint64_t()> count);
-    ProgressWatch(const ProgressWatch &) = delete;
-    ProgressWatch &operator=(const ProgressWatch &) = delete;
-    ~ProgressWatch();
-
-private:
-    void watch(const std::stop_token &stop);
-
-    ProgressLine line_; // the watching thread's until it has ended
-    const std::function<std::uint64_t()> count_;
-    std::mutex mutex_;
-    std::condition_variable_any ended_;
-    std::jthread thread_;
 };
 
 } // namespace pmi_cli

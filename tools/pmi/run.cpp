@@ -6,17 +6,11 @@
 #include <fmt/format.h>
 
 #include "error.h"
-#include "progress.h"
+#include "watch.h"
 
 namespace pmi_cli {
 
 namespace {
-
-std::uint64_t num_reads() {
-    OMRALIB_STATS stats{};
-    Omralib_get_stats(&stats);
-    return stats.num_reads;
-}
 
 int register_function(const Function &function) {
     switch (function.kind) {
@@ -30,18 +24,40 @@ int register_function(const Function &function) {
 }
 
 // An invoke-once function is asked for under an app id of its own and runs on no object.
-int invoke(const StoreHandle &handle, const Function &eval, OMRAPMI_INVOKE_ARGS &args,
-           std::uint64_t num_objects) {
-    const bool once = eval.kind == OMRAPMI_FUNC_INVOKE_ONCE_EVAL;
+OMRAPMI_INVOKE_ARGS make_args(const Function &eval, const Function &merge,
+                              const OMRAPMI_QUERY_SPEC &terms, const Options &options) {
+    OMRAPMI_INVOKE_ARGS args{};
+    args.app_id = eval.kind == OMRAPMI_FUNC_INVOKE_ONCE_EVAL ? MGTI_APPID_INVOKE_ONCE : kAppId;
+    args.func_id_eval = eval.id;
+    args.func_id_merge = merge.id;
+    args.pparams_obj = options.params.empty() ? nullptr : options.params.data();
+    args.params_obj_len = static_cast<ULONG>(options.params.size());
+    if (options.query) {
+        args.use_query_spec = OMRAPMI_QUERY_PASS_THROUGH;
+        args.pquery_spec = options.query->data();
+        args.query_spec_len = static_cast<ULONG>(options.query->size());
+    } else if (terms.num_index_specs != 0) {
+        args.use_query_spec = OMRAPMI_QUERY_INDEX;
+        args.pquery_spec = &terms;
+        args.query_spec_len = sizeof terms;
+    }
+    args.timeout_s = options.timeout_s;
+    args.use_exceptions = options.num_exceptions == 0 ? FALSE : TRUE;
+    return args;
+}
+
+// Returns what became of --lose-host.
+std::string invoke(const StoreHandle &handle, OMRAPMI_INVOKE_ARGS &args, const Options &options) {
     OMRAPMI_INVOKE_EXT_ARGS ext{};
     ext.event_app_id = kAppId;
-    args.app_id = once ? MGTI_APPID_INVOKE_ONCE : kAppId;
-    const std::uint64_t reads_before = num_reads();
-    const ProgressWatch watch("evaluated", [=] {
-        // Parameters and results are objects, too.
-        return std::min(num_reads() - reads_before, num_objects);
-    });
-    return Omrapmi_invoke_ext(handle.get(), &args, &ext);
+    const InvocationWatch watch(handle, options.lost_host);
+    const int status = Omrapmi_invoke_ext(handle.get(), &args, &ext);
+    if (status == OMRALIB_ERR_CANCELLED) {
+        throw Cancelled(fmt::format("cancelled: {} done, {} failed", watch.objects_done(),
+                                    watch.progress().num_failed));
+    }
+    check_status(status, "the invocation failed");
+    return watch.lost_host_text();
 }
 
 } // namespace
@@ -56,26 +72,14 @@ void start_worker(const Plugin &plugin, const Options &options) {
 }
 
 Outcome run_invocation(const StoreHandle &handle, const Function &eval, const Function &merge,
-                       const OMRAPMI_QUERY_SPEC &query, const Options &options,
+                       const OMRAPMI_QUERY_SPEC &terms, const Options &options,
                        const Objects &objects) {
-    OMRAPMI_INVOKE_ARGS args{};
-    args.func_id_eval = eval.id;
-    args.func_id_merge = merge.id;
-    args.pparams_obj = options.params.empty() ? nullptr : options.params.data();
-    args.params_obj_len = static_cast<ULONG>(options.params.size());
-    if (query.num_index_specs != 0) {
-        args.use_query_spec = OMRAPMI_QUERY_INDEX;
-        args.pquery_spec = &query;
-        args.query_spec_len = sizeof query;
-    }
-    args.timeout_s = options.timeout_s;
-    args.use_exceptions = options.num_exceptions == 0 ? FALSE : TRUE;
-
-    const auto start = std::chrono::steady_clock::now();
-    check_status(invoke(handle, eval, args, objects.size()), "the invocation failed");
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-
+    OMRAPMI_INVOKE_ARGS args = make_args(eval, merge, terms, options);
     Outcome outcome;
+    const auto start = std::chrono::steady_clock::now();
+    outcome.lost_host = invoke(handle, args, options);
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    Omralib_get_stats(&outcome.stats);
     outcome.result.reset(args.presults_obj_out);
     outcome.result_len = args.results_obj_len_out;
     outcome.num_successful = args.num_successful_out;

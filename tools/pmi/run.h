@@ -23,6 +23,8 @@ struct Outcome {
     std::uint64_t num_failed = 0;
     std::vector<OMRAPMI_EXCEPTION> exceptions; // in the order of their objects
     double seconds = 0;
+    std::string lost_host; // what became of --lose-host
+    OMRALIB_STATS stats{}; // of the store after the invocation
 
     std::string_view bytes() const { return {result.get(), result_len}; }
 };
@@ -30,9 +32,10 @@ struct Outcome {
 // Registers the plug-in's functions and starts to serve them. Throws RunError.
 void start_worker(const Plugin &plugin, const Options &options);
 
-// Invokes `eval` and `merge` on the objects that `query` matches and waits. Throws RunError.
+// Invokes `eval` and `merge` on the objects that --query or, without it, `terms` match, and waits.
+// Throws RunError, and Cancelled after an interrupt.
 Outcome run_invocation(const StoreHandle &handle, const Function &eval, const Function &merge,
-                       const OMRAPMI_QUERY_SPEC &query, const Options &options,
+                       const OMRAPMI_QUERY_SPEC &terms, const Options &options,
                        const Objects &objects);
 
 } // namespace pmi_cli

@@ -19,49 +19,25 @@ constexpr ReservedName reserved_names[] = {
 /* Other names get ordinary app ids from here on, far from the numbers that people choose. */
 constexpr std::uint32_t first_named_app_id = 0x0F000000;
 
-} // namespace
-
-/* The directory ----------------------------------------------------------------------------------
- */
-
-PartitionDirectory::~PartitionDirectory() {
-    for (Partition *partition : all()) {
-        delete partition;
-    }
-}
-
-Partition *PartitionDirectory::find(std::uint32_t app_id) const {
-    Partition *partition = buckets_[bucket_of(app_id)].load(std::memory_order_acquire);
-    while (partition != nullptr && partition->app_id != app_id) {
-        partition = partition->next;
-    }
-    return partition;
-}
-
-Partition &PartitionDirectory::find_or_add(std::uint32_t app_id) {
-    if (Partition *partition = find(app_id)) {
-        return *partition;
-    }
-    const std::lock_guard guard(adding_);
-    if (Partition *partition = find(app_id)) {
-        return *partition;
-    }
-    auto &bucket = buckets_[bucket_of(app_id)];
-    auto *partition = new Partition(app_id, bucket.load(std::memory_order_relaxed));
-    bucket.store(partition, std::memory_order_release);
-    return *partition;
-}
-
-std::vector<Partition *> PartitionDirectory::all() const {
-    std::vector<Partition *> partitions;
-    for (const auto &bucket : buckets_) {
-        Partition *partition = bucket.load(std::memory_order_acquire);
-        for (; partition != nullptr; partition = partition->next) {
-            partitions.push_back(partition);
+Totals sum_up(const std::vector<Partition *> &partitions) {
+    Totals sum;
+    for (Partition *partition : partitions) {
+        for (Shard &shard : partition->shards) {
+            const Totals totals = shard.totals();
+            sum.num_objects += totals.num_objects;
+            sum.num_bytes += totals.num_bytes;
         }
     }
-    return partitions;
+    return sum;
 }
+
+} // namespace
+
+EmbeddedEngine::EmbeddedEngine(Clock &clock, const Configuration &configuration)
+    : context_{clock, configuration.lock_lease, budget_, waiters_, sweeper_},
+      hosts_(configuration.num_hosts, configuration.deliver_inline),
+      budget_(configuration.memory_limit), waiters_(clock), directory_(context_),
+      sweeper_(clock, directory_) {}
 
 /* Objects ----------------------------------------------------------------------------------------
  */
@@ -74,7 +50,7 @@ int EmbeddedEngine::next_ticket() {
 Status EmbeddedEngine::create(const Key &key, const ObjectSpec &spec) {
     const std::uint64_t hash = hash_of(key);
     Shard &shard = directory_.find_or_add(key.app_id).shard_of(hash);
-    return shard.create(make_record(key, spec.timeout_m, spec.bytes), hash, spec.values, clock_);
+    return shard.create(make_record(key, spec.timeout_m, spec.bytes), hash, spec.values);
 }
 
 Status EmbeddedEngine::read(const Key &key, bool renew, ContentRef &content_out) {
@@ -83,19 +59,34 @@ Status EmbeddedEngine::read(const Key &key, bool renew, ContentRef &content_out)
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
     const std::uint64_t hash = hash_of(key);
-    return partition->shard_of(hash).read(key, hash, renew, clock_, content_out);
+    return partition->shard_of(hash).read(key, hash, renew, content_out);
 }
 
-int EmbeddedEngine::read_and_lock(const Key &key, bool renew, ContentRef &content_out) {
+int EmbeddedEngine::read_and_lock(const Key &key, bool renew, Millis patience,
+                                  ContentRef &content_out) {
     Partition *partition = directory_.find(key.app_id);
     if (partition == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
     const std::uint64_t hash = hash_of(key);
     const int ticket = next_ticket();
-    const Status status =
-        partition->shard_of(hash).lock(key, hash, renew, clock_, ticket, content_out);
+    const auto attempt = [&](bool mark) {
+        return partition->shard_of(hash).lock(key, hash, renew, ticket, mark, content_out);
+    };
+    Status status = attempt(false);
+    if (status == OMRALIB_ERR_OBJ_LOCKED && patience > 0) {
+        status = waiters_.try_until_free(key, patience, [&] { return attempt(true); });
+    }
     return status == OMRALIB_RET_SUCCESS ? ticket : status;
+}
+
+Status EmbeddedEngine::renew_lock(const Key &key, int ticket) {
+    Partition *partition = directory_.find(key.app_id);
+    if (partition == nullptr) {
+        return OMRALIB_ERR_OBJ_NOT_FOUND;
+    }
+    const std::uint64_t hash = hash_of(key);
+    return partition->shard_of(hash).renew_lock(key, hash, ticket);
 }
 
 Status EmbeddedEngine::update(const Key &key, int ticket, bool unlock, bool renew, Bytes bytes) {
@@ -104,7 +95,7 @@ Status EmbeddedEngine::update(const Key &key, int ticket, bool unlock, bool rene
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
     const std::uint64_t hash = hash_of(key);
-    return partition->shard_of(hash).update(key, hash, ticket, unlock, renew, clock_, bytes);
+    return partition->shard_of(hash).update(key, hash, ticket, unlock, renew, bytes);
 }
 
 Status EmbeddedEngine::unlock(const Key &key, int ticket) {
@@ -113,7 +104,7 @@ Status EmbeddedEngine::unlock(const Key &key, int ticket) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
     const std::uint64_t hash = hash_of(key);
-    return partition->shard_of(hash).unlock(key, hash, ticket, clock_);
+    return partition->shard_of(hash).unlock(key, hash, ticket);
 }
 
 Status EmbeddedEngine::replace(const Key &key, const ObjectSpec &spec) {
@@ -123,7 +114,7 @@ Status EmbeddedEngine::replace(const Key &key, const ObjectSpec &spec) {
     }
     const std::uint64_t hash = hash_of(key);
     return partition->shard_of(hash).replace(make_record(key, spec.timeout_m, spec.bytes), hash,
-                                             spec.values, clock_);
+                                             spec.values);
 }
 
 Status EmbeddedEngine::remove(const Key &key) {
@@ -132,7 +123,7 @@ Status EmbeddedEngine::remove(const Key &key) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
     const std::uint64_t hash = hash_of(key);
-    return partition->shard_of(hash).remove(key, hash, clock_);
+    return partition->shard_of(hash).remove(key, hash);
 }
 
 Status EmbeddedEngine::exists(const Key &key) {
@@ -141,7 +132,7 @@ Status EmbeddedEngine::exists(const Key &key) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
     const std::uint64_t hash = hash_of(key);
-    return partition->shard_of(hash).exists(key, hash, clock_);
+    return partition->shard_of(hash).exists(key, hash);
 }
 
 /* Sets of objects --------------------------------------------------------------------------------
@@ -159,48 +150,69 @@ std::vector<Partition *> EmbeddedEngine::partitions_of(std::uint32_t app_id) con
     return partition != nullptr ? std::vector{partition} : std::vector<Partition *>{};
 }
 
+namespace {
+
+/* Puts the first `limit` keys in key order and drops the others. */
+void keep_first(std::vector<Key> &keys, std::uint64_t limit) {
+    if (limit < keys.size()) {
+        const auto end = keys.begin() + static_cast<std::ptrdiff_t>(limit);
+        std::partial_sort(keys.begin(), end, keys.end(), KeyLess());
+        keys.erase(end, keys.end());
+    } else {
+        std::sort(keys.begin(), keys.end(), KeyLess());
+    }
+}
+
+} // namespace
+
 Status EmbeddedEngine::find(const Selection &selection, std::vector<Key> &keys_out) {
     std::vector<Key> keys;
+    QueryPlan plan(selection, second_of(context_.clock.now()));
     for (Partition *partition : partitions_of(selection.app_id)) {
         for (Shard &shard : partition->shards) {
-            shard.collect(selection, clock_, keys);
+            shard.collect(plan, keys);
         }
     }
-    std::sort(keys.begin(), keys.end(), KeyLess());
+    num_examined_.fetch_add(plan.num_examined(), std::memory_order_relaxed);
+    keep_first(keys, selection.limit);
     keys_out = std::move(keys);
     return OMRALIB_RET_SUCCESS;
 }
 
-Status EmbeddedEngine::count(std::uint32_t app_id, std::uint64_t &count_out) {
-    std::uint64_t sum = 0;
-    for (Partition *partition : partitions_of(app_id)) {
+Status EmbeddedEngine::explain(const Selection &selection, Explanation &explanation_out) {
+    QuerySurvey survey(selection, second_of(context_.clock.now()));
+    for (Partition *partition : partitions_of(selection.app_id)) {
         for (Shard &shard : partition->shards) {
-            sum += shard.totals(clock_).num_objects;
+            shard.survey(survey);
         }
     }
-    count_out = sum;
+    explanation_out = survey.explain();
     return OMRALIB_RET_SUCCESS;
 }
 
+Totals EmbeddedEngine::totals_of(std::uint32_t app_id) {
+    return sum_up(partitions_of(app_id));
+}
+
 Totals EmbeddedEngine::totals() {
-    Totals sum;
-    for (Partition *partition : directory_.all()) {
-        for (Shard &shard : partition->shards) {
-            const Totals totals = shard.totals(clock_);
-            sum.num_objects += totals.num_objects;
-            sum.num_bytes += totals.num_bytes;
-        }
-    }
-    return sum;
+    return sum_up(directory_.all());
+}
+
+Activity EmbeddedEngine::activity() {
+    return {sweeper_.num_expired(), waiters_.num_waits()};
 }
 
 /* Names and hosts --------------------------------------------------------------------------------
  */
 
-void EmbeddedEngine::attach(RequestReceiver &receiver, ReplySink &sink) {
-    receiver_ = &receiver;
-    sink_ = &sink;
-    courier_ = std::make_unique<Courier>(receiver, sink);
+void EmbeddedEngine::attach(RequestReceiver &receiver, ReplySink &sink, EventReceiver &events) {
+    hosts_.attach(receiver, sink);
+    sweeper_.attach(events);
+}
+
+void EmbeddedEngine::detach() {
+    hosts_.detach();
+    sweeper_.stop();
 }
 
 Status EmbeddedEngine::bind_name(std::string_view name, std::uint32_t &app_id_out) {
@@ -220,44 +232,40 @@ Status EmbeddedEngine::bind_name(std::string_view name, std::uint32_t &app_id_ou
 }
 
 void EmbeddedEngine::announce(std::uint32_t app_id, bool serving) {
-    const std::lock_guard guard(names_lock_);
-    if (serving) {
-        served_.insert(app_id);
-    } else {
-        served_.erase(app_id);
-    }
+    directory_.find_or_add(app_id).wants_events = serving;
+    hosts_.announce(app_id, serving);
 }
 
 std::vector<HostId> EmbeddedEngine::hosts_serving(std::uint32_t app_id) {
-    const std::lock_guard guard(names_lock_);
-    return served_.contains(app_id) ? std::vector{the_host} : std::vector<HostId>{};
+    return hosts_.serving(app_id);
 }
 
 std::vector<HostId> EmbeddedEngine::hosts_serving_any() {
-    const std::lock_guard guard(names_lock_);
-    return served_.empty() ? std::vector<HostId>{} : std::vector{the_host};
+    return hosts_.serving_any();
 }
 
 std::vector<Share> EmbeddedEngine::share_out(std::vector<Key> keys, std::span<const HostId> hosts) {
-    std::vector<Share> shares;
-    if (!keys.empty()) {
-        shares.push_back({hosts.front(), std::move(keys)});
-    }
-    return shares;
+    return hosts_.share_out(std::move(keys), hosts);
 }
 
-void EmbeddedEngine::send(HostId, std::shared_ptr<const Request> request) {
-    courier_->send(std::move(request));
+void EmbeddedEngine::send(HostId host, std::shared_ptr<const Request> request) {
+    hosts_.send(host, std::move(request));
 }
 
 void EmbeddedEngine::withdraw(HostId, RequestId request) {
-    if (!courier_->take_back(request)) {
-        receiver_->withdraw(the_host, request);
-    }
+    hosts_.withdraw(request);
+}
+
+std::uint32_t EmbeddedEngine::num_begun(HostId, RequestId request) {
+    return hosts_.num_begun(request);
 }
 
 Status EmbeddedEngine::reply(const Reply &reply) {
-    return sink_->on_reply(reply);
+    return hosts_.on_reply(reply);
+}
+
+Status EmbeddedEngine::declare_gone(HostId host) {
+    return hosts_.declare_gone(host);
 }
 
 } // namespace store

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
+#include <new>
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -42,8 +42,7 @@ ObjectIndex::~ObjectIndex() {
         while (posting->first != nullptr) {
             Record &record = *posting->first->record;
             std::for_each_n(record.entries, record.num_entries, unlink);
-            delete[] std::exchange(record.entries, nullptr);
-            record.num_entries = 0;
+            delete[] record.entries;
         }
     }
 }
@@ -61,7 +60,18 @@ Posting &ObjectIndex::posting_of(const IndexValueId &id) {
     if (found != postings_.end()) {
         return **found;
     }
-    return **postings_.insert(std::make_unique<Posting>(Posting{id})).first;
+    Posting &posting = **postings_.insert(std::make_unique<Posting>(Posting{id})).first;
+    add_to_views(posting);
+    return posting;
+}
+
+void ObjectIndex::drop(const Posting &posting) {
+    for (View &view : views_) {
+        if (view.index == posting.id.index) {
+            view.sorted.erase(&posting);
+        }
+    }
+    postings_.erase(postings_.find(posting.id));
 }
 
 void ObjectIndex::attach(Record &record, std::span<const OMRA_OBJ_INDEX> values) {
@@ -86,7 +96,7 @@ void ObjectIndex::detach(Record &record) {
         Posting *posting = record.entries[i].posting;
         unlink(record.entries[i]);
         if (posting->length == 0) {
-            postings_.erase(postings_.find(posting->id));
+            drop(*posting);
         }
     }
     delete[] record.entries;
@@ -107,73 +117,38 @@ const Posting *ObjectIndex::find(const IndexValueId &id) const {
     return found == postings_.end() ? nullptr : found->get();
 }
 
-/* Terms ------------------------------------------------------------------------------------------
+/* Views ------------------------------------------------------------------------------------------
  */
 
-TermMatcher::TermMatcher(const ObjectIndex &index, const Selection &selection)
-    : match_all_(selection.match_all || selection.terms.empty()) {
-    for (const Term &term : selection.terms) {
-        terms_.push_back({index.find({term.index, term.value}), term.negated});
-    }
-    if (match_all_) {
-        choose_shortest_posting();
-    } else {
-        choose_all_postings();
-    }
-}
-
-/* All terms must match: the matches are in the posting of any term that is not negated. */
-void TermMatcher::choose_shortest_posting() {
-    const Posting *shortest = nullptr;
-    for (const Bound &term : terms_) {
-        if (term.negated) {
-            continue;
+/* A view that there is no memory for is given up, and made again when it is needed. */
+void ObjectIndex::add_to_views(const Posting &posting) {
+    try {
+        for (View &view : views_) {
+            if (view.index == posting.id.index) {
+                view.sorted.insert(&posting);
+            }
         }
-        if (term.posting == nullptr) {
-            nothing_ = true;
-            return;
-        }
-        if (shortest == nullptr || term.posting->length < shortest->length) {
-            shortest = term.posting;
-        }
-    }
-    if (shortest != nullptr) {
-        to_walk_.push_back(shortest);
+    } catch (const std::bad_alloc &) {
+        views_.clear();
     }
 }
 
-/* One term is enough: a negated one lets in nearly everything, so that only looking at every record
- * finds the matches; without negated ones they are in the postings. */
-void TermMatcher::choose_all_postings() {
-    for (const Bound &term : terms_) {
-        if (term.negated) {
-            to_walk_.clear();
-            return;
-        }
-        if (term.posting != nullptr) {
-            to_walk_.push_back(term.posting);
+const ObjectIndex::View &ObjectIndex::view_of(std::uint16_t index, ValueOrder order) {
+    for (const View &view : views_) {
+        if (view.index == index && view.order() == order) {
+            return view;
         }
     }
-    nothing_ = to_walk_.empty();
-}
-
-bool TermMatcher::has(const Record &record, const Posting *posting) {
-    return std::any_of(record.entries, record.entries + record.num_entries,
-                       [posting](const IndexEntry &entry) { return entry.posting == posting; });
-}
-
-/* Whether the record is in one of the first `num_walked` postings. */
-bool TermMatcher::seen_before(const Record &record, std::size_t num_walked) const {
-    return std::any_of(to_walk_.begin(), to_walk_.begin() + static_cast<std::ptrdiff_t>(num_walked),
-                       [&](const Posting *posting) { return has(record, posting); });
-}
-
-bool TermMatcher::matches(const Record &record) const {
-    const auto matches_term = [&record](const Bound &term) {
-        return has(record, term.posting) != term.negated;
-    };
-    return match_all_ ? std::all_of(terms_.begin(), terms_.end(), matches_term)
-                      : std::any_of(terms_.begin(), terms_.end(), matches_term);
+    std::vector<const Posting *> postings;
+    for (const auto &posting : postings_) {
+        if (posting->id.index == index) {
+            postings.push_back(posting.get());
+        }
+    }
+    const ValueLess less{order};
+    std::sort(postings.begin(), postings.end(), less);
+    views_.push_back({index, {postings.begin(), postings.end(), less}});
+    return views_.back();
 }
 
 } // namespace store

@@ -5,7 +5,11 @@
  *
  * A record has one entry for each of its index values; the entries of a posting are a doubly linked
  * list, so that a record leaves in constant time however many records share its value. A posting
- * knows its length, which is what a query chooses its way by. The shard's lock guards all of it. */
+ * knows its length, which is what a query chooses its way by.
+ *
+ * A single value is found by its hash. For ranges the postings of an index are kept sorted as well,
+ * in the order that the range is meant in; the first query that needs such a view makes it, so that
+ * an index which is only asked for single values costs no sorting. The shard's lock guards all. */
 #pragma once
 
 #include <cstdint>
@@ -13,6 +17,7 @@
 #include <span>
 #include <vector>
 
+#include <absl/container/btree_set.h>
 #include <absl/container/flat_hash_set.h>
 
 #include "embedded/record.h"
@@ -56,7 +61,51 @@ public:
     /* nullptr when no record has the value. */
     const Posting *find(const IndexValueId &id) const;
 
+    /* Calls visit(posting) for the postings with the values of a comparison with an index, until it
+     * answers false. May make a view. */
+    template <typename Visit>
+    void visit_postings(const Condition &comparison, Visit visit) {
+        for (const ValueRange &range : comparison.ranges) {
+            if (range.is_one_value()) {
+                const Posting *posting = find({comparison.index, range.low});
+                if (posting != nullptr && !visit(*posting)) {
+                    return;
+                }
+                continue;
+            }
+            const View &view = view_of(comparison.index, comparison.order);
+            for (auto it = view.sorted.lower_bound(range.low); it != view.sorted.end(); ++it) {
+                if (compare(range.high, (*it)->id.value, comparison.order) < 0) {
+                    break;
+                }
+                if (!visit(**it)) {
+                    return;
+                }
+            }
+        }
+    }
+
 private:
+    struct ValueLess {
+        using is_transparent = void;
+        static const IndexValue &value_of(const IndexValue &value) { return value; }
+        static const IndexValue &value_of(const Posting *posting) { return posting->id.value; }
+        template <typename A, typename B>
+        bool operator()(const A &a, const B &b) const {
+            return compare(value_of(a), value_of(b), order) < 0;
+        }
+
+        ValueOrder order;
+    };
+
+    /* The postings of one index in one order. */
+    struct View {
+        std::uint16_t index;
+        absl::btree_set<const Posting *, ValueLess> sorted;
+
+        ValueOrder order() const { return sorted.key_comp().order; }
+    };
+
     struct Hash {
         using is_transparent = void;
         std::size_t operator()(const IndexValueId &id) const;
@@ -78,49 +127,13 @@ private:
     };
 
     Posting &posting_of(const IndexValueId &id);
+    void add_to_views(const Posting &posting);
+    void drop(const Posting &posting);
+    const View &view_of(std::uint16_t index, ValueOrder order);
 
     absl::flat_hash_set<std::unique_ptr<Posting>, Hash, Equal> postings_;
-};
-
-/* A selection's terms against the records of one shard. */
-class TermMatcher {
-public:
-    TermMatcher(const ObjectIndex &index, const Selection &selection);
-
-    bool matches(const Record &record) const;
-
-    /* True when the postings that walk() visits hold every match; else all records must be tried.
-     */
-    bool has_postings() const { return !to_walk_.empty() || nothing_; }
-
-    /* Calls visit(record) once for every match. */
-    template <typename Visit>
-    void walk(Visit visit) const {
-        for (std::size_t i = 0; i < to_walk_.size(); ++i) {
-            for (const IndexEntry *entry = to_walk_[i]->first; entry != nullptr;
-                 entry = entry->next) {
-                if (!seen_before(*entry->record, i) && matches(*entry->record)) {
-                    visit(*entry->record);
-                }
-            }
-        }
-    }
-
-private:
-    struct Bound {
-        const Posting *posting; /* nullptr: no record has the value */
-        bool negated;
-    };
-
-    static bool has(const Record &record, const Posting *posting);
-    bool seen_before(const Record &record, std::size_t num_walked) const;
-    void choose_all_postings();
-    void choose_shortest_posting();
-
-    bool match_all_;
-    bool nothing_ = false; /* no record can match */
-    std::vector<Bound> terms_;
-    std::vector<const Posting *> to_walk_;
+    std::vector<View>
+        views_; /* at most two of an index; few, so that looking through them is quick */
 };
 
 } // namespace store

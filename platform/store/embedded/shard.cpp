@@ -1,5 +1,8 @@
 #include "embedded/shard.h"
 
+#include <algorithm>
+#include <mutex>
+
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
@@ -14,8 +17,12 @@ constexpr std::size_t reap_on_the_way = 4;
 /* What is reaped under one holding of the lock. */
 constexpr std::size_t reap_batch = 256;
 
-bool is_expired(const Record &record, const Clock &clock) {
-    return record.timeout_m != 0 && record.expires_at <= clock.now();
+std::uint64_t cost_of_record(const Record &record) {
+    return cost_of(record.length(), record.num_entries);
+}
+
+std::uint64_t above(std::uint64_t a, std::uint64_t b) {
+    return a > b ? a - b : 0;
 }
 
 } // namespace
@@ -31,21 +38,25 @@ Shard::~Shard() {
     }
 }
 
-/* Under the lock ---------------------------------------------------------------------------------
+/* Under the lock: records ------------------------------------------------------------------------
  */
 
-Record *Shard::find_live(const Key &key, std::uint64_t hash, const Clock &clock) const {
+bool Shard::is_expired(const Record &record) const {
+    return record.timeout_m != 0 && record.expires_at <= context_.clock.now();
+}
+
+Record *Shard::find_live(const Key &key, std::uint64_t hash) const {
     const auto found = records_.find(key, hash);
-    if (found == records_.end() || is_expired(**found, clock)) {
+    if (found == records_.end() || is_expired(**found)) {
         return nullptr;
     }
     return *found;
 }
 
 /* The record keeps its place in the expiry queue, which is then too early; reap() moves it on. */
-void Shard::renew(Record &record, const Clock &clock) {
+void Shard::renew(Record &record) const {
     if (record.timeout_m != 0) {
-        record.expires_at = clock.now() + record.lifetime();
+        record.expires_at = context_.clock.now() + record.lifetime();
     }
 }
 
@@ -53,14 +64,16 @@ void Shard::enqueue(Record &record) {
     if (record.timeout_m != 0) {
         expiry_.emplace(record.expires_at, &record);
         record.queued_at = record.expires_at;
+        context_.expiry.on_due(record.queued_at);
     }
 }
 
 /* Brings a new record into the index and the expiry queue. Changes nothing when it throws. */
-void Shard::join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values, const Clock &clock) {
+void Shard::join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values) {
     index_.attach(fresh, values);
+    fresh.stored_s = second_of(context_.clock.now());
     try {
-        renew(fresh, clock);
+        renew(fresh);
         enqueue(fresh);
     } catch (...) {
         index_.detach(fresh);
@@ -69,10 +82,10 @@ void Shard::join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values, const Cl
 }
 
 /* Puts in a record whose key is free. Changes nothing when it throws. */
-void Shard::insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values, const Clock &clock) {
+void Shard::insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values) {
     const auto slot = records_.insert(fresh.get()).first;
     try {
-        join(*fresh.get(), values, clock);
+        join(*fresh.get(), values);
     } catch (...) {
         records_.erase(slot);
         throw;
@@ -96,9 +109,11 @@ RecordRef Shard::put_in_place_of(Record &old, RecordRef fresh) {
 
 /* Takes a record out of the shard, whatever holds it there. */
 RecordRef Shard::take(Record &record) {
+    context_.budget.refund(cost_of_record(record));
     if (record.timeout_m != 0) {
         expiry_.erase({record.queued_at, &record});
     }
+    end_lock(record);
     index_.detach(record);
     num_bytes_ -= record.length();
     records_.erase(&record);
@@ -106,187 +121,276 @@ RecordRef Shard::take(Record &record) {
 }
 
 /* Looks at up to `max_records` records whose turn in the expiry queue has come: drops the expired
- * and moves the renewed on. False when no other record's turn has come. */
-bool Shard::reap(const Clock &clock, std::size_t max_records, Dropped &dropped) {
+ * and moves the renewed on. The turn of the next one. */
+Millis Shard::reap(std::size_t max_records, ExpiredRecords &expired) {
     if (expiry_.empty()) {
-        return false;
+        return never;
     }
-    const Millis now = clock.now();
-    dropped.reserve(dropped.size() + max_records);
+    const Millis now = context_.clock.now();
     for (std::size_t i = 0; i < max_records; ++i) {
         const auto head = expiry_.begin();
         if (head == expiry_.end() || head->first > now) {
-            return false;
+            break;
         }
         Record &record = *head->second;
         if (record.expires_at <= now) {
-            dropped.push_back(take(record));
+            expired.push(take(record));
         } else {
             const Millis queued_at = record.queued_at;
             enqueue(record);
             expiry_.erase({queued_at, &record});
         }
     }
-    return true;
+    return expiry_.empty() ? never : expiry_.begin()->first;
+}
+
+/* Under the lock: leases -------------------------------------------------------------------------
+ */
+
+bool Shard::is_locked(const Record &record) const {
+    return record.ticket != OMRALIB_NULL_LOCK_TKT && holds(record, record.ticket);
+}
+
+/* Whether `ticket` is the record's and its lease is not over. */
+bool Shard::holds(const Record &record, int ticket) const {
+    if (record.ticket != ticket) {
+        return false;
+    }
+    const auto lease = leases_.find(ticket);
+    return lease != leases_.end() && lease->second.ends_at > context_.clock.now();
+}
+
+/* Leaves the record unlocked. True when somebody waits for that. */
+bool Shard::end_lock(Record &record) {
+    if (record.ticket == OMRALIB_NULL_LOCK_TKT) {
+        return false;
+    }
+    const auto lease = leases_.find(record.ticket);
+    const bool waited_for = lease->second.waited_for;
+    leases_.erase(lease);
+    record.ticket = OMRALIB_NULL_LOCK_TKT;
+    return waited_for;
 }
 
 /* Operations -------------------------------------------------------------------------------------
  */
 
-Status Shard::create(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values,
-                     const Clock &clock) {
-    Dropped dropped;
+Status Shard::create(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values) {
+    ExpiredRecords expired(context_.expiry);
+    fresh->stored_s = second_of(context_.clock.now());
     const std::lock_guard guard(lock_);
-    reap(clock, reap_on_the_way, dropped);
+    reap(reap_on_the_way, expired);
     const auto found = records_.find(fresh->key, hash);
     if (found != records_.end()) {
-        if (!is_expired(**found, clock)) {
+        if (!is_expired(**found)) {
             return OMRALIB_ERR_OBJ_EXISTS;
         }
-        dropped.reserve(dropped.size() + 1);
-        dropped.push_back(take(**found));
+        expired.push(take(**found));
     }
-    insert(std::move(fresh), values, clock);
+    Charge charge(context_.budget, cost_of(fresh->length(), values.size()));
+    if (!charge) {
+        return OMRALIB_ERR_NO_SPACE;
+    }
+    insert(std::move(fresh), values);
+    charge.keep();
     return OMRALIB_RET_SUCCESS;
 }
 
-Status Shard::read(const Key &key, std::uint64_t hash, bool renewing, const Clock &clock,
-                   ContentRef &content_out) {
+Status Shard::read(const Key &key, std::uint64_t hash, bool renewing, ContentRef &content_out) {
     const std::lock_guard guard(lock_);
-    Record *record = find_live(key, hash, clock);
+    Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
     if (renewing) {
-        renew(*record, clock);
+        renew(*record);
     }
     content_out = RecordRef::share(record);
     return OMRALIB_RET_SUCCESS;
 }
 
-Status Shard::lock(const Key &key, std::uint64_t hash, bool renewing, const Clock &clock,
-                   int ticket, ContentRef &content_out) {
+Status Shard::lock(const Key &key, std::uint64_t hash, bool renewing, int ticket, bool mark,
+                   ContentRef &content_out) {
     const std::lock_guard guard(lock_);
-    Record *record = find_live(key, hash, clock);
+    Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
-    if (record->ticket != OMRALIB_NULL_LOCK_TKT) {
+    if (is_locked(*record)) {
+        leases_.find(record->ticket)->second.waited_for |= mark;
         return OMRALIB_ERR_OBJ_LOCKED;
     }
+    /* Who waits for a lock whose lease is over waits for the next one. */
+    Lease &lease = leases_[ticket];
+    lease = {context_.clock.now() + context_.lock_lease, false};
+    lease.waited_for = end_lock(*record);
     record->ticket = ticket;
     if (renewing) {
-        renew(*record, clock);
+        renew(*record);
     }
     content_out = RecordRef::share(record);
     return OMRALIB_RET_SUCCESS;
 }
 
 Status Shard::update(const Key &key, std::uint64_t hash, int ticket, bool unlocking, bool renewing,
-                     const Clock &clock, Bytes bytes) {
+                     Bytes bytes) {
     RecordRef fresh = make_record(key, 0, bytes);
     RecordRef old;
+    WakeUp wake_up(context_.waiters, key);
     const std::lock_guard guard(lock_);
-    Record *record = find_live(key, hash, clock);
+    Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
-    if (record->ticket != ticket) {
+    if (!holds(*record, ticket)) {
         return OMRALIB_ERR_LOCK_LOST;
+    }
+    Charge growth(context_.budget, above(fresh->length(), record->length()));
+    if (!growth) {
+        return OMRALIB_ERR_NO_SPACE;
     }
     fresh->timeout_m = record->timeout_m;
     fresh->expires_at = record->expires_at;
-    fresh->ticket = unlocking ? OMRALIB_NULL_LOCK_TKT : ticket;
+    fresh->stored_s = record->stored_s;
+    fresh->ticket = ticket;
     if (renewing) {
-        renew(*fresh.get(), clock);
+        renew(*fresh.get());
     }
     enqueue(*fresh.get());
+    growth.keep();
+    context_.budget.refund(above(record->length(), fresh->length()));
     ObjectIndex::move_entries(*record, *fresh.get());
+    if (unlocking) {
+        wake_up.arm_if(end_lock(*fresh.get()));
+    }
     old = put_in_place_of(*record, std::move(fresh));
     return OMRALIB_RET_SUCCESS;
 }
 
-Status Shard::unlock(const Key &key, std::uint64_t hash, int ticket, const Clock &clock) {
+/* A lease that is over is renewed too, as long as nobody has taken the lock since: the holder lives
+ * after all. */
+Status Shard::renew_lock(const Key &key, std::uint64_t hash, int ticket) {
     const std::lock_guard guard(lock_);
-    Record *record = find_live(key, hash, clock);
+    const Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
-    if (record->ticket != ticket) {
+    if (ticket == OMRALIB_NULL_LOCK_TKT || record->ticket != ticket) {
         return OMRALIB_ERR_LOCK_LOST;
     }
-    record->ticket = OMRALIB_NULL_LOCK_TKT;
+    leases_.find(ticket)->second.ends_at = context_.clock.now() + context_.lock_lease;
     return OMRALIB_RET_SUCCESS;
 }
 
-Status Shard::replace(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values,
-                      const Clock &clock) {
-    RecordRef old;
+Status Shard::unlock(const Key &key, std::uint64_t hash, int ticket) {
+    WakeUp wake_up(context_.waiters, key);
     const std::lock_guard guard(lock_);
-    Record *record = find_live(fresh->key, hash, clock);
+    Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
-    if (record->ticket != OMRALIB_NULL_LOCK_TKT) {
+    if (!holds(*record, ticket)) {
+        return OMRALIB_ERR_LOCK_LOST;
+    }
+    wake_up.arm_if(end_lock(*record));
+    return OMRALIB_RET_SUCCESS;
+}
+
+Status Shard::replace(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values) {
+    RecordRef old;
+    fresh->stored_s = second_of(context_.clock.now());
+    const std::lock_guard guard(lock_);
+    Record *record = find_live(fresh->key, hash);
+    if (record == nullptr) {
+        return OMRALIB_ERR_OBJ_NOT_FOUND;
+    }
+    if (is_locked(*record)) {
         return OMRALIB_ERR_OBJ_LOCKED;
     }
-    join(*fresh.get(), values, clock);
+    const std::uint64_t cost = cost_of(fresh->length(), values.size());
+    const std::uint64_t old_cost = cost_of_record(*record);
+    Charge growth(context_.budget, above(cost, old_cost));
+    if (!growth) {
+        return OMRALIB_ERR_NO_SPACE;
+    }
+    join(*fresh.get(), values);
+    growth.keep();
+    context_.budget.refund(above(old_cost, cost));
+    end_lock(*record);
     index_.detach(*record);
     old = put_in_place_of(*record, std::move(fresh));
     return OMRALIB_RET_SUCCESS;
 }
 
-Status Shard::remove(const Key &key, std::uint64_t hash, const Clock &clock) {
+Status Shard::remove(const Key &key, std::uint64_t hash) {
     RecordRef removed;
+    WakeUp wake_up(context_.waiters, key);
+    ExpiredRecords expired(context_.expiry);
     const std::lock_guard guard(lock_);
     const auto found = records_.find(key, hash);
     if (found == records_.end()) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
-    const bool was_there = !is_expired(**found, clock);
+    if (is_expired(**found)) {
+        expired.push(take(**found));
+        return OMRALIB_ERR_OBJ_NOT_FOUND;
+    }
+    wake_up.arm_if(end_lock(**found));
     removed = take(**found);
-    return was_there ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND;
+    return OMRALIB_RET_SUCCESS;
 }
 
-Status Shard::exists(const Key &key, std::uint64_t hash, const Clock &clock) {
+Status Shard::exists(const Key &key, std::uint64_t hash) {
     const std::lock_guard guard(lock_);
-    return find_live(key, hash, clock) != nullptr ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND;
+    return find_live(key, hash) != nullptr ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND;
 }
 
 /* Sets of records --------------------------------------------------------------------------------
  */
 
+Millis Shard::sweep(std::size_t max_records) {
+    ExpiredRecords expired(context_.expiry);
+    const std::lock_guard guard(lock_);
+    return reap(max_records, expired);
+}
+
 /* Reaps all that has expired, in batches, between which others get the lock. */
-void Shard::reap_all(const Clock &clock) {
-    for (bool more = true; more;) {
-        Dropped dropped;
-        const std::lock_guard guard(lock_);
-        more = reap(clock, reap_batch, dropped);
+void Shard::reap_all() {
+    while (sweep(reap_batch) <= context_.clock.now()) {
     }
 }
 
-void Shard::collect(const Selection &selection, const Clock &clock, std::vector<Key> &keys) {
-    reap_all(clock);
+void Shard::collect(QueryPlan &plan, std::vector<Key> &keys) {
+    reap_all();
     const std::lock_guard guard(lock_);
-    const TermMatcher matcher(index_, selection);
     const auto add = [&](const Record &record) {
-        if (!is_expired(record, clock)) {
+        if (!is_expired(record) && in_sample(record.key, plan.selection().sample)) {
             keys.push_back(record.key);
         }
     };
-    if (matcher.has_postings()) {
-        matcher.walk(add);
+    if (plan.bind(index_, records_.size())) {
+        plan.look_up(add);
         return;
     }
     for (const Record *record : records_) {
-        if (matcher.matches(*record)) {
+        if (plan.test(*record)) {
             add(*record);
         }
     }
 }
 
-Totals Shard::totals(const Clock &clock) {
-    reap_all(clock);
+/* Goes by the first few records for what no index can tell. */
+void Shard::survey(QuerySurvey &survey) {
+    constexpr std::size_t max_examples = 64;
+    reap_all();
+    const std::lock_guard guard(lock_);
+    std::vector<const Record *> examples(std::min(records_.size(), max_examples));
+    std::copy_n(records_.begin(), examples.size(), examples.begin());
+    survey.add(index_, records_.size(), examples);
+}
+
+Totals Shard::totals() {
+    reap_all();
     const std::lock_guard guard(lock_);
     return {records_.size(), num_bytes_};
 }

@@ -1,54 +1,77 @@
-/* A part of a partition: the records whose keys hash to it, their index and their time-outs.
+/* A part of a partition: the records whose keys hash to it, their index, locks and time-outs.
  *
  * Every operation takes the shard's one lock for a short while. Blocks are made and copied before
- * the lock is taken and given back after it has been released. A record whose time-out has passed
- * does not exist for any operation; its memory goes when a later operation that changes or lists
- * the shard meets it at the head of the expiry queue. */
+ * the lock is taken and given back after it has been released.
+ *
+ * A record whose time-out has passed does not exist for any operation; it goes when a sweep or an
+ * operation that changes or lists the shard meets it at the head of the expiry queue. A lock whose
+ * lease is over is no lock for any operation; it goes when the next one is taken. */
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include <absl/container/btree_set.h>
+#include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
+#include "embedded/expiry.h"
+#include "embedded/lock_waiters.h"
+#include "embedded/memory_budget.h"
 #include "embedded/object_index.h"
+#include "embedded/query_plan.h"
 #include "embedded/record.h"
-#include "embedded/short_lock.h"
+#include "short_lock.h"
 
 namespace store {
 
 std::uint64_t hash_of(const Key &key);
 
+/* What the shards of an engine share. */
+struct ShardContext {
+    const Clock &clock;
+    const Millis lock_lease;
+    MemoryBudget &budget;
+    LockWaiters &waiters;
+    ExpirySink &expiry;
+};
+
 class alignas(64) Shard {
 public:
-    Shard() = default;
+    explicit Shard(const ShardContext &context) : context_(context) {}
     Shard(const Shard &) = delete;
     Shard &operator=(const Shard &) = delete;
     ~Shard();
 
     /* As the operations of Engine with these names; `hash` is the key's. The time is asked for only
-     * when an object with a time-out is met. */
-    Status create(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values,
-                  const Clock &clock);
-    Status read(const Key &key, std::uint64_t hash, bool renew, const Clock &clock,
-                ContentRef &content_out);
-    Status lock(const Key &key, std::uint64_t hash, bool renew, const Clock &clock, int ticket,
-                ContentRef &content_out);
+     * when an object is stored and when one with a time-out or a lock is met. */
+    Status create(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values);
+    Status read(const Key &key, std::uint64_t hash, bool renew, ContentRef &content_out);
     Status update(const Key &key, std::uint64_t hash, int ticket, bool unlock, bool renew,
-                  const Clock &clock, Bytes bytes);
-    Status unlock(const Key &key, std::uint64_t hash, int ticket, const Clock &clock);
-    Status replace(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values,
-                   const Clock &clock);
-    Status remove(const Key &key, std::uint64_t hash, const Clock &clock);
-    Status exists(const Key &key, std::uint64_t hash, const Clock &clock);
+                  Bytes bytes);
+    Status renew_lock(const Key &key, std::uint64_t hash, int ticket);
+    Status unlock(const Key &key, std::uint64_t hash, int ticket);
+    Status replace(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values);
+    Status remove(const Key &key, std::uint64_t hash);
+    Status exists(const Key &key, std::uint64_t hash);
+
+    /* Reads and locks under a new ticket. When the object is locked and `mark` is set, whoever
+     * gives that lock back will wake the waiters of the key. */
+    Status lock(const Key &key, std::uint64_t hash, bool renew, int ticket, bool mark,
+                ContentRef &content_out);
 
     /* Appends the keys of the selected records, in no order. */
-    void collect(const Selection &selection, const Clock &clock, std::vector<Key> &keys);
+    void collect(QueryPlan &plan, std::vector<Key> &keys);
 
-    Totals totals(const Clock &clock);
+    /* Adds what a query may expect of this shard. */
+    void survey(QuerySurvey &survey);
+
+    Totals totals();
+
+    /* Looks at no more than `max_records` records whose time may be over, and takes out those whose
+     * time is. When the next one is due: a moment that has passed when there was more to do. */
+    Millis sweep(std::size_t max_records);
 
 private:
     struct KeyHash {
@@ -66,19 +89,27 @@ private:
         }
     };
 
-    /* Blocks that an operation takes out of the shard; declared before its lock guard, so that they
-     * are given back when the lock has been released. */
-    using Dropped = std::vector<RecordRef>;
+    struct Lease {
+        Millis ends_at;
+        bool waited_for = false;
+    };
 
-    Record *find_live(const Key &key, std::uint64_t hash, const Clock &clock) const;
-    static void renew(Record &record, const Clock &clock);
+    bool is_expired(const Record &record) const;
+    Record *find_live(const Key &key, std::uint64_t hash) const;
+    void renew(Record &record) const;
     void enqueue(Record &record);
-    void join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values, const Clock &clock);
-    void insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values, const Clock &clock);
+    void join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values);
+    void insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values);
     RecordRef put_in_place_of(Record &old, RecordRef fresh);
     RecordRef take(Record &record);
-    bool reap(const Clock &clock, std::size_t max_records, Dropped &dropped);
-    void reap_all(const Clock &clock);
+    Millis reap(std::size_t max_records, ExpiredRecords &expired);
+    void reap_all();
+
+    bool is_locked(const Record &record) const;
+    bool holds(const Record &record, int ticket) const;
+    bool end_lock(Record &record);
+
+    const ShardContext &context_;
 
     ShortLock lock_;
 
@@ -87,6 +118,7 @@ private:
     std::uint64_t num_bytes_ = 0;
     ObjectIndex index_;
     absl::btree_set<std::pair<Millis, Record *>> expiry_; /* by queued_at; those with a time-out */
+    absl::flat_hash_map<int, Lease> leases_;              /* of the records' tickets */
 };
 
 } // namespace store

@@ -1,0 +1,125 @@
+/* How a query is answered from the indexes of a shard, or without them.
+ *
+ * Records are found in one of two ways: by looking the values of comparisons up in the index and
+ * testing the whole condition on the records found there, or by testing it on every record. Which
+ * comparisons are looked up follows from the numbers of records that they would give:
+ *
+ *   comparison   its own, if it is one with an index and not negated; else it cannot be looked up
+ *   all_of       the part that gives the fewest; the others are only tested
+ *   any_of       all parts, if all of them can be
+ *
+ * A QueryPlan is made once for a query and then bound to one shard after the other, whose locks
+ * guard what it does there. Counting stops where a cheaper way is known, so that planning never
+ * costs more than answering does. A QuerySurvey counts to the end instead and adds the shards up,
+ * to say which way a query would go. */
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "embedded/object_index.h"
+#include "embedded/record.h"
+#include "engine.h"
+
+namespace store {
+
+class QueryPlan {
+public:
+    /* `selection` outlives the plan; `now_s` is the second that ages are counted to. */
+    QueryPlan(const Selection &selection, std::uint32_t now_s);
+
+    const Selection &selection() const { return selection_; }
+
+    /* Turns to a shard and chooses the way there. True: look_up() finds every match; false: every
+     * record has to be tested. */
+    bool bind(ObjectIndex &index, std::size_t num_records);
+
+    /* Calls visit(record) once for every match. */
+    template <typename Visit>
+    void look_up(Visit visit) {
+        for (std::size_t i = 0; i < sources_.size(); ++i) {
+            index_->visit_postings(*nodes_[sources_[i]].condition, [&](const Posting &posting) {
+                ++num_examined_;
+                for (const IndexEntry *entry = posting.first; entry != nullptr;
+                     entry = entry->next) {
+                    if (test(*entry->record) && !found_before(*entry->record, i)) {
+                        visit(*entry->record);
+                    }
+                }
+                return true;
+            });
+        }
+    }
+
+    bool test(const Record &record) {
+        ++num_examined_;
+        return holds(0, record);
+    }
+
+    /* Records and index values looked at so far. */
+    std::uint64_t num_examined() const { return num_examined_; }
+
+private:
+    friend class QuerySurvey;
+
+    /* A condition of the selection. The nodes stand in the order of the query: the parts of a
+     * condition follow it, and `end` is behind the last of them. */
+    struct Node {
+        const Condition *condition;
+        std::size_t end;
+        bool is_one_value; /* a comparison of an index with a single value */
+
+        /* Of the shard. */
+        const Posting *posting = nullptr; /* of the single value; nullptr: no record has it */
+        std::size_t cheapest = 0;         /* the part of an all_of that gives the fewest records */
+    };
+
+    void add_nodes(const Condition &condition);
+    void find_postings();
+    std::uint64_t expect(std::size_t at, std::uint64_t enough);
+    std::uint64_t expect_all_of(std::size_t at, std::uint64_t enough);
+    std::uint64_t expect_any_of(std::size_t at, std::uint64_t enough);
+    std::uint64_t expect_comparison(std::size_t at, std::uint64_t enough);
+    void choose_sources(std::size_t at);
+
+    bool holds(std::size_t at, const Record &record) const;
+    bool comparison_holds(const Node &node, const Record &record) const;
+    bool found_before(const Record &record, std::size_t num_sources) const;
+
+    const Selection &selection_;
+    const std::uint32_t now_s_;
+    std::vector<Node> nodes_;
+    std::uint64_t num_examined_ = 0;
+
+    /* Of the shard. */
+    ObjectIndex *index_ = nullptr;
+    std::vector<std::size_t> sources_; /* the comparisons that are looked up */
+};
+
+class QuerySurvey {
+public:
+    QuerySurvey(const Selection &selection, std::uint32_t now_s);
+
+    /* Adds a shard. `examples` are some of its records, for the comparisons that no index can
+     * answer. */
+    void add(ObjectIndex &index, std::size_t num_records, std::span<const Record *const> examples);
+
+    Explanation explain() const;
+
+private:
+    std::uint64_t expect_comparison(std::size_t at, std::size_t num_records,
+                                    std::span<const Record *const> examples);
+    std::uint64_t expected(std::size_t at) const;
+    std::uint64_t cost(std::size_t at) const;
+    void describe(std::size_t at, unsigned int level, Explanation::Access access,
+                  Explanation &explanation) const;
+    void describe_parts(std::size_t at, unsigned int level, Explanation::Access access,
+                        Explanation &explanation) const;
+
+    QueryPlan plan_;
+    std::vector<std::uint64_t> expected_; /* of the comparisons, by node */
+    std::uint64_t num_objects_ = 0;
+};
+
+} // namespace store

@@ -1,0 +1,73 @@
+#include "embedded/sweeper.h"
+
+#include <algorithm>
+
+namespace store {
+
+namespace {
+
+/* What is taken from a shard under one holding of its lock: some 50 microseconds' work. */
+constexpr std::size_t batch = 256;
+
+/* Objects that expire within the same second are swept together. */
+Millis end_of_second(Millis moment) {
+    return moment == never
+               ? never
+               : (moment + millis_per_second - 1) / millis_per_second * millis_per_second;
+}
+
+} // namespace
+
+Sweeper::Sweeper(Clock &clock, const PartitionDirectory &directory)
+    : clock_(clock), directory_(directory), alarm_(clock, [this] { return work(); }) {}
+
+void Sweeper::on_due(Millis moment) noexcept {
+    alarm_.call_at(end_of_second(moment));
+}
+
+void Sweeper::on_expired(RecordChain expired) noexcept {
+    num_expired_.fetch_add(expired.size(), std::memory_order_relaxed);
+    const Partition *partition = directory_.find(expired.first().key.app_id);
+    if (partition == nullptr || !partition->wants_events) {
+        return;
+    }
+    {
+        const std::lock_guard guard(lock_);
+        to_tell_.append(std::move(expired));
+    }
+    alarm_.call_at(clock_.now());
+}
+
+Millis Sweeper::work() {
+    for (;;) {
+        const Millis next = sweep_round();
+        deliver_events();
+        if (next > clock_.now()) {
+            return end_of_second(next);
+        }
+    }
+}
+
+/* One batch from every shard. When the next record is due. */
+Millis Sweeper::sweep_round() {
+    Millis next = never;
+    for (Partition *partition : directory_.all()) {
+        for (Shard &shard : partition->shards) {
+            next = std::min(next, shard.sweep(batch));
+        }
+    }
+    return next;
+}
+
+void Sweeper::deliver_events() {
+    RecordChain expired;
+    {
+        const std::lock_guard guard(lock_);
+        expired.append(std::move(to_tell_));
+    }
+    while (!expired.empty()) {
+        events_->on_event(expired.take_first()->key, OMRALIB_EVENT_EXPIRED);
+    }
+}
+
+} // namespace store
