@@ -39,7 +39,7 @@ void handle_interrupts() {
         return; // whoever started the program wants it to go on
     }
     action.sa_handler = on_interrupt;
-    action.sa_flags = SA_RESTART; // user functions need not know of a signal that is only noted
+    action.sa_flags = 0; // a call that blocks ends: nobody wants any more what it waits for
     sigaction(SIGINT, &action, nullptr);
 }
 
