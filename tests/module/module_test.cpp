@@ -209,8 +209,11 @@ std::vector<OMRA_OBJKEY> put_objects(unsigned int num_objects) {
 
 std::vector<OMRAPMI_EXCEPTION> exceptions() {
     const std::string bytes = store::bytes(901);
-    std::vector<OMRAPMI_EXCEPTION> records(bytes == "none" ? 0 : bytes.size() / 48);
-    std::memcpy(records.data(), bytes.data(), records.size() * 48);
+    std::vector<OMRAPMI_EXCEPTION> records(
+        bytes == "none" ? 0 : bytes.size() / sizeof(OMRAPMI_EXCEPTION));
+    if (!records.empty()) {
+        std::memcpy(records.data(), bytes.data(), records.size() * sizeof records[0]);
+    }
     return records;
 }
 

@@ -34,7 +34,7 @@ void collect_trace(const char *line) {
     std::string text(line);
     text.pop_back(); // the newline
     if (text.rfind("Tr [pmi-", 0) == 0) {
-        text.replace(0, 8, "[");
+        text.erase(0, 7).front() = '[';
     }
     append(sys::script.traces, text);
 }

@@ -3,6 +3,7 @@
 #include "module_test.h"
 
 #include <cstring>
+#include <tuple>
 
 namespace {
 
@@ -39,6 +40,10 @@ protected:
         reply = {2, 10, 2, 0, store::key(900), store::key(901)};
         store::put(900, "merged");
         store::put(901, exceptions);
+    }
+    auto outputs() const {
+        return std::tuple(args.num_successful_out, args.num_failed_out, args.presults_obj_out,
+                          args.results_obj_len_out, args.pexceptions_out, args.num_exceptions_out);
     }
     void free_outputs() const {
         Omrapmi_free(args.presults_obj_out);
@@ -227,7 +232,7 @@ TEST_F(Invoke_test, FailuresOfTheStore) {
         store::script.objects.clear();
         put_outcome(std::string(96, 'e'));
         store::script.answers = c.answers;
-        const Args before = args;
+        const auto before = outputs();
         EXPECT_EQ(invoke(), c.expected);
         std::string left;
         for (const auto &[name, object] : store::script.objects) {
@@ -237,7 +242,7 @@ TEST_F(Invoke_test, FailuresOfTheStore) {
         if (c.expected == 1) {
             free_outputs();
         } else {
-            EXPECT_EQ(std::memcmp(&args, &before, sizeof args), 0);
+            EXPECT_TRUE(outputs() == before);
         }
     }
     EXPECT_EQ(sys::take_asserts(), "ret != OMRALIB_ERR_NOT_READING|ret != OMRALIB_ERR_BAD_KEY|"
