@@ -18,6 +18,7 @@ using namespace std::chrono_literals;
 void expect_exclusion(const std::function<void()> &enter, const std::function<void()> &exit) {
     int counter = 0;
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&] {
             for (int i = 0; i < 3000; ++i) {
