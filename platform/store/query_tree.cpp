@@ -81,7 +81,7 @@ Condition negation_of(Condition condition) {
     return condition;
 }
 
-bool in_sample(const Key &key, std::uint32_t sample) {
+bool in_part_sample(const Key &key, std::uint32_t sample) {
     return XXH3_64bits_withSeed(&key, sizeof key, sample_seed) % whole_sample < sample;
 }
 

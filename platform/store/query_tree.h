@@ -76,6 +76,9 @@ inline constexpr std::uint32_t whole_sample = 1'000'000'000;
 
 /* Whether a sample of `sample` holds the key: always the same keys, and every larger sample holds
  * those of a smaller one. */
-bool in_sample(const Key &key, std::uint32_t sample);
+bool in_part_sample(const Key &key, std::uint32_t sample);
+inline bool in_sample(const Key &key, std::uint32_t sample) {
+    return sample == whole_sample || in_part_sample(key, sample);
+}
 
 } // namespace store

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <thread>
 
 #include <gmock/gmock.h>
 
@@ -406,6 +407,23 @@ TEST_P(Queries, KnowTheAgeOfAnObject) {
     EXPECT_EQ(1u, found("age = 10 and size = 2").size());
     ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_replace_obj(hdl_, "c", 1, 0, nullptr, 0, key));
     EXPECT_EQ(1u, found("age = 0").size());
+}
+
+TEST_P(Queries, FindWhatStaysWhileOthersChange) {
+    fill(100);
+    std::jthread changing([](const std::stop_token &stop) {
+        const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
+        for (unsigned int i = 0; !stop.stop_requested(); i = (i + 1) % 1000) {
+            const OMRA_OBJKEY key = make_key(1, 1000 + i);
+            put_indexed(hdl, key, {make_index(0, 1000 + i), make_index(2, i % 7)});
+            Omralib_remove_obj(hdl, 0, make_key(1, 1000 + (i + 500) % 1000));
+        }
+        Omralib_close(hdl);
+    });
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(40u, found("index0 >= 60 and index0 < 1000").size());
+        ASSERT_EQ(11u, found("index2 starts with \"name1\"").size());
+    }
 }
 
 TEST_P(Queries, ThatAreNotValidSayWhy) {

@@ -31,6 +31,17 @@ Totals sum_up(const std::vector<Partition *> &partitions) {
     return sum;
 }
 
+/* Puts the first `limit` keys in key order and drops the others. */
+void keep_first(std::vector<Key> &keys, std::uint64_t limit) {
+    if (limit < keys.size()) {
+        const auto end = keys.begin() + static_cast<std::ptrdiff_t>(limit);
+        std::partial_sort(keys.begin(), end, keys.end(), KeyLess());
+        keys.erase(end, keys.end());
+    } else {
+        std::sort(keys.begin(), keys.end(), KeyLess());
+    }
+}
+
 } // namespace
 
 EmbeddedEngine::EmbeddedEngine(Clock &clock, const Configuration &configuration)
@@ -149,21 +160,6 @@ std::vector<Partition *> EmbeddedEngine::partitions_of(std::uint32_t app_id) con
     Partition *partition = directory_.find(app_id);
     return partition != nullptr ? std::vector{partition} : std::vector<Partition *>{};
 }
-
-namespace {
-
-/* Puts the first `limit` keys in key order and drops the others. */
-void keep_first(std::vector<Key> &keys, std::uint64_t limit) {
-    if (limit < keys.size()) {
-        const auto end = keys.begin() + static_cast<std::ptrdiff_t>(limit);
-        std::partial_sort(keys.begin(), end, keys.end(), KeyLess());
-        keys.erase(end, keys.end());
-    } else {
-        std::sort(keys.begin(), keys.end(), KeyLess());
-    }
-}
-
-} // namespace
 
 Status EmbeddedEngine::find(const Selection &selection, std::vector<Key> &keys_out) {
     std::vector<Key> keys;

@@ -51,7 +51,7 @@ void QueryPlan::add_nodes(const Condition &condition) {
     const bool is_one_value = condition.kind == Kind::comparison &&
                               condition.field == Field::index && condition.ranges.size() == 1 &&
                               condition.ranges.front().is_one_value();
-    nodes_.push_back({&condition, at + 1, is_one_value});
+    nodes_.push_back({&condition, at + 1, is_one_value, condition.negated});
     for (const Condition &part : condition.parts) {
         add_nodes(part);
     }
@@ -155,15 +155,24 @@ void QueryPlan::choose_sources(std::size_t at) {
 /* Tests ------------------------------------------------------------------------------------------
  */
 
-bool QueryPlan::holds(std::size_t at, const Record &record) const {
-    const Node &node = nodes_[at];
+bool QueryPlan::holds(const Node &node, const Record &record) const {
+    /* Nearly all that queries of index terms consist of, hence first, and without a call below. */
+    const auto single_value_holds = [&record](const Node &single) {
+        return has(record, single.posting) != single.negated;
+    };
+    if (node.is_one_value) {
+        return single_value_holds(node);
+    }
     if (node.condition->kind == Kind::comparison) {
-        return comparison_holds(node, record) != node.condition->negated;
+        return comparison_holds(node, record) != node.negated;
     }
     /* One part with this outcome decides. */
     const bool decisive = node.condition->kind == Kind::any_of;
-    for (std::size_t part = at + 1; part < node.end; part = nodes_[part].end) {
-        if (holds(part, record) == decisive) {
+    const Node *const end = nodes_.data() + node.end;
+    for (const Node *part = &node + 1; part < end; part = nodes_.data() + part->end) {
+        const bool part_holds =
+            part->is_one_value ? single_value_holds(*part) : holds(*part, record);
+        if (part_holds == decisive) {
             return decisive;
         }
     }
@@ -230,8 +239,9 @@ std::uint64_t QuerySurvey::expect_comparison(std::size_t at, std::size_t num_rec
         return 0;
     }
     const auto num_holding = static_cast<std::uint64_t>(
-        std::count_if(examples.begin(), examples.end(),
-                      [&](const Record *record) { return plan_.holds(at, *record); }));
+        std::count_if(examples.begin(), examples.end(), [&](const Record *record) {
+            return plan_.holds(plan_.nodes_[at], *record);
+        }));
     return num_records * num_holding / examples.size();
 }
 

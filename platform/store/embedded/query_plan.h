@@ -54,7 +54,7 @@ public:
 
     bool test(const Record &record) {
         ++num_examined_;
-        return holds(0, record);
+        return holds(nodes_.front(), record);
     }
 
     /* Records and index values looked at so far. */
@@ -69,6 +69,7 @@ private:
         const Condition *condition;
         std::size_t end;
         bool is_one_value; /* a comparison of an index with a single value */
+        bool negated;
 
         /* Of the shard. */
         const Posting *posting = nullptr; /* of the single value; nullptr: no record has it */
@@ -83,7 +84,7 @@ private:
     std::uint64_t expect_comparison(std::size_t at, std::uint64_t enough);
     void choose_sources(std::size_t at);
 
-    bool holds(std::size_t at, const Record &record) const;
+    bool holds(const Node &node, const Record &record) const;
     bool comparison_holds(const Node &node, const Record &record) const;
     bool found_before(const Record &record, std::size_t num_sources) const;
 

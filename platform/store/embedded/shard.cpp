@@ -356,7 +356,9 @@ Millis Shard::sweep(std::size_t max_records) {
 
 /* Reaps all that has expired, in batches, between which others get the lock. */
 void Shard::reap_all() {
-    while (sweep(reap_batch) <= context_.clock.now()) {
+    Millis next_due = sweep(reap_batch);
+    while (next_due != never && next_due <= context_.clock.now()) {
+        next_due = sweep(reap_batch);
     }
 }
 
