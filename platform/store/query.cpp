@@ -142,7 +142,7 @@ std::string describe(const Selection &selection, const Explanation &explanation)
                                                  : "app id " + std::to_string(selection.app_id)) +
         '\n';
     for (const Explanation::Step &step : explanation.steps) {
-        text.append(2 * step.level, ' ').append(text_of(step));
+        text.append(std::size_t{2} * step.level, ' ').append(text_of(step));
         text.append(": ").append(objects(step.expected));
         text.append(", ").append(text_of(step.access)).append("\n");
     }

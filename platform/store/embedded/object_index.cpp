@@ -37,16 +37,6 @@ void unlink(IndexEntry &entry) {
 
 } // namespace
 
-ObjectIndex::~ObjectIndex() {
-    for (const auto &posting : postings_) {
-        while (posting->first != nullptr) {
-            Record &record = *posting->first->record;
-            std::for_each_n(record.entries, record.num_entries, unlink);
-            delete[] record.entries;
-        }
-    }
-}
-
 std::size_t ObjectIndex::Hash::operator()(const IndexValueId &id) const {
     return XXH3_64bits_withSeed(&id.value, sizeof id.value, id.index);
 }

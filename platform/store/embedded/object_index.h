@@ -42,12 +42,12 @@ struct IndexEntry {
     IndexEntry *next;
 };
 
+/* Every record leaves the index before it ends. */
 class ObjectIndex {
 public:
     ObjectIndex() = default;
     ObjectIndex(const ObjectIndex &) = delete;
     ObjectIndex &operator=(const ObjectIndex &) = delete;
-    ~ObjectIndex();
 
     /* Gives a record that has none its entries. Changes nothing when it throws. */
     void attach(Record &record, std::span<const OMRA_OBJ_INDEX> values);
