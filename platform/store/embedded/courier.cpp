@@ -17,7 +17,7 @@ Courier::~Courier() {
     }
 }
 
-void Courier::send(RequestPtr request) {
+void Courier::send(const RequestPtr &request) {
     try {
         const std::lock_guard guard(lock_);
         if (!thread_.joinable()) {

@@ -25,7 +25,7 @@ public:
 
     /* Hands the request over soon. The sink hears of a refusal when there is no thread or no memory
      * for it. */
-    void send(std::shared_ptr<const Request> request);
+    void send(const std::shared_ptr<const Request> &request);
 
     /* True when the request was still waiting for its turn; it is gone then. */
     bool take_back(RequestId request);

@@ -117,7 +117,7 @@ void Hosts::send(HostId host, std::shared_ptr<const Request> request) {
         return;
     }
     if (reachable) {
-        couriers_[host - first]->send(std::move(request));
+        couriers_[host - first]->send(request);
         return;
     }
     Reply reply;
