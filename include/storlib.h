@@ -181,7 +181,8 @@ int Omralib_get_read_data(OMRALIB_HANDLE hdl, void *pbuf, unsigned int len);
 int Omralib_flush_read_data(OMRALIB_HANDLE hdl);
 
 /* Reads as Omralib_read_obj does and locks the object for `hdl`. Returns the lock's ticket, a
- * positive number, or a code: OMRALIB_ERR_OBJ_LOCKED while another holder has it. */
+ * positive number, or a code: OMRALIB_ERR_OBJ_LOCKED while another holder has it. May wait a few
+ * milliseconds for that holder before it says so. */
 int Omralib_read_and_lock_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned int lock_options,
                               unsigned int *pdata_len_out, OMRA_OBJKEY key);
 
@@ -203,12 +204,12 @@ int Omralib_remove_obj(OMRALIB_HANDLE hdl, unsigned int options, OMRA_OBJKEY key
 /* Runs the invocation that the `req_len` bytes at `preq` ask for (OMRA_INDEX_HDR and its query) and
  * waits for its result: an OMRA_INVOKE_RESULT, whose length goes to `*presult_len_out` and whose
  * bytes stay pending on `hdl`. The caller reads and removes the objects that it names. Without a
- * matching object all counts are 0 and all keys null. The objects of a host that refuses its
- * request count as failed; the refusal is a line of the trace. OMRALIB_ERR_NO_WORKER, at once, when
- * nobody handles requests of the app id; OMRALIB_ERR_INVOKE_TIMEOUT when the request's time (0: no
- * limit) is over first: what hosts still do for it then changes nothing; OMRALIB_ERR_BAD_QUERY for
- * query terms that are not valid, OMRALIB_ERR_BAD_ARGS for a header or a length that is none of a
- * request. */
+ * matching object all counts are 0 and all keys null. A host that refuses its request is asked
+ * again, then another one is; objects that no host takes count as failed, and each refusal for good
+ * is a line of the trace. OMRALIB_ERR_NO_WORKER, at once, when nobody handles requests of the app
+ * id; OMRALIB_ERR_INVOKE_TIMEOUT when the request's time (0: no limit) is over first: what hosts
+ * still do for it then changes nothing; OMRALIB_ERR_BAD_QUERY for a query that is not valid,
+ * OMRALIB_ERR_BAD_ARGS for a header or a length that is none of a request. */
 int Omralib_invoke(OMRALIB_HANDLE hdl, unsigned int options, const void *preq, unsigned int req_len,
                    unsigned int *presult_len_out);
 
