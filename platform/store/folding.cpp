@@ -59,15 +59,6 @@ void Folding::renew() {
     }
 }
 
-/* The folds that did not happen give back what they had. */
-void Folding::take_apart() {
-    for (const Fold &fold : folds_) {
-        free_.push_back(fold.target);
-        free_.push_back(fold.source);
-    }
-    folds_.clear();
-}
-
 Key Folding::finish() {
     Key key{};
     if (!free_.empty()) {
@@ -83,7 +74,11 @@ Key Folding::finish() {
 }
 
 void Folding::discard() {
-    take_apart();
+    for (const Fold &fold : folds_) {
+        lose(fold.target);
+        lose(fold.source);
+    }
+    folds_.clear();
     for (const Partial &partial : free_) {
         lose(partial);
     }

@@ -67,7 +67,6 @@ private:
 
     void lose(const Partial &partial);
     void keep(const Partial &partial);
-    void take_apart();
 
     InvocationRoom &room_;
     Delivery &delivery_;
