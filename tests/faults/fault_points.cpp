@@ -12,6 +12,7 @@
 #include <mutex>
 #include <sstream>
 #include <unistd.h>
+#include <utility>
 
 namespace faults {
 namespace {
@@ -31,7 +32,14 @@ std::mutex &mutex = *new std::mutex;
 Armed &armed = *new Armed; // guarded by mutex
 std::atomic<bool> is_armed{false};
 
-std::atomic<int> locks_held{0}, mutexes_held{0}, idscs_pooled{0}, wdscs_pooled{0};
+std::atomic<int> locks_held{0}, mutexes_held{0}, idscs_pooled{0}, wdscs_pooled{0},
+    threads_starting{0};
+
+// The calling thread is past its start.
+void note_thread() {
+    static thread_local bool noted = false;
+    threads_starting -= std::exchange(noted, true) ? 0 : 1;
+}
 
 constexpr std::array mode_names = {"refused", "reply_lost", "host_1_dies", "host_2_dies",
                                    "host_3_dies"};
@@ -166,7 +174,8 @@ Ledger ledger() {
     const int wdscs =
         set_up ? made(OMRAPMI_TAG_WDSC_BATCH, OMRAPMI_NUM_BUILT_IN_WDSCS, OMRAPMI_WDSC_BATCH_LEN)
                : 0;
-    return {locks_held, mutexes_held, idscs + wdscs - idscs_pooled - wdscs_pooled};
+    return {locks_held, mutexes_held, idscs + wdscs - idscs_pooled - wdscs_pooled,
+            threads_starting};
 }
 
 } // namespace faults
@@ -190,7 +199,23 @@ void *__wrap_Sys_malloc(size_t size, unsigned int tag) {
 
 THREADID __real_Thread_fork(void *(*pfunc)(void *), void *parg);
 THREADID __wrap_Thread_fork(void *(*pfunc)(void *), void *parg) {
-    return is_refused("Thread_fork") ? NULLTHREADID : __real_Thread_fork(pfunc, parg);
+    if (is_refused("Thread_fork")) {
+        return NULLTHREADID;
+    }
+    threads_starting += 1;
+    return __real_Thread_fork(pfunc, parg);
+}
+
+void __real_Thread_end(void);
+void __wrap_Thread_end(void) {
+    note_thread();
+    __real_Thread_end();
+}
+
+LINK *__real_Blockq_deq(BLOCKQ *pbq, unsigned int timeout_ms);
+LINK *__wrap_Blockq_deq(BLOCKQ *pbq, unsigned int timeout_ms) {
+    note_thread();
+    return __real_Blockq_deq(pbq, timeout_ms);
 }
 
 int __real_Thread_datap_set(void *pdata);

@@ -61,6 +61,7 @@ struct Ledger {
     int object_locks = 0; // whose tickets it has
     int mutexes = 0;
     int descriptors = 0; // not in their pools
+    int threads = 0;     // started, and neither waiting for work nor at their end yet
 };
 Ledger ledger();
 

@@ -1,6 +1,7 @@
 #include "scenarios.h"
 
 #include "common/records.h"
+#include "dispatch/descriptors.h"
 #include "embedded/embedded_engine.h"
 #include "hasty_clock.h"
 #include "storapp.h"
@@ -11,6 +12,8 @@
 #include <array>
 #include <atomic>
 #include <bitset>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -300,6 +303,9 @@ struct World {
 
 // The module tells the operator when no worker will ever run; nothing can work afterwards.
 void listen(const char *line) {
+    if (std::getenv("FAULT_POINTS") != nullptr) {
+        std::fputs(line, stderr);
+    }
     for (const char *text :
          {"Tr [pmi-td 0]", "Tr [pmi-td 1]", "no worker thread could be started"}) {
         if (std::strstr(line, text) != nullptr) {
@@ -308,9 +314,35 @@ void listen(const char *line) {
     }
 }
 
+// The pools' first descriptors, so that the module needs memory for more.
+class HeldDescriptors {
+public:
+    HeldDescriptors() {
+        for (OMRAPMI_IDSC *&pidsc : idscs_) {
+            pidsc = Omrapmi_get_idsc();
+        }
+        for (OMRAPMI_WDSC *&pwdsc : wdscs_) {
+            pwdsc = Omrapmi_get_wdsc();
+        }
+    }
+    HeldDescriptors(const HeldDescriptors &) = delete;
+    HeldDescriptors &operator=(const HeldDescriptors &) = delete;
+    ~HeldDescriptors() {
+        std::for_each(idscs_.begin(), idscs_.end(), Omrapmi_free_idsc);
+        std::for_each(wdscs_.begin(), wdscs_.end(), Omrapmi_free_wdsc);
+    }
+
+private:
+    std::array<OMRAPMI_IDSC *, OMRAPMI_NUM_BUILT_IN_IDSCS - 1> idscs_{};
+    std::array<OMRAPMI_WDSC *, OMRAPMI_NUM_BUILT_IN_WDSCS - 4> wdscs_{};
+};
+
 // Whatever the module still works on comes to its end; a hang ends the process.
 void wait_until_idle() {
     const auto is_idle = [] {
+        if (worker_side_lost) {
+            return true;
+        }
         for (const unsigned int tag :
              {OMRAPMI_TAG_NEW_OBJECT, OMRAPMI_TAG_OBJECT, OMRAPMI_TAG_LOCKED_OBJECT,
               OMRAPMI_TAG_REQUEST, OMRAPMI_TAG_USER}) {
@@ -319,10 +351,11 @@ void wait_until_idle() {
             }
         }
         const faults::Ledger left = faults::ledger();
-        return left.descriptors == 0 && left.mutexes == 0 && left.object_locks == 0;
+        return left.descriptors == 0 && left.mutexes == 0 && left.object_locks == 0 &&
+               left.threads == 0;
     };
     for (unsigned int looks = 0; !is_idle(); ++looks) {
-        if (looks > 20'000) {
+        if (looks > 8'000) {
             const faults::Ledger left = faults::ledger();
             complain("kept for ever: " + std::to_string(left.descriptors) + " descriptors, " +
                      std::to_string(left.mutexes) + " mutexes, " +
@@ -349,10 +382,10 @@ void check_invocation(const Request &request) {
 void check_afterwards(World &world) {
     set_up_module();
     failing = num_objects; // nothing may fail any more
+    wait_until_idle();
     if (worker_side_lost) {
         return;
     }
-    wait_until_idle();
     check_invocation({.params_len = 40, .timeout_s = patient_timeout_s});
     check_invocation({.once = true, .timeout_s = patient_timeout_s});
     check_invocation({.singleton = true, .timeout_s = patient_timeout_s});
@@ -381,16 +414,19 @@ faults::Seen run(const Scenario &scenario, unsigned int num_workers,
     may_lose_replies = std::any_of(points.begin(), points.end(), [](const Point &point) {
         return point.mode == faults::Mode::reply_lost;
     });
+    std::optional<HeldDescriptors> held;
     if (!scenario.starts_up) {
         set_up_module();
         failing = num_objects;
         check_invocation({.timeout_s = patient_timeout_s});
         failing = failing_object;
         wait_until_idle();
+        held.emplace();
     }
     faults::arm(points, num_workers == 1);
     scenario.run();
     const faults::Seen seen = faults::disarm();
+    held.reset();
     check_afterwards(world);
     complaint_out = complaints;
     return seen;
