@@ -18,7 +18,11 @@ namespace {
 using bench::Plan;
 using Measure = void (*)(benchmark::State &, const Plan &);
 
-const std::map<std::string, Measure> kMeasures{{"throughput", bench::measure_throughput}};
+const std::map<std::string, Measure> kMeasures{{"throughput", bench::measure_throughput},
+                                               {"latency", bench::measure_latency},
+                                               {"rate", bench::measure_rate},
+                                               {"memory", bench::measure_memory},
+                                               {"invocations", bench::measure_invocations}};
 const std::map<std::string, bench::Merge> kMerges{{"sum", bench::Merge::kSum},
                                                   {"work", bench::Merge::kSumWithWork},
                                                   {"words", bench::Merge::kWords}};
@@ -67,6 +71,9 @@ void add_options(CLI::App &app, Plan &plan, std::string &measure) {
     app.add_flag("--indexed", workload.indexed, "The objects have two indexes");
     app.add_option("--seconds", plan.seconds, "How long to measure, about");
     app.add_option("--rounds", plan.num_rounds, "Rounds; 0: what the seconds allow");
+    app.add_option("--calls", plan.num_calls, "Calls that latency is measured with");
+    app.add_option("--invokers", plan.invokers, "Threads that invoke at once, in the rate")
+        ->check(CLI::Range(1, 64));
     app.footer("Arguments that start with --benchmark_ go to Google Benchmark.");
     app.allow_extras();
 }
