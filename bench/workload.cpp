@@ -2,49 +2,29 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
 namespace bench {
 
-namespace {
-
-// A chain of multiplications, each of which needs the one before.
-void multiply(std::uint64_t steps) {
-    std::uint64_t number = steps;
-    for (std::uint64_t i = 0; i < steps; ++i) {
-        number = number * 6364136223846793005u + 1442695040888963407u;
-    }
-    benchmark::DoNotOptimize(number);
+std::string to_string(const Outcome &outcome) {
+    return fmt::format("value {}, {} successful, {} refused, {} exceptions", outcome.value,
+                       outcome.num_successful, outcome.num_refused, outcome.num_exceptions);
 }
 
 // The fastest of several tries, so that an interrupted one does not count.
-double measure_steps_per_us() {
+double Work::measure_steps_per_us() {
     constexpr std::uint64_t kSteps = 200'000;
     double fastest = 0;
     for (int i = 0; i < 20; ++i) {
         const auto start = std::chrono::steady_clock::now();
-        multiply(kSteps);
+        run_steps(kSteps);
         const std::chrono::duration<double, std::micro> time =
             std::chrono::steady_clock::now() - start;
         fastest = std::max(fastest, static_cast<double>(kSteps) / time.count());
     }
     return fastest;
-}
-
-std::uint64_t read_word(Bytes data, std::size_t index) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, data.data() + index * sizeof word, sizeof word);
-    return word;
-}
-
-} // namespace
-
-std::string to_string(const Outcome &outcome) {
-    return fmt::format("value {}, {} successful, {} refused, {} exceptions", outcome.value,
-                       outcome.num_successful, outcome.num_refused, outcome.num_exceptions);
 }
 
 Work::Work(double microseconds) {
@@ -54,34 +34,18 @@ Work::Work(double microseconds) {
     }
 }
 
-void Work::operator()() const {
-    if (steps_ != 0) {
-        multiply(steps_);
+// A chain of multiplications, each of which needs the one before.
+void Work::run_steps(std::uint64_t steps) {
+    std::uint64_t number = steps;
+    for (std::uint64_t i = 0; i < steps; ++i) {
+        number = number * 6364136223846793005u + 1442695040888963407u;
     }
+    benchmark::DoNotOptimize(number);
 }
 
 SumKernel::SumKernel(const Workload &workload)
     : refused_percent_(workload.refused_percent), eval_work_(workload.eval_work_us),
       merge_work_(workload.merge == Merge::kSumWithWork ? workload.merge_work_us : 0) {}
-
-bool SumKernel::eval(Bytes data, Bytes params, Result &result) const {
-    eval_work_();
-    if (read_word(data, 0) % 100 < refused_percent_) {
-        return false;
-    }
-    result = params.empty() ? 0
-                            : static_cast<unsigned char>(params.front()) +
-                                  static_cast<unsigned char>(params.back());
-    for (std::size_t i = 0; i < data.size() / sizeof(std::uint64_t); ++i) {
-        result += read_word(data, i);
-    }
-    return true;
-}
-
-void SumKernel::merge(Result &into, const Result &from) const {
-    merge_work_();
-    into += from;
-}
 
 bool WordsKernel::eval_into(Bytes data, Bytes params, WordCount *counts) const {
     std::uint64_t sum = 0;
