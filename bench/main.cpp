@@ -3,6 +3,7 @@
 //
 // One process measures one workload with one number of worker threads and hosts, since these are
 // chosen once in a process; scripts/bench starts one for each.
+#include <algorithm>
 #include <map>
 
 #include <CLI/CLI.hpp>
@@ -93,12 +94,10 @@ void complete(CLI::App &app, bench::Workload &workload) {
 }
 
 void run(const Plan &plan, const std::string &measure, std::vector<std::string> arguments) {
-    std::vector<char *> argv;
-    for (std::string &argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    int argc = static_cast<int>(argv.size());
-    argv.push_back(nullptr);
+    std::vector<char *> argv(arguments.size() + 1);
+    std::transform(arguments.begin(), arguments.end(), argv.begin(),
+                   [](std::string &argument) { return argument.data(); });
+    int argc = static_cast<int>(arguments.size());
     benchmark::Initialize(&argc, argv.data());
     if (benchmark::ReportUnrecognizedArguments(argc, argv.data())) {
         bench::fail("unknown arguments; pmi_bench --help names those that there are");
@@ -118,18 +117,22 @@ void run(const Plan &plan, const std::string &measure, std::vector<std::string> 
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app("Measures one workload.", "pmi_bench");
-    Plan plan;
-    std::string measure = "throughput";
     try {
+        CLI::App app("Measures one workload.", "pmi_bench");
+        Plan plan;
+        std::string measure = "throughput";
         add_options(app, plan, measure);
-        app.parse(argc, argv);
-        complete(app, plan.workload);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error);
+        try {
+            app.parse(argc, argv);
+            complete(app, plan.workload);
+        } catch (const CLI::ParseError &error) {
+            return app.exit(error);
+        }
+        std::vector<std::string> arguments = app.remaining();
+        arguments.insert(arguments.begin(), argv[0]);
+        run(plan, measure, std::move(arguments));
+        return 0;
+    } catch (const std::exception &error) {
+        bench::fail(error.what());
     }
-    std::vector<std::string> arguments = app.remaining();
-    arguments.insert(arguments.begin(), argv[0]);
-    run(plan, measure, std::move(arguments));
-    return 0;
 }

@@ -9,7 +9,7 @@ void measure_invocations(benchmark::State &state, const Plan &plan) {
     store_objects(kAppId, plan.workload.num_objects, plan.workload);
     start_worker(plan.workload);
     const Invocation ours(plan.workload, kAppId);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         Nanoseconds time{};
         for (std::size_t run = 0; run < plan.num_rounds; ++run) {
             time += ours.run().time;

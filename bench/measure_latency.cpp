@@ -41,7 +41,7 @@ void measure_latency(benchmark::State &state, const Plan &plan) {
     };
     take_turns(); // warms up
     our_times.clear();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         while (our_times.size() < plan.num_calls) {
             take_turns();
         }

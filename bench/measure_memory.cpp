@@ -118,7 +118,7 @@ void measure_memory(benchmark::State &state, const Plan &plan) {
     const double tags_after_first = total(read_tags());
     double last_peak = first_peak;
     double tags_growth = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (int run = 0; run < kLaterRuns; ++run) {
             reset_peak();
             if (ours.run().outcome != first.outcome) {

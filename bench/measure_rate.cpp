@@ -71,7 +71,7 @@ void measure_rate(benchmark::State &state, const Plan &plan) {
     std::vector<double> our_rates;
     std::vector<double> loop_rates;
     const std::size_t num_rounds = choose_rounds(plan, 2 * kWindow);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (std::size_t round = 0; round < num_rounds; ++round) {
             our_rates.push_back(count_runs(invokers, run_ours));
             loop_rates.push_back(count_runs(invokers, run_loop));

@@ -113,7 +113,7 @@ void measure_throughput(benchmark::State &state, const Plan &plan) {
                    {.name = "tbb", .run = [&] { return others.run_tbb(); }},
                    {.name = "bytes", .run = [&] { return others.run_bytes(); }}});
     const std::size_t num_rounds = choose_rounds(plan, rounds.warm_up());
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         double seconds = 0;
         for (std::size_t round = 0; round < num_rounds; ++round) {
             seconds += rounds.run();

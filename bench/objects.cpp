@@ -97,8 +97,7 @@ std::string query_text(const Workload &workload) {
     case Query::kRange:
         return fmt::format("index1 between {} and {}", found.begin, found.end - 1);
     case Query::kExpression:
-        return fmt::format("index1 >= {} and not (index1 >= {} or size < 8)", found.begin,
-                           found.end);
+        return fmt::format("index1 between {} and {} and not size < 8", found.begin, found.end - 1);
     case Query::kScan:
         return "size >= 8";
     default:
