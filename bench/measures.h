@@ -36,7 +36,7 @@ void measure_memory(benchmark::State &state, const Plan &plan);
 // Exactly `num_rounds` invocations, and nothing beside them. No counters.
 void measure_invocations(benchmark::State &state, const Plan &plan);
 
-// How many rounds to run when one takes `round`.
+// How many rounds to run when one takes `round_seconds`.
 std::size_t choose_rounds(const Plan &plan, double round_seconds);
 
 } // namespace bench
