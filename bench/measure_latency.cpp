@@ -1,6 +1,9 @@
-// Latency: the time of each of many invocations of few objects, one after another.
+// Latency: the time of each of many invocations of few objects, one after another; with pauses
+// between them, every thread that a call needs has fallen asleep.
 //
 // What it is compared with takes its turns between batches of calls.
+#include <thread>
+
 #include "comparisons.h"
 #include "measures.h"
 #include "statistics.h"
@@ -12,8 +15,12 @@ namespace {
 constexpr std::size_t kBatch = 100; // calls in one turn
 
 template <typename Run>
-void time_batch(const Run &run, const Outcome &expected, std::vector<double> &times) {
+void time_batch(const Run &run, double pause_us, const Outcome &expected,
+                std::vector<double> &times) {
     for (std::size_t i = 0; i < kBatch; ++i) {
+        if (pause_us > 0) {
+            std::this_thread::sleep_for(std::chrono::duration<double, std::micro>(pause_us));
+        }
         const Timed timed = run();
         if (timed.outcome != expected) {
             fail("the outcome is " + to_string(timed.outcome) + "; expected is " +
@@ -35,9 +42,9 @@ void measure_latency(benchmark::State &state, const Plan &plan) {
     std::vector<double> loop_times;
     std::vector<double> tbb_times;
     const auto take_turns = [&] {
-        time_batch([&] { return ours.run(); }, expected, our_times);
-        time_batch([&] { return others.run_loop(); }, expected, loop_times);
-        time_batch([&] { return others.run_tbb(); }, expected, tbb_times);
+        time_batch([&] { return ours.run(); }, plan.pause_us, expected, our_times);
+        time_batch([&] { return others.run_loop(); }, plan.pause_us, expected, loop_times);
+        time_batch([&] { return others.run_tbb(); }, plan.pause_us, expected, tbb_times);
     };
     take_turns(); // warms up
     our_times.clear();

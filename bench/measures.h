@@ -13,6 +13,7 @@ struct Plan {
     double seconds = 2;             // that the rounds may take, about
     std::size_t num_rounds = 0;     // 0: as many as the seconds allow, at least 5
     std::size_t num_calls = 10'000; // of the latency measurement
+    double pause_us = 0;            // before each of them
     unsigned int invokers = 1;      // of the rate measurement
 };
 
