@@ -7,7 +7,6 @@
 #include <map>
 
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
 
 #include "measures.h"
 #include "objects.h"
@@ -33,21 +32,9 @@ const std::map<std::string, bench::Query> kQueries{{"all", bench::Query::kAll},
                                                    {"expression", bench::Query::kExpression},
                                                    {"scan", bench::Query::kScan}};
 
-// Keys of a map, for the help.
-template <typename Value>
-std::string names(const std::map<std::string, Value> &values) {
-    std::string text;
-    for (const auto &[name, value] : values) {
-        text += (text.empty() ? "" : ", ") + name;
-    }
-    return text;
-}
-
 void add_options(CLI::App &app, Plan &plan, std::string &measure) {
     bench::Workload &workload = plan.workload;
-    const auto is_name_of = [](const auto &map) { return CLI::IsMember(&map); };
-    app.add_option("--measure", measure, "What to measure: " + names(kMeasures))
-        ->check(is_name_of(kMeasures));
+    app.add_option("--measure", measure, "What to measure")->check(CLI::IsMember(&kMeasures));
     app.add_option("--workers", workload.workers, "Worker threads; 0: one for each processor")
         ->check(CLI::Range(0, 64));
     app.add_option("--objects", workload.num_objects, "Objects stored")
