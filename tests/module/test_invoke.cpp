@@ -262,4 +262,16 @@ TEST_F(Invoke_test, ARepliesLengthAndKindAreChecked) {
     EXPECT_EQ(sys::take_asserts(), "inv_result.reserved == OMRALIB_INDEX_OP_INVOKE");
 }
 
+TEST_F(Invoke_test, AReplyThatIsTooLongIsDropped) {
+    store::script.on_invoke = [](std::string_view, std::string &reply_bytes) {
+        reply_bytes.assign(97, '\0');
+        return 1;
+    };
+    store::script.answers = {{"get_read_data", OMRALIB_ERR_BAD_ARGS}, {"flush_read_data", 1}};
+    EXPECT_EQ(invoke(), OMRALIB_ERR_BAD_ARGS);
+    EXPECT_EQ(sys::take_asserts(),
+              "inv_result_len == sizeof inv_result|ret != OMRALIB_ERR_BAD_ARGS");
+    EXPECT_EQ(store::take_log(), "handle_ready|invoke 104|get_read_data 96|flush_read_data");
+}
+
 } // namespace
