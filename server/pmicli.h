@@ -167,7 +167,7 @@ typedef struct OMRAPMI_INVOKE_ARGS {
     char *presults_obj_out;   /* the merged result, NULL when there is none; the caller's to free */
     ULONG results_obj_len_out;
     OMRAPMI_EXCEPTION *pexceptions_out; /* NULL when there are none; the caller's to free */
-    ULONG num_exceptions_out; /* counted also when use_exceptions is 0 */
+    ULONG num_exceptions_out;
 } OMRAPMI_INVOKE_ARGS;
 
 typedef struct OMRAPMI_INVOKE_EXT_ARGS {
