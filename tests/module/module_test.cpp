@@ -62,12 +62,6 @@ int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_l
     return 0;
 }
 
-void register_functions() {
-    ASSERT_EQ(Omrapmi_worker_register_eval_func(eval, user::eval_id, 7), 1);
-    ASSERT_EQ(Omrapmi_worker_register_merge_func(merge, user::merge_id, 7), 1);
-    ASSERT_EQ(Omrapmi_worker_register_invoke_once_eval_func(eval, user::once_id, 7), 1);
-}
-
 } // namespace
 
 namespace user {
@@ -78,6 +72,7 @@ Script &script() {
 }
 
 const OMRAPMI_EVAL_FUNCP eval_func = eval;
+const OMRAPMI_MERGE_FUNCP merge_func = merge;
 
 std::string bits(const std::vector<unsigned int> &objects) {
     ULONGLONG value = 0;
@@ -95,6 +90,12 @@ ULONGLONG number(std::string_view result) {
 }
 
 } // namespace user
+
+void register_functions() {
+    ASSERT_EQ(Omrapmi_worker_register_eval_func(eval, user::eval_id, 7), 1);
+    ASSERT_EQ(Omrapmi_worker_register_merge_func(merge, user::merge_id, 7), 1);
+    ASSERT_EQ(Omrapmi_worker_register_invoke_once_eval_func(eval, user::once_id, 7), 1);
+}
 
 void Module_test::SetUp() {
     sys::watch_traces();

@@ -35,12 +35,16 @@ inline constexpr unsigned int no_object = 63; // stands for the object of an inv
 Script &script();
 
 extern const OMRAPMI_EVAL_FUNCP eval_func;
+extern const OMRAPMI_MERGE_FUNCP merge_func;
 
 // The result made of these objects, as it is stored.
 std::string bits(const std::vector<unsigned int> &objects);
 ULONGLONG number(std::string_view result);
 
 } // namespace user
+
+// Registers all three.
+void register_functions();
 
 // Traces on and a handle open; every assertion report, fault at the store and byte of memory left
 // is a failure.
