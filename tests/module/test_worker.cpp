@@ -102,6 +102,10 @@ TEST_F(Init_test, StartAndStopTellTheStore) {
     EXPECT_EQ(Omrapmi_worker_register_app_name(hdl, 0x40000001), 1);
     EXPECT_EQ(store::take_log(), "register_appname_hdl __OMRA_appname_invoke_once");
 
+    store::script.answers = {{"register_appname_hdl", -103}};
+    EXPECT_EQ(Omrapmi_worker_register_app_name(hdl, 0x40000001), -103);
+    store::take_log();
+
     // Every step is tried; the first failure of starting decides, and stopping reports success.
     store::script.answers = {{"register_appname_hdl", -103}, {"start", -102}};
     EXPECT_EQ(Omrapmi_worker_start(0x30000002), -103);
