@@ -99,6 +99,25 @@ std::optional<pmi_cli::Options> parse(std::vector<std::string> arguments) {
     return pmi_cli::parse_options(static_cast<int>(arguments.size()), argv.data());
 }
 
+// Options that a command line could have given, for files that are cut without reading one.
+pmi_cli::Options draw_options(FuzzedDataProvider &data) {
+    pmi_cli::Options options;
+    options.inputs = {folder + "/in.txt"};
+    options.split = data.PickValueInArray(
+        {pmi_cli::Split::kNone, pmi_cli::Split::kLines, pmi_cli::Split::kParagraphs});
+    const auto draw = [&data](std::vector<pmi_cli::IndexText> &texts) {
+        const unsigned int number = data.ConsumeIntegralInRange<unsigned int>(0, 3);
+        for (unsigned int i = 0; i < number; ++i) {
+            texts.push_back({2 * i, data.ConsumeRandomLengthString(40), "an argument"});
+        }
+    };
+    if (options.split == pmi_cli::Split::kParagraphs) {
+        draw(options.fields);
+    }
+    draw(options.terms);
+    return options;
+}
+
 void remove_all(OMRALIB_HANDLE hdl) {
     std::vector<OMRA_OBJKEY> keys;
     const auto note = [](const OMRA_OBJKEY *pkey, void *pkeys) {
@@ -146,9 +165,16 @@ int LLVMFuzzerInitialize(int *, char ***) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
     FuzzedDataProvider data(pdata, size);
-    const std::vector<std::string> arguments = draw_command_line(data);
-    write_file(data.ConsumeRemainingBytesAsString());
+    const bool is_parsed = data.ConsumeIntegralInRange<int>(0, 3) != 3; // parsing takes long
     try {
+        if (!is_parsed) {
+            const pmi_cli::Options options = draw_options(data);
+            write_file(data.ConsumeRemainingBytesAsString());
+            load(options);
+            return 0;
+        }
+        const std::vector<std::string> arguments = draw_command_line(data);
+        write_file(data.ConsumeRemainingBytesAsString());
         if (const auto options = parse(arguments)) {
             check(!options->terms.empty() || !options->any, "--any without an index");
             load(*options);
