@@ -2,6 +2,7 @@
 // a request: it takes a descriptor, copies the request, fetches the keys and hands the descriptor
 // to the dispatcher thread. It waits for nothing. Whether the request can be worked on is found out
 // later.
+#include <limits.h>
 #include <string.h>
 
 #include "common/records.h"
@@ -16,14 +17,19 @@ static BOOLEAN allocate_merge_block(OMRAPMI_IDSC *pidsc) {
 }
 
 // Makes the memory block of a request with keys: keys, slots, work pointers and exceptions, one of
-// each a key, as four arrays one after the other.
+// each a key, as four arrays one after the other. No memory is asked for a negative number, which
+// as a count is one of the largest.
 static BOOLEAN allocate_eval_block(OMRAPMI_IDSC *pidsc, size_t num_keys) {
     static_assert(sizeof(OMRA_OBJKEY) % alignof(OMRAPMI_SDSC) == 0 &&
                       sizeof(OMRAPMI_SDSC) % alignof(OMRAPMI_WDSC *) == 0 &&
                       sizeof(OMRAPMI_WDSC *) % alignof(OMRAPMI_EXCEPTION) == 0,
                   "each array ends where the next may begin");
-    const size_t key_len = sizeof(OMRA_OBJKEY) + sizeof(OMRAPMI_SDSC) + sizeof(OMRAPMI_WDSC *) +
-                           sizeof(OMRAPMI_EXCEPTION);
+    constexpr size_t key_len = sizeof(OMRA_OBJKEY) + sizeof(OMRAPMI_SDSC) + sizeof(OMRAPMI_WDSC *) +
+                               sizeof(OMRAPMI_EXCEPTION);
+    static_assert(SIZE_MAX / key_len >= INT_MAX, "the length of no block overflows");
+    if (num_keys > INT_MAX) {
+        return FALSE;
+    }
     char *pblock = static_cast<char *>(Sys_malloc(num_keys * key_len, OMRAPMI_TAG_REQUEST));
     if (pblock == NULL) {
         return FALSE;

@@ -179,13 +179,15 @@ static int send_pass_through_request(OMRALIB_HANDLE hdl, const OMRA_INDEX_HDR *p
     return ret;
 }
 
-// Fetches the pending invoke result.
+// Fetches the pending invoke result. A longer one cannot be fetched and is dropped: left pending,
+// it would be in the way of all that follows on the handle.
 static int get_inv_result(OMRALIB_HANDLE hdl, unsigned int inv_result_len,
                           OMRA_INVOKE_RESULT *pinv_result) {
     OMRA_INVOKE_RESULT inv_result;
     OMRAPMI_ASSERT(inv_result_len == sizeof inv_result);
     memset(&inv_result, 0, sizeof inv_result);
-    if (inv_result_len > sizeof inv_result) {
+    const BOOLEAN is_too_long = inv_result_len > sizeof inv_result;
+    if (is_too_long) {
         inv_result_len = sizeof inv_result;
     }
     const int ret = Omralib_get_read_data(hdl, &inv_result, inv_result_len);
@@ -193,6 +195,9 @@ static int get_inv_result(OMRALIB_HANDLE hdl, unsigned int inv_result_len,
         OMRAPMI_TRACE("Tr [pmi-ie 4] %d\n", ret);
         OMRAPMI_ASSERT(ret != OMRALIB_ERR_BAD_ARGS);
         OMRAPMI_ASSERT(ret != OMRALIB_ERR_NOT_READING);
+        if (is_too_long) {
+            Omralib_flush_read_data(hdl);
+        }
         return ret;
     }
     OMRAPMI_ASSERT(inv_result.reserved == OMRALIB_INDEX_OP_INVOKE);

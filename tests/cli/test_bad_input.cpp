@@ -1,6 +1,8 @@
 // Everything a user can get wrong: the message names the value and what is allowed, nothing goes to
 // standard output, and the exit code is 2.
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "program.h"
 
@@ -118,15 +120,52 @@ TEST_F(BadInput, unreadableOrEmptyInput) {
 }
 
 TEST_F(BadInput, unknownPlugins) {
-    expect_refused("run none.so in.txt", "'none.so'", "No such file");
+    expect_refused("run ./none.so in.txt", "'./none.so'", "No such file");
     expect_refused("functions ./", "not a regular file");
-    expect_refused("functions in.txt", "'in.txt'", "cannot be loaded");
-    expect_refused("run libm.so.6 in.txt", "'libm.so.6'", "No such file"); // no search
+    expect_refused("functions ./in.txt", "'./in.txt'", "cannot be loaded");
+    expect_refused("run libm.so.6 in.txt", "'libm.so.6'", "given by its path"); // no search
     std::filesystem::copy_file(plugin("plain"), "here.so");
-    EXPECT_EQ(pmi("functions here.so").status, 0);
-    std::filesystem::permissions("here.so", std::filesystem::perms::others_write,
-                                 std::filesystem::perm_options::add);
-    expect_refused("functions here.so", "'here.so'", "everybody may write", "mode 07");
+    expect_refused("functions here.so", "'here.so'", "'./here.so'");
+    EXPECT_EQ(pmi("functions ./here.so").status, 0);
+}
+
+// A plug-in that others may write, or exchange for another.
+TEST_F(BadInput, pluginsOfOthers) {
+    std::filesystem::create_directories("folder/inner");
+    std::filesystem::copy_file(plugin("plain"), "folder/inner/here.so");
+    std::filesystem::create_symlink("folder/inner/here.so", "link.so");
+    const char *const file = "folder/inner/here.so";
+    const auto expect_both_refused = [](const auto &...parts) {
+        expect_refused("functions folder/inner/here.so", "'folder/inner/here.so'", parts...);
+        expect_refused("functions ./link.so", "'./link.so'", parts...);
+    };
+    const auto expect_fine = [] {
+        EXPECT_EQ(pmi("functions folder/inner/here.so").status, 0);
+        EXPECT_EQ(pmi("functions ./link.so").status, 0);
+    };
+    expect_fine();
+    chmod(file, 0757);
+    expect_both_refused("everybody may write", "/inner/here.so'", "mode 0757", "chmod o-w");
+    chmod(file, 0755);
+    chmod("folder", 0777);
+    expect_both_refused("everybody may write", "/folder'", "mode 0777", "you and root");
+    chmod("folder", 01777); // as /tmp
+    expect_fine();
+    if (geteuid() == 0) { // only root may give files away
+        constexpr uid_t other = 1;
+        const auto give = [](const char *path, uid_t user, gid_t group) {
+            EXPECT_EQ(chown(path, user, group), 0);
+        };
+        for (const char *path : {file, "folder/inner"}) {
+            give(path, other, 0);
+            expect_both_refused("belongs to user 1;", "(user 0) or to root");
+            give(path, 0, other);
+            chmod(path, 0775);
+            expect_both_refused("group 1 may write", "mode 0775", "chmod g-w");
+            give(path, 0, 0); // a group of root alone
+            expect_fine();
+        }
+    }
 }
 
 TEST_F(BadInput, unknownFunctions) {

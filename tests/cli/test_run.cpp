@@ -97,6 +97,7 @@ TEST_F(RunCommand, namesFailedObjects) {
                                     "pmi: in.txt:3: the object starts with f (7)\n"
                                     "pmi: and 1 more exceptions\n"
                                     "pmi: 5 objects matched, 2 successful, 3 failed"));
+    EXPECT_THAT(pmi(run + " --exceptions 0").err, StartsWith("pmi: and 3 more exceptions\n"));
 
     const Ran json_ran = pmi(run + " --json --threads 1");
     EXPECT_EQ(json_ran.status, 1);

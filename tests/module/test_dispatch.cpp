@@ -136,6 +136,9 @@ TEST_F(Dispatch_live_test, RequestsThatCannotRunAreCompletedAsFailed) {
     // One that has no keys is completed, too.
     EXPECT_EQ(run(eval_request(5), {}), (store::Completion{0, 0}));
     EXPECT_EQ(sys::take_asserts(), "num_keys > 0|num_keys != 0");
+    // An invoke-once eval for several keys would be completed for each of them.
+    EXPECT_EQ(run(once_request(5), keys), (store::Completion{0, 10}));
+    EXPECT_NE(sys::take_asserts().find("|num_keys == 1"), std::string::npos);
     EXPECT_EQ(store::bytes(901), "none");
 }
 

@@ -94,6 +94,7 @@ TEST_F(Invoke_test, ArgumentsAreValidatedInOrder) {
         {-1311, [](auto &a, auto &, auto &) { a.pparams_obj = "p"; }},
         {-1308, [](auto &a, auto &, auto &) { a.use_exceptions = 2; }},
         {-1310, [](auto &a, auto &, auto &) { a.use_query_spec = 0; }},
+        {-1310, [](auto &a, auto &, auto &) { a.use_query_spec = 0, a.query_spec_len = 0; }},
         {-1310, [](auto &a, auto &, auto &) { a.query_spec_len = 327; }},
         {-1310, [](auto &a, auto &, auto &) { a.pquery_spec = nullptr; }},
         {-1310, [](auto &a, auto &, auto &) { a.use_query_spec = 2, a.query_spec_len = 0; }},
@@ -205,6 +206,24 @@ TEST_F(Invoke_test, HandsOutWhatThereIs) {
     }
 }
 
+// One part that is not null is enough for a key that names an object.
+TEST_F(Invoke_test, AnyPartOfAKeyCounts) {
+    for (unsigned int part = 0; part < 6; ++part) {
+        OMRA_OBJKEY key = {};
+        key.app_id = part == 0 ? 1 : 0;
+        key.flags = part == 1 ? 1 : 0;
+        key.ext_obj_id.u64_comp[0] = part == 2 ? 1 : 0;
+        key.ext_obj_id.u64_comp[1] = part == 3 ? 1 : 0;
+        key.obj_id.u64_comp[0] = part == 4 ? 1 : 0;
+        key.obj_id.u64_comp[1] = part == 5 ? 1 : 0;
+        reply = {2, 10, 2, 0, key, key};
+        store::script.num_calls["read_obj"] = 0;
+        EXPECT_EQ(invoke(), -109);
+        EXPECT_EQ(store::script.num_calls["read_obj"], 2u) << part;
+    }
+    sys::take_asserts();
+}
+
 // The first failure decides, the rest is still collected, and nothing is handed out.
 TEST_F(Invoke_test, FailuresOfTheStore) {
     struct Case {
@@ -260,6 +279,18 @@ TEST_F(Invoke_test, ARepliesLengthAndKindAreChecked) {
     reply.reserved = 3;
     EXPECT_EQ(invoke(), 1);
     EXPECT_EQ(sys::take_asserts(), "inv_result.reserved == OMRALIB_INDEX_OP_INVOKE");
+}
+
+TEST_F(Invoke_test, AReplyThatIsTooLongIsDropped) {
+    store::script.on_invoke = [](std::string_view, std::string &reply_bytes) {
+        reply_bytes.assign(97, '\0');
+        return 1;
+    };
+    store::script.answers = {{"get_read_data", OMRALIB_ERR_BAD_ARGS}, {"flush_read_data", 1}};
+    EXPECT_EQ(invoke(), OMRALIB_ERR_BAD_ARGS);
+    EXPECT_EQ(sys::take_asserts(),
+              "inv_result_len == sizeof inv_result|ret != OMRALIB_ERR_BAD_ARGS");
+    EXPECT_EQ(store::take_log(), "handle_ready|invoke 104|get_read_data 96|flush_read_data");
 }
 
 } // namespace

@@ -102,6 +102,10 @@ TEST_F(Init_test, StartAndStopTellTheStore) {
     EXPECT_EQ(Omrapmi_worker_register_app_name(hdl, 0x40000001), 1);
     EXPECT_EQ(store::take_log(), "register_appname_hdl __OMRA_appname_invoke_once");
 
+    store::script.answers = {{"register_appname_hdl", -103}};
+    EXPECT_EQ(Omrapmi_worker_register_app_name(hdl, 0x40000001), -103);
+    store::take_log();
+
     // Every step is tried; the first failure of starting decides, and stopping reports success.
     store::script.answers = {{"register_appname_hdl", -103}, {"start", -102}};
     EXPECT_EQ(Omrapmi_worker_start(0x30000002), -103);
@@ -180,13 +184,16 @@ TEST_F(Callback_test, ARefusalLeavesNothingBehind) {
     EXPECT_EQ(store::deliver(eval_request(5), keys), -4);
     sys::script.malloc_countdown[OMRAPMI_TAG_REQUEST] = 1;
     EXPECT_EQ(store::deliver(merge_request(5, 0), {}), -4);
+    OMRALIB_INVOKE_PARAMS negative = eval_request(5);
+    negative.num_keys = -1;
+    EXPECT_EQ(Omrapmi_invoke_ext_cb("pmicli\0\0\0\0\0\0\0\0\0", &negative), -4);
     EXPECT_EQ(sys::free_descriptors(), sys::all_free);
     while (sys::free_descriptors().first > 0) {
         Omrapmi_get_idsc();
     }
     sys::script.malloc_countdown[OMRAPMI_TAG_IDSC_BATCH] = 1;
     EXPECT_EQ(store::deliver(eval_request(5), keys), -4);
-    EXPECT_EQ(sys::take_traces(), "[ic 2] -109|[ic 1]|[ic 1]|[ic 0]");
+    EXPECT_EQ(sys::take_traces(), "[ic 2] -109|[ic 1]|[ic 1]|[ic 1]|[ic 0]");
     EXPECT_EQ(sys::take_asserts(), "pidsc != NULL");
     EXPECT_EQ(next_request(), nullptr);
 }

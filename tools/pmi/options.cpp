@@ -241,7 +241,7 @@ std::optional<Options> parse_options(int argc, char **argv) {
     app.footer(kHelp);
     CLI::App *run = app.add_subcommand("run", "Load input as objects, run a plug-in's function on "
                                               "each, and print the merged result");
-    run->add_option("PLUGIN", options.plugin, "Shared library that holds the functions")
+    run->add_option("PLUGIN", options.plugin, "Path of the shared library that holds the functions")
         ->required();
     add_run_options(*run, options, terms, fields, params_file, lost_host);
     run->footer(kRunHelp);
@@ -251,7 +251,9 @@ std::optional<Options> parse_options(int argc, char **argv) {
     explain->get_option("INPUT")->required();
     explain->footer(kExplainHelp);
     CLI::App *functions = app.add_subcommand("functions", "List the functions of a plug-in");
-    functions->add_option("PLUGIN", options.plugin, "Shared library that holds the functions")
+    functions
+        ->add_option("PLUGIN", options.plugin,
+                     "Path of the shared library that holds the functions")
         ->required();
     functions->add_flag_function(
         "--json", [&options](std::int64_t) { options.format = Format::kJson; },

@@ -1,18 +1,18 @@
-// Loading a plug-in: check the file -> dlopen -> pmi_plugin_register -> check what it registered.
+// Loading a plug-in: find and check the file -> dlopen -> pmi_plugin_register -> check what it
+// registered.
 //
 // A plug-in is code that runs with the user's rights. So it is found by the path that the user gave
-// and never searched for, and a file that everybody may write is refused.
+// and never searched for, and one that others may write or exchange is refused (trust.h).
 #include "plugin.h"
 
-#include <cerrno>
-#include <cstring>
+#include <filesystem>
 #include <string_view>
 
 #include <dlfcn.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include "error.h"
+#include "trust.h"
 
 namespace pmi_cli {
 
@@ -24,19 +24,31 @@ constexpr const char *kRegisterName = "pmi_plugin_register";
     throw UsageError(fmt::format("plug-in '{}': {}", path, what));
 }
 
-void check_file(const std::string &path) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-        fail(path, std::strerror(errno));
+// Without a slash the loader would search its own directories, and a file that happens to lie in
+// the working directory is not what a bare name asks for.
+void check_is_path(const std::string &path) {
+    if (path.find('/') == std::string::npos) {
+        fail(path, fmt::format("a plug-in is given by its path; one in the working directory is "
+                               "'./{}'",
+                               path));
     }
-    if (!S_ISREG(status.st_mode)) {
+}
+
+// Where the file is, without symbolic links: what is checked is what is loaded.
+std::string find_file(const std::string &path) {
+    std::error_code error;
+    const std::filesystem::path found = std::filesystem::canonical(path, error);
+    if (error) {
+        fail(path, error.message());
+    }
+    if (!std::filesystem::is_regular_file(found, error)) {
         fail(path, "not a regular file");
     }
-    if ((status.st_mode & S_IWOTH) != 0) {
-        fail(path, fmt::format("everybody may write this file (mode {:04o}); take that away with "
-                               "'chmod o-w'",
-                               status.st_mode & 07777u));
+    const std::string writers = find_other_writers(found.string());
+    if (!writers.empty()) {
+        fail(path, writers);
     }
+    return found.string();
 }
 
 // What went wrong during the registration is kept here: nothing may be thrown through the plug-in.
@@ -151,10 +163,8 @@ const Function &Plugin::find_merge(const std::string &name) const {
 }
 
 Plugin load_plugin(const std::string &path) {
-    check_file(path);
-    // Without a slash the loader would search its own directories instead of taking this file.
-    const std::string exact = path.find('/') == std::string::npos ? "./" + path : path;
-    void *library = dlopen(exact.c_str(), RTLD_NOW | RTLD_LOCAL);
+    check_is_path(path);
+    void *library = dlopen(find_file(path).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
         fail(path, fmt::format("cannot be loaded: {}", dlerror()));
     }

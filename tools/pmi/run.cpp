@@ -42,7 +42,7 @@ OMRAPMI_INVOKE_ARGS make_args(const Function &eval, const Function &merge,
         args.query_spec_len = sizeof terms;
     }
     args.timeout_s = options.timeout_s;
-    args.use_exceptions = options.num_exceptions == 0 ? FALSE : TRUE;
+    args.use_exceptions = TRUE; // they are counted even where none is to be named
     return args;
 }
 

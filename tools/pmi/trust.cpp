@@ -1,0 +1,89 @@
+// The file itself and every folder above it are looked at, since whoever may write in a folder may
+// put another file, or another folder, in the place of what is there. A folder with the sticky bit,
+// as /tmp has it, is safe in this respect.
+#include "trust.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+
+#include <fmt/format.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace pmi_cli {
+
+namespace {
+
+bool is_trusted(uid_t user) {
+    return user == 0 || user == geteuid();
+}
+
+bool is_trusted(const char *name) {
+    const passwd *user = getpwnam(name);
+    return user != nullptr && is_trusted(user->pw_uid);
+}
+
+// Whether nobody else is in the group: users often have a group of their own, to which their files
+// then belong, and system folders one that is empty.
+bool is_trusted_group(gid_t gid) {
+    const group *found = getgrgid(gid);
+    if (found == nullptr) {
+        return false;
+    }
+    for (char **member = found->gr_mem; *member != nullptr; ++member) {
+        if (!is_trusted(*member)) {
+            return false;
+        }
+    }
+    bool trusted = true;
+    setpwent();
+    while (const passwd *user = getpwent()) {
+        trusted = trusted && (user->pw_gid != gid || is_trusted(user->pw_uid));
+    }
+    endpwent();
+    return trusted;
+}
+
+std::string find_other_writers_of_one(const std::string &path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) {
+        return fmt::format("'{}': {}", path, std::strerror(errno));
+    }
+    if (!is_trusted(status.st_uid)) {
+        return fmt::format(
+            "'{}' belongs to user {}; allowed is what belongs to you (user {}) or to "
+            "root",
+            path, status.st_uid, geteuid());
+    }
+    const unsigned int mode = status.st_mode & 07777u;
+    if (S_ISDIR(status.st_mode) && (mode & S_ISVTX) != 0) {
+        return "";
+    }
+    constexpr std::string_view kText = "{} may write '{}' (mode {:04o}); allowed are you and root: "
+                                       "take that away with 'chmod {}-w'";
+    if ((mode & S_IWOTH) != 0) {
+        return fmt::format(kText, "everybody", path, mode, 'o');
+    }
+    if ((mode & S_IWGRP) != 0 && !is_trusted_group(status.st_gid)) {
+        return fmt::format(kText, fmt::format("group {}", status.st_gid), path, mode, 'g');
+    }
+    return "";
+}
+
+} // namespace
+
+std::string find_other_writers(const std::string &path) {
+    std::filesystem::path part = path;
+    std::string found = find_other_writers_of_one(path);
+    while (found.empty() && part.has_relative_path()) {
+        part = part.parent_path();
+        found = find_other_writers_of_one(part.string());
+    }
+    return found;
+}
+
+} // namespace pmi_cli
