@@ -29,10 +29,11 @@ constexpr unsigned int num_hosts = 3, num_objects = 7;
 enum FuncId : unsigned int { eval_id, merge_id, once_id, fold_only_id };
 
 constexpr int eval_failure = 40, merge_failure = 41, no_memory = 42;
-constexpr unsigned int failing_object = 3; // its eval fails
-constexpr unsigned int unmergeable = 5;    // merging fails when this alone is the source
-constexpr unsigned int once_object = 20;   // stands for what an invoke-once eval returns
-constexpr unsigned int timeout_s = 30;     // 30 ms of the wall's time
+constexpr unsigned int failing_object = 3;   // its eval fails
+constexpr unsigned int unmergeable = 5;      // merging fails when this alone is the source
+constexpr unsigned int once_object = 20;     // stands for what an invoke-once eval returns
+constexpr unsigned int hasty_timeout_s = 30; // 30 ms of the wall's time
+constexpr unsigned int lone_timeout_s = 1000;
 constexpr unsigned int patient_timeout_s = 20'000;
 
 // A result is a set of objects, one bit each.
@@ -41,6 +42,7 @@ using Objects = ULONGLONG;
 std::string complaints; // guarded by complaints_lock
 std::mutex complaints_lock;
 std::atomic<bool> worker_side_lost{false};
+unsigned int timeout_s = hasty_timeout_s;          // of the scenario's invocations
 std::atomic<unsigned int> failing{failing_object}; // none of the objects: no user function fails
 
 void complain(const std::string &text) {
@@ -192,8 +194,12 @@ OMRALIB_HANDLE application_handle() {
 
 bool may_lose_replies = true; // while points are armed
 
+bool may_time_out = true; // when one call after the other fails
+
 void invoke_armed(const Request &request) {
-    invoke(application_handle(), request, may_lose_replies);
+    const int status = invoke(application_handle(), request, may_lose_replies);
+    expect(may_time_out || worker_side_lost || status != OMRALIB_ERR_INVOKE_TIMEOUT,
+           "one failure kept the answer back");
 }
 
 // Every function of the module that a program may call first.
@@ -334,7 +340,7 @@ public:
 
 private:
     std::array<OMRAPMI_IDSC *, OMRAPMI_NUM_BUILT_IN_IDSCS - 1> idscs_{};
-    std::array<OMRAPMI_WDSC *, OMRAPMI_NUM_BUILT_IN_WDSCS - 4> wdscs_{};
+    std::array<OMRAPMI_WDSC *, OMRAPMI_NUM_BUILT_IN_WDSCS - 1> wdscs_{};
 };
 
 // Whatever the module still works on comes to its end; a hang ends the process.
@@ -415,6 +421,8 @@ faults::Seen run(const Scenario &scenario, unsigned int num_workers,
         return point.mode == faults::Mode::reply_lost;
     });
     std::optional<HeldDescriptors> held;
+    may_time_out = points.size() != 1 || points[0].extent != faults::Extent::once;
+    timeout_s = may_time_out ? hasty_timeout_s : lone_timeout_s;
     if (!scenario.starts_up) {
         set_up_module();
         failing = num_objects;
