@@ -35,6 +35,11 @@ BOOLEAN Omrapmi_worker_merge_wrapper(OMRAPMI_MERGE_FUNCP pfunc_merge,
     Sys_free(*ppresults_obj_dst_out);
     *ppresults_obj_dst_out = presults_obj_out;
     *presults_obj_len_dst_out = results_obj_len_out;
+    OMRAPMI_ASSERT(*ppresults_obj_dst_out != presults_obj_src);
+    if (*ppresults_obj_dst_out == NULL) { // nothing is there to be read or stored
+        OMRAPMI_ASSERT(*presults_obj_len_dst_out == 0);
+        *presults_obj_len_dst_out = 0;
+    }
     return TRUE;
 }
 

@@ -37,6 +37,9 @@ int eval(const char *pdata, unsigned int data_len, const char *pparams, unsigned
         *presult_len_out = sizeof bit;
         std::memcpy(*ppresult_out, &bit, sizeof bit);
     }
+    if (user::script().spoil_eval) {
+        user::script().spoil_eval(ppresult_out, presult_len_out);
+    }
     return 0;
 }
 
@@ -59,6 +62,9 @@ int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_l
     *pmerged_len_out = user::script().merged_len;
     const ULONGLONG merged = dst | src;
     std::memcpy(*ppmerged_out, &merged, sizeof merged);
+    if (user::script().spoil_merge) {
+        user::script().spoil_merge(psrc, ppmerged_out, pmerged_len_out);
+    }
     return 0;
 }
 

@@ -27,8 +27,11 @@ struct Script {
     unsigned int merged_len = 8;           // that merges claim
     std::function<void(unsigned int)> on_eval;  // runs first, with the object
     std::function<void(unsigned int)> on_merge; // runs first, with the number of the merge
-    unsigned int num_merges = 0;                // so far
-    std::string params;                         // of the last eval
+    // Run last, with what the function hands out (and the merge's source) for them to change.
+    std::function<void(char **, unsigned int *)> spoil_eval;
+    std::function<void(const char *, char **, unsigned int *)> spoil_merge;
+    unsigned int num_merges = 0; // so far
+    std::string params;          // of the last eval
 };
 inline constexpr unsigned int no_object = 63; // stands for the object of an invoke-once eval
 // Written by a test while no user function runs.

@@ -168,6 +168,54 @@ TEST_F(Eval_test, AMergeInPlaceMayNotChangeTheLength) {
     EXPECT_EQ(store::bytes(900), user::bits({0, 1}));
 }
 
+// Each is reported, and only what is there is read, stored and freed.
+TEST_F(Eval_test, NonsenseFromUserFunctions) {
+    const auto length_alone = [](char **pout, unsigned int *) {
+        Omrapmi_free(*pout);
+        *pout = nullptr;
+    };
+    const auto block_alone = [](char **, unsigned int *plen) { *plen = 0; };
+    const auto merged_length_alone = [](const char *, char **pout, unsigned int *) {
+        *pout = nullptr;
+    };
+    const auto merged_block_alone = [](const char *, char **pout, unsigned int *plen) {
+        *pout = static_cast<char *>(Omrapmi_malloc(8));
+        *plen = 0;
+    };
+    const auto source = [](const char *psrc, char **pout, unsigned int *) {
+        *pout = const_cast<char *>(psrc);
+    };
+    struct Case {
+        std::function<void(char **, unsigned int *)> spoil_eval;
+        std::function<void(const char *, char **, unsigned int *)> spoil_merge;
+        unsigned int num_keys;
+        bool is_stored; // a result is there already
+        std::string reports, result;
+    };
+    const Case cases[] = {
+        {length_alone, {}, 2, false, "results_obj_len_src == 0|results_obj_len_src == 0", "none"},
+        {block_alone, {}, 1, false, "default_data_len != 0", ""},
+        {{}, source, 2, false, "*ppresults_obj_dst_out != presults_obj_src", user::bits({1})},
+        {{}, source, 1, true, "*ppresults_obj_dst_out != presults_obj_src", user::bits({0})},
+        {{}, merged_length_alone, 2, false, "*presults_obj_len_dst_out == 0", "none"},
+        {{}, merged_length_alone, 1, true, "*presults_obj_len_dst_out == 0", ""},
+        {{}, merged_block_alone, 2, false, "default_data_len != 0", ""},
+        {{}, merged_block_alone, 1, true, "", ""},
+    };
+    for (const Case &spoilt : cases) {
+        SCOPED_TRACE(&spoilt - cases);
+        if (spoilt.is_stored) {
+            store::put(900, user::bits({40}));
+        }
+        user::script().spoil_eval = spoilt.spoil_eval;
+        user::script().spoil_merge = spoilt.spoil_merge;
+        EXPECT_EQ(eval(spoilt.num_keys), counts(spoilt.num_keys, 0));
+        EXPECT_EQ(sys::take_asserts(), spoilt.reports);
+        EXPECT_EQ(store::bytes(900), spoilt.result);
+        clear();
+    }
+}
+
 TEST_F(Eval_test, ReadsOfObjects) {
     const std::vector<OMRA_OBJKEY> keys = put_objects(4);
     store::script.objects.erase("0"); // gone: counts as successful, silently
