@@ -383,6 +383,7 @@ void check_invocation(const Request &request) {
            "the next invocation failed with " + std::to_string(status));
     Omralib_get_stats(&after);
     expect(before.num_refusals == after.num_refusals, "the next invocation was refused");
+    expect(before.num_objects >= after.num_objects, "the next invocation left objects");
 }
 
 void check_afterwards(World &world) {

@@ -1,6 +1,7 @@
-// The file itself and every folder above it are looked at, since whoever may write in a folder may
-// put another file, or another folder, in the place of what is there. A folder with the sticky bit,
-// as /tmp has it, is safe in this respect.
+// Whoever may write in a folder may put another file, or another folder, in the place of what is
+// there. So the file and its folder must be the user's or root's and nobody else's to write, and no
+// folder above may be everybody's. Owners and groups further up are left to the administrator: they
+// are often those of a mount. A folder with the sticky bit, as /tmp has it, is safe.
 #include "trust.h"
 
 #include <cerrno>
@@ -48,12 +49,12 @@ bool is_trusted_group(gid_t gid) {
     return trusted;
 }
 
-std::string find_other_writers_of_one(const std::string &path) {
+std::string find_other_writers_of_one(const std::string &path, bool is_near) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) {
         return fmt::format("'{}': {}", path, std::strerror(errno));
     }
-    if (!is_trusted(status.st_uid)) {
+    if (is_near && !is_trusted(status.st_uid)) {
         return fmt::format(
             "'{}' belongs to user {}; allowed is what belongs to you (user {}) or to "
             "root",
@@ -68,7 +69,7 @@ std::string find_other_writers_of_one(const std::string &path) {
     if ((mode & S_IWOTH) != 0) {
         return fmt::format(kText, "everybody", path, mode, 'o');
     }
-    if ((mode & S_IWGRP) != 0 && !is_trusted_group(status.st_gid)) {
+    if (is_near && (mode & S_IWGRP) != 0 && !is_trusted_group(status.st_gid)) {
         return fmt::format(kText, fmt::format("group {}", status.st_gid), path, mode, 'g');
     }
     return "";
@@ -77,11 +78,14 @@ std::string find_other_writers_of_one(const std::string &path) {
 } // namespace
 
 std::string find_other_writers(const std::string &path) {
-    std::filesystem::path part = path;
-    std::string found = find_other_writers_of_one(path);
-    while (found.empty() && part.has_relative_path()) {
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    std::string found = find_other_writers_of_one(path, true);
+    if (found.empty()) {
+        found = find_other_writers_of_one(folder.string(), true);
+    }
+    for (std::filesystem::path part = folder; found.empty() && part.has_relative_path();) {
         part = part.parent_path();
-        found = find_other_writers_of_one(part.string());
+        found = find_other_writers_of_one(part.string(), false);
     }
     return found;
 }
