@@ -46,7 +46,7 @@ TEST(Queue, GivesItemsInTheirOrderAndTakesNoneTwice) {
     Queue_enq(&queue, &items[0].link);
     Blockq_enq(&blockq, &items[1].link);
     EXPECT_EQ(Sys_get_assert_count(), 2u);
-    EXPECT_EQ(queue.count, 3u);
+    EXPECT_EQ(Sys_get_queue_count(&queue), 3u);
     for (Item &item : items)
         EXPECT_EQ(Queue_deq(&queue), &item.link);
     EXPECT_EQ(Queue_deq(&queue), nullptr);
