@@ -4,16 +4,17 @@
 // and its tag, for the accounts, and a mark computed from both. The mark is the last thing before
 // the caller's bytes, so that writing in front of a block hits it first. A block whose mark is
 // wrong is reported and left alone: losing it is better than handing damaged memory to the C
-// library.
+// library. Small blocks are kept for a while when they are released, with their headers marked.
 //
-// Counting is left to accounts.cpp; writing past a block's end is left to AddressSanitizer.
+// Counting is left to thread_memory.h, keeping to block_cache.h; writing past a block's end is left
+// to AddressSanitizer.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 
-#include "accounts.h"
 #include "check.h"
 #include "exported.h"
+#include "thread_memory.h"
 
 namespace {
 
@@ -22,6 +23,8 @@ struct alignas(std::max_align_t) BlockHeader {
     std::uint32_t tag;
     std::uint32_t mark;
 };
+
+static_assert(sizeof(BlockHeader) == sysutil::BlockCache::kHeaderSize);
 
 constexpr std::uint32_t kLive = 0xA10CB10C;
 constexpr std::uint32_t kReleased = 0xDEADB10C;
@@ -46,18 +49,41 @@ void mark_released(BlockHeader &header) {
     mark = kReleased;
 }
 
+bool is_cached_size(std::size_t block_size) {
+    return block_size <= sysutil::kMaxCachedSize;
+}
+
+void *get_block(sysutil::ThreadMemory *own, std::size_t block_size) {
+    if (!is_cached_size(block_size))
+        return std::malloc(block_size);
+    if (own != nullptr) {
+        if (void *block = own->cache.take(block_size))
+            return block;
+    }
+    return sysutil::allocate_block(block_size);
+}
+
+void put_block(sysutil::ThreadMemory *own, void *block, std::size_t block_size) {
+    if (sysutil::kCacheBlocks && own != nullptr && is_cached_size(block_size))
+        own->cache.keep(block, block_size);
+    else
+        std::free(block);
+}
+
 } // namespace
 
 void *Sys_malloc(size_t size, unsigned int tag) {
     if (!SYS_CHECK(tag < sysutil::kMemTags) || size > kMaxSize)
         return nullptr;
-    auto *header = static_cast<BlockHeader *>(std::malloc(sizeof(BlockHeader) + size));
+    sysutil::ThreadMemory *own = sysutil::own_memory();
+    const std::size_t block_size = sizeof(BlockHeader) + size;
+    auto *header = static_cast<BlockHeader *>(get_block(own, block_size));
     if (header == nullptr)
         return nullptr;
     header->size = size;
     header->tag = tag;
     header->mark = mark_of(*header);
-    sysutil::account_block(tag, size);
+    sysutil::account_block(own, tag, size);
     return header + 1;
 }
 
@@ -67,7 +93,9 @@ void Sys_free(void *ptr) {
     BlockHeader *header = static_cast<BlockHeader *>(ptr) - 1;
     if (!SYS_CHECK(block_is_live(*header)))
         return;
-    sysutil::account_release(header->tag, header->size);
+    sysutil::ThreadMemory *own = sysutil::own_memory();
+    const std::size_t block_size = sizeof(BlockHeader) + header->size;
+    sysutil::account_release(own, header->tag, header->size);
     mark_released(*header);
-    std::free(header);
+    put_block(own, header, block_size);
 }
