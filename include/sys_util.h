@@ -29,7 +29,10 @@ typedef unsigned long THREADID;
 #define NULLTHREADID 0ul
 
 /* A mutex. */
-typedef pthread_mutex_t THREADLOCK;
+typedef struct THREADLOCK {
+    ULONG state;  /* machinery */
+    THREADID tid; /* the owner */
+} THREADLOCK;
 
 /* A short critical section. */
 typedef struct SYS_CSECT {

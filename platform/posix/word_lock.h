@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <ctime>
 
 #include "exported.h"
 
@@ -29,18 +30,21 @@ inline bool try_take(ULONG &word) {
                                          std::memory_order_relaxed);
 }
 
-// Waits for a word that another thread holds.
-void take_contended(ULONG &word);
+// Waits for a word that another thread holds; false when `deadline`, by the monotonic clock, has
+// come first. NULL is none.
+bool take_contended(ULONG &word, const timespec *deadline);
+
+void wake_sleeper(ULONG &word);
 
 inline void take(ULONG &word) {
     if (!try_take(word))
-        take_contended(word);
+        take_contended(word, nullptr);
 }
 
 inline void release(ULONG &word) {
     const std::atomic_ref<ULONG> state(word);
     if (state.exchange(kFree, std::memory_order_release) == kHeldWithSleepers)
-        state.notify_one();
+        wake_sleeper(word);
 }
 
 class WordGuard {
