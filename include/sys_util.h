@@ -68,7 +68,8 @@ typedef struct SYS_LANE {
     ULONG run_limit; /* items that the next run may have */
     ULONG num_taken_seen;
     ULONGLONG run_began_ns;
-    ULONGLONG reserved[9];
+    struct LINK *recent[8]; /* the items added last */
+    ULONGLONG reserved;
 } SYS_LANE;
 
 static_assert(sizeof(SYS_LANE) == 128, "two lanes share no cache line");

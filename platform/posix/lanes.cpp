@@ -23,6 +23,7 @@ void append(QUEUE &queue, LINK *first, LINK *last, ULONG num, bool whole_run) {
             queue.num_first_run = num;
         return;
     }
+    first->back = nullptr;
     queue.last_run->back = last;
     queue.num_last_run += num;
     if (queue.last_run == head.forw)

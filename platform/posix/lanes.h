@@ -14,7 +14,11 @@
 // The list is linked forward from the queue's own link through `forw`, and its last item is the
 // `back` of that link. The first item of each run has the run's last item as its `back`, so that a
 // run is taken out of the list without looking at the items in between. All runs but the first and
-// the last have kRun items.
+// the last have kRun items. Within a run that was added in a lane, `back` of the others is the item
+// that comes kAhead items later, or NULL.
+//
+// Items lie wherever their users have put them, mostly out of the cache of the thread that takes
+// them. Taking an item therefore brings those that come next into reach.
 //
 // Locks: a lane's word is taken before the critical section of the list. Nobody holds two lanes.
 #pragma once
@@ -28,6 +32,7 @@
 namespace sysutil {
 
 inline constexpr ULONG kRun = 128;
+inline constexpr ULONG kAhead = sizeof(SYS_LANE::recent) / sizeof(LINK *);
 
 inline SYS_LANE &own_lane(QUEUE &queue) {
     return queue.lanes[thread_number() % SYS_NUM_LANES];
@@ -53,14 +58,19 @@ void append(QUEUE &queue, LINK *first, LINK *last, ULONG num, bool whole_run);
 // lane that has no next item.
 void move_run(QUEUE &queue, SYS_LANE &lane, ULONG limit);
 
+// The link of an item that will be taken, and what its user keeps behind it.
+inline void bring_into_reach(const LINK *item) {
+    __builtin_prefetch(item, 1);
+    __builtin_prefetch(item + 1, 1);
+}
+
 // Under the lane's lock, which has a next item.
 inline LINK *take_next(SYS_LANE &lane) {
     LINK *item = lane.next;
     lane.next = item->forw;
     set(lane.num_next, lane.num_next - 1);
-    // By the time it is taken, the next one is in reach, and what its owner keeps behind its link.
-    __builtin_prefetch(lane.next, 1);
-    __builtin_prefetch(lane.next + 1, 1);
+    bring_into_reach(item->forw);
+    bring_into_reach(item->back);
     item->forw = nullptr;
     item->back = nullptr;
     item->qp = nullptr;

@@ -23,6 +23,11 @@ constexpr ULONG kLinkCode = 0x4C494E4B;
 void add(QUEUE &queue, SYS_LANE &lane, LINK &link) {
     link.qp = &queue.link;
     link.forw = nullptr;
+    link.back = nullptr;
+    LINK *&recent = lane.recent[lane.num_added % kAhead];
+    if (lane.num_added >= kAhead)
+        recent->back = &link;
+    recent = &link;
     if (lane.num_added == 0)
         lane.first_added = &link;
     else
