@@ -84,7 +84,7 @@ ULONG next_run_limit(SYS_LANE &lane) {
 // Fetches a run from the list into the lane, unless one is there by now, and takes its first item.
 // NULL when the list is empty.
 LINK *fetch(QUEUE &queue, SYS_LANE &lane) {
-    const WordGuard lane_guard(lane.lock);
+    const LaneGuard lane_guard(lane);
     if (lane.num_next == 0) {
         // The clock is for longer runs only.
         const ULONG limit = peek(queue.count) > 1 ? next_run_limit(lane) : 1;
@@ -103,7 +103,7 @@ LINK *take_stuck(QUEUE &queue) {
     const ULONG index = peek(queue.lane_to_check);
     SYS_LANE &lane = queue.lanes[index % SYS_NUM_LANES];
     if (peek(lane.num_next) != 0) {
-        const WordGuard guard(lane.lock);
+        const LaneGuard guard(lane);
         if (lane.num_next != 0 && lane.num_taken == lane.num_taken_seen)
             return take_next(lane);
         lane.num_taken_seen = lane.num_taken;

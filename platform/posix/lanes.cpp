@@ -1,9 +1,26 @@
 #include "lanes.h"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 namespace sysutil {
+
+void take_contended(SYS_LANE &lane) {
+    constexpr int kLooks = 100;
+    constexpr auto kPause = std::chrono::microseconds(50);
+    const std::atomic_ref<ULONG> lock(lane.lock);
+    for (int look = 0;; ++look) {
+        if (lock.load(std::memory_order_relaxed) == 0 &&
+            lock.exchange(1, std::memory_order_acquire) == 0)
+            return;
+        if (look < kLooks)
+            pause_core();
+        else
+            std::this_thread::sleep_for(kPause);
+    }
+}
 
 void append(QUEUE &queue, LINK *first, LINK *last, ULONG num, bool whole_run) {
     LINK &head = queue.link;
@@ -68,7 +85,7 @@ LINK *take_from_lanes(QUEUE &queue) {
         SYS_LANE &lane = queue.lanes[(own + i) % SYS_NUM_LANES];
         if (peek(lane.num_next) == 0 && peek(lane.num_added) == 0)
             continue;
-        const WordGuard guard(lane.lock);
+        const LaneGuard guard(lane);
         if (lane.num_next == 0) {
             lane.next = std::exchange(lane.first_added, nullptr);
             set(lane.num_next, lane.num_added);

@@ -58,6 +58,25 @@ void append(QUEUE &queue, LINK *first, LINK *last, ULONG num, bool whole_run);
 // lane that has no next item.
 void move_run(QUEUE &queue, SYS_LANE &lane, ULONG limit);
 
+void take_contended(SYS_LANE &lane);
+
+// Has a lane for a few instructions. It is had once or twice for every item and hardly ever by two
+// threads at a time, so giving it back is a plain store: nobody can be asleep in the kernel until
+// then. Whoever has to wait looks again, and after a while sleeps between two looks.
+class LaneGuard {
+public:
+    explicit LaneGuard(SYS_LANE &lane) : lane_(lane) {
+        if (std::atomic_ref<ULONG>(lane_.lock).exchange(1, std::memory_order_acquire) != 0)
+            take_contended(lane_);
+    }
+    ~LaneGuard() { std::atomic_ref<ULONG>(lane_.lock).store(0, std::memory_order_release); }
+    LaneGuard(const LaneGuard &) = delete;
+    LaneGuard &operator=(const LaneGuard &) = delete;
+
+private:
+    SYS_LANE &lane_;
+};
+
 // The link of an item that will be taken, and what its user keeps behind it.
 inline void bring_into_reach(const LINK *item) {
     __builtin_prefetch(item, 1);
@@ -79,7 +98,7 @@ inline LINK *take_next(SYS_LANE &lane) {
 
 // The next item of the calling thread's own lane, or NULL.
 inline LINK *take_at_hand(SYS_LANE &lane) {
-    const WordGuard guard(lane.lock);
+    const LaneGuard guard(lane);
     if (lane.num_next == 0)
         return nullptr;
     set(lane.num_taken, lane.num_taken + 1);

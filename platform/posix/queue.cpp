@@ -39,7 +39,7 @@ void add(QUEUE &queue, SYS_LANE &lane, LINK &link) {
 // Fetches a run from the list into the lane, unless one is there by now, and takes its first item.
 // NULL when the list is empty. `num_moves` tells the runs that have moved so far.
 LINK *fetch(QUEUE &queue, SYS_LANE &lane, ULONG &num_moves) {
-    const WordGuard lane_guard(lane.lock);
+    const LaneGuard lane_guard(lane);
     if (lane.num_next == 0) {
         const CsectGuard guard(*queue.csp);
         if (queue.count != 0)
@@ -80,7 +80,7 @@ void Queue_enq(QUEUE *pq, LINK *plink) {
     if (!SYS_CHECK(!Link_inuse(plink)))
         return;
     SYS_LANE &lane = own_lane(*pq);
-    const WordGuard lane_guard(lane.lock);
+    const LaneGuard lane_guard(lane);
     add(*pq, lane, *plink);
     if (lane.num_added < kRun)
         return;
@@ -108,7 +108,7 @@ LINK *Queue_deq(QUEUE *pq) {
 size_t Sys_get_queue_count(QUEUE *pq) {
     size_t count = 0;
     for (SYS_LANE &lane : pq->lanes) {
-        const WordGuard guard(lane.lock);
+        const LaneGuard guard(lane);
         count += size_t{lane.num_next} + lane.num_added;
     }
     const CsectGuard guard(*pq->csp);

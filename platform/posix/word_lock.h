@@ -47,15 +47,4 @@ inline void release(ULONG &word) {
         wake_sleeper(word);
 }
 
-class WordGuard {
-public:
-    explicit WordGuard(ULONG &word) : word_(word) { take(word_); }
-    ~WordGuard() { release(word_); }
-    WordGuard(const WordGuard &) = delete;
-    WordGuard &operator=(const WordGuard &) = delete;
-
-private:
-    ULONG &word_;
-};
-
 } // namespace sysutil
