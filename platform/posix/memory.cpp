@@ -12,6 +12,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include <sys/mman.h>
+
 #include "check.h"
 #include "exported.h"
 #include "thread_memory.h"
@@ -31,6 +33,9 @@ constexpr std::uint32_t kReleased = 0xDEADB10C;
 
 // No object can be larger than what the difference of two pointers can express.
 constexpr std::size_t kMaxSize = PTRDIFF_MAX - sizeof(BlockHeader);
+
+// From here on the C library makes a mapping for each block.
+constexpr std::size_t kLargeSize = std::size_t{32} << 20;
 
 std::uint32_t mark_of(const BlockHeader &header) {
     const auto size = static_cast<std::uint64_t>(header.size);
@@ -53,7 +58,20 @@ bool is_cached_size(std::size_t block_size) {
     return block_size <= sysutil::kMaxCachedSize;
 }
 
+// A block with a mapping of its own, in pages of 2 MiB where the system has them: it is written
+// once from one end to the other, and with small pages entering them takes as long as writing.
+void *get_large_block(std::size_t block_size) {
+    constexpr std::size_t kLargePage = std::size_t{2} << 20;
+    void *block = nullptr;
+    if (posix_memalign(&block, kLargePage, block_size) != 0)
+        return nullptr;
+    madvise(block, block_size, MADV_HUGEPAGE); // a mere wish
+    return block;
+}
+
 void *get_block(sysutil::ThreadMemory *own, std::size_t block_size) {
+    if (block_size >= kLargeSize)
+        return get_large_block(block_size);
     if (!is_cached_size(block_size))
         return std::malloc(block_size);
     if (own != nullptr) {
