@@ -69,15 +69,15 @@ typedef struct SYS_LANE {
     ULONG num_taken_seen;
     ULONGLONG run_began_ns;
     struct LINK *recent[8]; /* the items added last */
-    ULONGLONG reserved;
+    ULONGLONG num_ever_added;
 } SYS_LANE;
 
 static_assert(sizeof(SYS_LANE) == 128, "two lanes share no cache line");
 
 #define SYS_NUM_LANES 16
 
-/* An intrusive queue; its operations are atomic with respect to each other. What one thread adds
- * leaves in the order in which it was added; Sys_get_queue_count of sysapp.h counts all items. */
+/* An intrusive queue; its operations are atomic with respect to each other. All its items are
+ * counted by Sys_get_queue_count of sysapp.h. */
 typedef struct QUEUE {
     LINK link; /* the list head */
     ULONG id;
@@ -159,9 +159,8 @@ BOOLEAN Link_inuse(LINK *plink);
 
 /* Threads that use a queue heavily do not meet there: up to 127 items that a thread has added wait
  * aside until there are enough to be worth the trip, and as many are fetched at once. Whoever finds
- * nothing else takes what waits aside, so an item is never out of reach. Items leave in the order
- * in which they were added, as long as one thread adds or one takes at a time; otherwise what one
- * thread adds keeps its order only where one thread takes it. */
+ * nothing else takes what waits aside, so an item is never out of reach. What one thread adds keeps
+ * its order as long as one thread takes it; items of several threads may overtake each other. */
 void Queue_init(QUEUE *pq, unsigned int id);
 /* Appends at the tail. A link that is on a queue is reported as a failed condition and stays where
  * it is; the same holds for Blockq_enq. */

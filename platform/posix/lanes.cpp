@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <thread>
-#include <utility>
 
 namespace sysutil {
 
@@ -79,6 +78,19 @@ void move_run(QUEUE &queue, SYS_LANE &lane, ULONG limit) {
     set(lane.num_next, num);
 }
 
+namespace {
+
+// Under the lane's lock: the item that was added first.
+LINK *take_added(SYS_LANE &lane) {
+    LINK *item = lane.first_added;
+    lane.first_added = item->forw;
+    set(lane.num_added, lane.num_added - 1);
+    set_free(*item);
+    return item;
+}
+
+} // namespace
+
 LINK *take_from_lanes(QUEUE &queue) {
     const unsigned int own = thread_number();
     for (unsigned int i = 0; i < SYS_NUM_LANES; ++i) {
@@ -86,13 +98,11 @@ LINK *take_from_lanes(QUEUE &queue) {
         if (peek(lane.num_next) == 0 && peek(lane.num_added) == 0)
             continue;
         const LaneGuard guard(lane);
-        if (lane.num_next == 0) {
-            lane.next = std::exchange(lane.first_added, nullptr);
-            set(lane.num_next, lane.num_added);
-            set(lane.num_added, 0);
-        }
         if (lane.num_next != 0)
             return take_next(lane);
+        // What is in the list by now may have been added here before.
+        if (lane.num_added != 0 && peek(queue.count) == 0)
+            return take_added(lane);
     }
     return nullptr;
 }

@@ -83,6 +83,12 @@ inline void bring_into_reach(const LINK *item) {
     __builtin_prefetch(item + 1, 1);
 }
 
+inline void set_free(LINK &item) {
+    item.forw = nullptr;
+    item.back = nullptr;
+    item.qp = nullptr;
+}
+
 // Under the lane's lock, which has a next item.
 inline LINK *take_next(SYS_LANE &lane) {
     LINK *item = lane.next;
@@ -90,9 +96,7 @@ inline LINK *take_next(SYS_LANE &lane) {
     set(lane.num_next, lane.num_next - 1);
     bring_into_reach(item->forw);
     bring_into_reach(item->back);
-    item->forw = nullptr;
-    item->back = nullptr;
-    item->qp = nullptr;
+    set_free(*item);
     return item;
 }
 
@@ -105,7 +109,8 @@ inline LINK *take_at_hand(SYS_LANE &lane) {
     return take_next(lane);
 }
 
-// One item that waits in a lane, whosever it is, or NULL.
+// One item that waits in a lane, whosever it is. NULL when there is none, or when something has
+// come to the list meanwhile that may have to leave first.
 LINK *take_from_lanes(QUEUE &queue);
 
 } // namespace sysutil

@@ -24,7 +24,7 @@ void add(QUEUE &queue, SYS_LANE &lane, LINK &link) {
     link.qp = &queue.link;
     link.forw = nullptr;
     link.back = nullptr;
-    LINK *&recent = lane.recent[lane.num_added % kAhead];
+    LINK *&recent = lane.recent[lane.num_ever_added++ % kAhead];
     if (lane.num_added >= kAhead)
         recent->back = &link;
     recent = &link;

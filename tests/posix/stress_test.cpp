@@ -62,6 +62,32 @@ TEST(Queue, KeepsTheOrderOfOneThreadAcrossRuns) {
     EXPECT_EQ(Queue_deq(&queue), nullptr);
 }
 
+// Whatever the reader takes from, items that wait aside, runs or both in turn.
+TEST(Queue, KeepsTheOrderBetweenAWriterAndAReader) {
+    QUEUE queue;
+    Queue_init(&queue, 0x519);
+    std::vector<Item> items = make_items(50'000);
+    std::atomic<int> num_taken{0};
+    std::thread writer([&] {
+        for (Item &item : items) {
+            // At times far ahead, at times hardly.
+            while (item.number % 1000 < 300 && item.number - num_taken > 3)
+                std::this_thread::yield();
+            Queue_enq(&queue, &item.link);
+        }
+    });
+    for (Item &item : items) {
+        LINK *link = Queue_deq(&queue);
+        while (link == nullptr) {
+            std::this_thread::yield();
+            link = Queue_deq(&queue);
+        }
+        ASSERT_EQ(link, &item.link);
+        ++num_taken;
+    }
+    writer.join();
+}
+
 // What a thread has added, or has fetched and not taken, is within reach of others, whether the
 // thread lives or not.
 TEST(Queue, ItemsAsideAreNeverOutOfReach) {
