@@ -4,7 +4,6 @@
 #include <array>
 #include <bit>
 #include <cstddef>
-#include <memory>
 #include <span>
 #include <utility>
 
@@ -39,8 +38,8 @@ std::uint64_t varying_bits(std::span<const Key> keys, unsigned int word) {
     return varying;
 }
 
-/* Sorts keys that do not differ before `word`; `scratch` has room for as many. */
-void sort_part(std::span<Key> keys, Key *scratch, unsigned int word) {
+/* Sorts keys that do not differ before `word`. */
+void sort_part(std::span<Key> keys, unsigned int word) {
     if (keys.size() <= few) {
         std::sort(keys.begin(), keys.end(), KeyLess());
         return;
@@ -58,32 +57,36 @@ void sort_part(std::span<Key> keys, Key *scratch, unsigned int word) {
     const std::size_t mask = (std::size_t{1} << (top - shift)) - 1;
     const auto digit_of = [=](const Key &key) { return word_of(key, word) >> shift & mask; };
 
+    /* Of each digit's part: its end, and the first place whose key may belong elsewhere. */
     std::array<std::size_t, 1u << max_digit_bits> ends{};
+    std::array<std::size_t, 1u << max_digit_bits> firsts;
     for (const Key &key : keys) {
         ++ends[digit_of(key)];
     }
-    std::size_t begin = 0;
+    std::size_t end = 0;
     for (std::size_t digit = 0; digit <= mask; ++digit) {
-        begin += std::exchange(ends[digit], begin);
+        firsts[digit] = end;
+        end = ends[digit] += end;
     }
-    for (const Key &key : keys) {
-        scratch[ends[digit_of(key)]++] = key;
+    for (std::size_t digit = 0; digit <= mask; ++digit) {
+        while (firsts[digit] != ends[digit]) {
+            Key key = keys[firsts[digit]];
+            for (std::size_t at = digit_of(key); at != digit; at = digit_of(key)) {
+                std::swap(key, keys[firsts[at]++]);
+            }
+            keys[firsts[digit]++] = key;
+        }
     }
-    std::copy_n(scratch, keys.size(), keys.begin());
-    begin = 0;
+    std::size_t begin = 0;
     for (std::size_t digit = 0; digit <= mask; begin = ends[digit++]) {
-        sort_part(keys.subspan(begin, ends[digit] - begin), scratch, word);
+        sort_part(keys.subspan(begin, ends[digit] - begin), word);
     }
 }
 
 } // namespace
 
 void sort_keys(std::vector<Key> &keys) {
-    std::unique_ptr<Key[]> scratch;
-    if (keys.size() > few) {
-        scratch = std::make_unique_for_overwrite<Key[]>(keys.size());
-    }
-    sort_part(keys, scratch.get(), 0);
+    sort_part(keys, 0);
 }
 
 } // namespace store

@@ -3,7 +3,8 @@
  * Keys of one app id mostly differ in few of their 320 bits: numbers that count up differ in some
  * low bits of one word, random ids in the high ones of another. So the keys are divided by the
  * highest bits in which they differ, up to eight at a time, and every part by the bits below them,
- * until a part is so small that comparing is cheaper. */
+ * until a part is so small that comparing is cheaper. Keys change places; no more room is needed.
+ */
 #pragma once
 
 #include <vector>
@@ -12,7 +13,6 @@
 
 namespace store {
 
-/* Throws std::bad_alloc, with the keys as they were: it takes as much room again as they have. */
 void sort_keys(std::vector<Key> &keys);
 
 } // namespace store
