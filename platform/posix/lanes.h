@@ -46,10 +46,6 @@ inline void set(ULONG &number, ULONG value) {
     std::atomic_ref<ULONG>(number).store(value, std::memory_order_relaxed);
 }
 
-inline LINK *end_of(QUEUE &queue) {
-    return &queue.link;
-}
-
 // Under the list's critical section: adds `num` items, linked through `forw`, at the tail. They are
 // a run of their own if `whole_run`, else they join the last run as long as it has room.
 void append(QUEUE &queue, LINK *first, LINK *last, ULONG num, bool whole_run);

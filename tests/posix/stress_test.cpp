@@ -44,6 +44,13 @@ void join(std::vector<std::thread> &threads) {
         thread.join();
 }
 
+// Room for the threads of any of these tests.
+std::vector<std::thread> make_threads() {
+    std::vector<std::thread> threads;
+    threads.reserve(8);
+    return threads;
+}
+
 // Runs that are partly taken, whole runs, and items still aside.
 TEST(Queue, KeepsTheOrderOfOneThreadAcrossRuns) {
     QUEUE queue;
@@ -123,7 +130,7 @@ TEST(Queue, IsNeverFoundEmptyWhileItIsNot) {
     std::vector<Item> items = make_items(3 * kThreads);
     for (Item &item : items)
         Queue_enq(&queue, &item.link);
-    std::vector<std::thread> threads;
+    std::vector<std::thread> threads = make_threads();
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&] {
             for (int i = 0; i < 3000; ++i) {
@@ -148,7 +155,7 @@ TEST(Blockq, GivesEveryItemOnceToReadersThatComeAndGo) {
     Blockq_init(&blockq, 0x516);
     std::array<std::vector<Item>, 2> items{make_items(kItems), make_items(kItems)};
     std::atomic<int> num_taken{0};
-    std::vector<std::thread> threads;
+    std::vector<std::thread> threads = make_threads();
     for (std::vector<Item> &added : items)
         threads.emplace_back([&] {
             for (Item &item : added) {
@@ -180,7 +187,7 @@ TEST(Blockq, LosesNoWakeUp) {
     Blockq_init(&there, 0x516);
     Blockq_init(&back, 0x516);
     constexpr int kRounds = 20000;
-    std::vector<std::thread> readers;
+    std::vector<std::thread> readers = make_threads();
     for (int t = 0; t < 2; ++t)
         readers.emplace_back([&] {
             while (LINK *link = Blockq_deq(&there, SYS_WAIT_FOREVER)) {
@@ -211,7 +218,7 @@ TEST(Blockq, WakesMeantForReadersThatGaveUpAreNotLost) {
     Blockq_init(&blockq, 0x516);
     std::vector<Item> items = make_items(1500);
     std::atomic<bool> done{false};
-    std::vector<std::thread> readers;
+    std::vector<std::thread> readers = make_threads();
     for (int t = 0; t < 3; ++t)
         readers.emplace_back([&, t] {
             while (!done) {
@@ -316,7 +323,7 @@ TEST(Blockq, WokenReaderWakesTheNextForWhatIsLeft) {
     std::vector<Item> items = make_items(kReaders);
     std::counting_semaphore<> got(0);
     std::latch go_on(1);
-    std::vector<std::thread> readers;
+    std::vector<std::thread> readers = make_threads();
     for (size_t t = 0; t < kReaders; ++t) {
         std::atomic<pid_t> tid{0};
         readers.emplace_back([&] {
@@ -359,7 +366,7 @@ TEST(Memory, BlocksOfManyThreadsStayApartAndAccountedFor) {
         }
     };
     for (unsigned int round = 0; round < 3; ++round) {
-        std::vector<std::thread> threads;
+        std::vector<std::thread> threads = make_threads();
         for (unsigned int t = 0; t < 4; ++t)
             threads.emplace_back(wander, 4 * round + t);
         join(threads);
