@@ -29,7 +29,10 @@ typedef unsigned long THREADID;
 #define NULLTHREADID 0ul
 
 /* A mutex. */
-typedef pthread_mutex_t THREADLOCK;
+typedef struct THREADLOCK {
+    ULONG state;  /* machinery */
+    THREADID tid; /* the owner */
+} THREADLOCK;
 
 /* A short critical section. */
 typedef struct SYS_CSECT {
@@ -52,13 +55,42 @@ typedef struct LINK {
     SYS_CSECT *csp;
 } LINK;
 
-/* An intrusive queue; its operations are atomic with respect to each other. */
+/* Machinery of a queue: the items at hand for a part of the threads. A lane is as wide as two cache
+ * lines, so that what the threads of two lanes use never shares one. */
+typedef struct SYS_LANE {
+    ULONG lock;
+    ULONG num_next;  /* items to be taken next */
+    ULONG num_added; /* items that were added here and are not in the list yet */
+    ULONG num_taken; /* by the lane's own threads, ever */
+    struct LINK *next;
+    struct LINK *first_added;
+    struct LINK *last_added;
+    ULONG run_limit; /* items that the next run may have */
+    ULONG num_taken_seen;
+    ULONGLONG run_began_ns;
+    struct LINK *recent[8]; /* the items added last */
+    ULONGLONG num_ever_added;
+} SYS_LANE;
+
+static_assert(sizeof(SYS_LANE) == 128, "two lanes share no cache line");
+
+#define SYS_NUM_LANES 16
+
+/* An intrusive queue; its operations are atomic with respect to each other. All its items are
+ * counted by Sys_get_queue_count of sysapp.h. */
 typedef struct QUEUE {
     LINK link; /* the list head */
     ULONG id;
-    ULONG count;
+    ULONG count; /* of the items in the list; others may be in the lanes */
     SYS_CSECT *csp;
-    SYS_CSECT cs; /* machinery */
+    /* machinery */
+    SYS_CSECT cs;
+    LINK *last_run;
+    ULONG num_first_run;
+    ULONG num_last_run;
+    ULONG num_moves;
+    ULONG lane_to_check;
+    SYS_LANE lanes[SYS_NUM_LANES];
 } QUEUE;
 
 /* A queue whose readers wait for items. */
@@ -68,6 +100,8 @@ typedef struct BLOCKQ {
     SYS_CSECT *csp;
     ULONG code;
     ULONG id;
+    ULONG num_sleepers; /* machinery */
+    ULONG waking;       /* machinery */
 } BLOCKQ;
 
 /* A lock that is held for a few instructions only. */
@@ -123,12 +157,19 @@ unsigned int Sys_get_pid(void);
 void Link_init(LINK *plink);
 BOOLEAN Link_inuse(LINK *plink);
 
+/* Threads that use a queue heavily do not meet there: up to 127 items that a thread has added wait
+ * aside until there are enough to be worth the trip, and as many are fetched at once. Whoever finds
+ * nothing else takes what waits aside, so an item is never out of reach. What one thread adds keeps
+ * its order as long as one thread takes it; items of several threads may overtake each other. */
 void Queue_init(QUEUE *pq, unsigned int id);
 /* Appends at the tail. A link that is on a queue is reported as a failed condition and stays where
  * it is; the same holds for Blockq_enq. */
 void Queue_enq(QUEUE *pq, LINK *plink);
 LINK *Queue_deq(QUEUE *pq); /* from the head; NULL when empty */
 
+/* Items are fetched in their order. A reader that is quick fetches up to 128 at once and takes them
+ * one by one; while it is busy with one, readers with nothing else to do, and after a while also
+ * busy ones, take the rest from the front. */
 void Blockq_init(BLOCKQ *pbq, unsigned int id);
 void Blockq_enq(BLOCKQ *pbq, LINK *plink); /* at the tail; wakes one waiting reader */
 

@@ -1,10 +1,11 @@
-/* What these system utilities give a program beyond sys_util.h: memory accounts, the trace's
- * destination and the count of assertion reports. All operations may be called from any thread. */
+/* What these system utilities give a program beyond sys_util.h: memory accounts, the length
+ * of a queue, the trace's destination and the count of assertion reports. All operations may be
+ * called from any thread. */
 #pragma once
 
 #include <stddef.h>
 
-#include "sys_types.h"
+#include "sys_util.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -20,6 +21,9 @@ typedef struct SYS_MEM_USE {
  * has none). Exact when no thread is allocating or releasing; otherwise it may miss some of the
  * allocations and releases made during the call. */
 SYS_MEM_USE Sys_get_mem_use(unsigned int tag);
+
+/* The items on a queue: exact when no thread is using it. */
+size_t Sys_get_queue_count(QUEUE *pq);
 
 /* Sends trace lines to `pfunc` (NULL: to standard error again) instead. `line` ends with a newline
  * and is valid during the call; `pfunc` may be called by several threads at once. Assertion reports

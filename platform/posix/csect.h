@@ -7,9 +7,14 @@ namespace sysutil {
 
 inline constexpr ULONG kCsectCode = 0x43534543;
 
+// Its waiters look again for a moment before they sleep.
 inline void csect_init(SYS_CSECT &csect) {
     csect.code = kCsectCode;
-    pthread_mutex_init(&csect.cs, nullptr);
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
+    pthread_mutex_init(&csect.cs, &attr);
+    pthread_mutexattr_destroy(&attr);
 }
 
 // Holds a critical section until the end of the scope.

@@ -1,13 +1,16 @@
 // Mutexes and the critical section of the process: Lock_*, Enter_cs and Exit_cs.
 //
-// A mutex checks its owner: taking it twice and releasing it without holding it are answered with 0
-// and change nothing, instead of a dead lock or a mutex that two threads hold. Spin locks are in
-// spinlock.cpp.
+// A mutex is the word of word_lock.h, which waits a moment before it sleeps, and knows its owner:
+// taking it twice and releasing it without holding it are answered with 0 and change nothing,
+// instead of a dead lock or a mutex that two threads hold. Spin locks, whose misuse is reported,
+// are in spinlock.cpp.
+#include <atomic>
 #include <mutex>
 #include <type_traits>
 
 #include "exported.h"
 #include "timed_wait.h"
+#include "word_lock.h"
 
 namespace {
 
@@ -15,29 +18,39 @@ namespace {
 constinit std::mutex process_cs;
 static_assert(std::is_trivially_destructible_v<std::mutex>);
 
+bool wait_for(ULONG &word, unsigned int timeout_ms) {
+    if (timeout_ms == SYS_WAIT_FOREVER)
+        return sysutil::take_contended(word, nullptr);
+    if (timeout_ms == 0)
+        return false;
+    const timespec deadline = sysutil::deadline_after(timeout_ms, CLOCK_MONOTONIC);
+    return sysutil::take_contended(word, &deadline);
+}
+
 } // namespace
 
 void Lock_init(THREADLOCK *plock) {
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
-    pthread_mutex_init(plock, &attr);
-    pthread_mutexattr_destroy(&attr);
+    *plock = THREADLOCK{};
 }
 
 int Lock_enter(THREADLOCK *plock, unsigned int timeout_ms) {
-    if (timeout_ms == SYS_WAIT_FOREVER)
-        return pthread_mutex_lock(plock) == 0 ? 1 : 0;
-    // A free mutex needs no deadline.
-    if (pthread_mutex_trylock(plock) == 0)
-        return 1;
-    if (timeout_ms == 0)
+    const std::atomic_ref<THREADID> owner(plock->tid);
+    const THREADID self = Thread_myid();
+    if (owner.load(std::memory_order_relaxed) == self)
         return 0;
-    return sysutil::lock_until(*plock, sysutil::deadline_after(timeout_ms)) == 0 ? 1 : 0;
+    if (!sysutil::try_take(plock->state) && !wait_for(plock->state, timeout_ms))
+        return 0;
+    owner.store(self, std::memory_order_relaxed);
+    return 1;
 }
 
 int Lock_exit(THREADLOCK *plock) {
-    return pthread_mutex_unlock(plock) == 0 ? 1 : 0;
+    const std::atomic_ref<THREADID> owner(plock->tid);
+    if (owner.load(std::memory_order_relaxed) != Thread_myid())
+        return 0;
+    owner.store(NULLTHREADID, std::memory_order_relaxed);
+    sysutil::release(plock->state);
+    return 1;
 }
 
 void Enter_cs(void) {

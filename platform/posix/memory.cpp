@@ -4,16 +4,19 @@
 // and its tag, for the accounts, and a mark computed from both. The mark is the last thing before
 // the caller's bytes, so that writing in front of a block hits it first. A block whose mark is
 // wrong is reported and left alone: losing it is better than handing damaged memory to the C
-// library.
+// library. Small blocks are kept for a while when they are released, with their headers marked.
 //
-// Counting is left to accounts.cpp; writing past a block's end is left to AddressSanitizer.
+// Counting is left to thread_memory.h, keeping to block_cache.h; writing past a block's end is left
+// to AddressSanitizer.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 
-#include "accounts.h"
+#include <sys/mman.h>
+
 #include "check.h"
 #include "exported.h"
+#include "thread_memory.h"
 
 namespace {
 
@@ -23,11 +26,16 @@ struct alignas(std::max_align_t) BlockHeader {
     std::uint32_t mark;
 };
 
+static_assert(sizeof(BlockHeader) == sysutil::BlockCache::kHeaderSize);
+
 constexpr std::uint32_t kLive = 0xA10CB10C;
 constexpr std::uint32_t kReleased = 0xDEADB10C;
 
 // No object can be larger than what the difference of two pointers can express.
 constexpr std::size_t kMaxSize = PTRDIFF_MAX - sizeof(BlockHeader);
+
+// From here on the C library makes a mapping for each block.
+constexpr std::size_t kLargeSize = std::size_t{32} << 20;
 
 std::uint32_t mark_of(const BlockHeader &header) {
     const auto size = static_cast<std::uint64_t>(header.size);
@@ -46,18 +54,54 @@ void mark_released(BlockHeader &header) {
     mark = kReleased;
 }
 
+bool is_cached_size(std::size_t block_size) {
+    return block_size <= sysutil::kMaxCachedSize;
+}
+
+// A block with a mapping of its own, in pages of 2 MiB where the system has them: it is written
+// once from one end to the other, and with small pages entering them takes as long as writing.
+void *get_large_block(std::size_t block_size) {
+    constexpr std::size_t kLargePage = std::size_t{2} << 20;
+    void *block = nullptr;
+    if (posix_memalign(&block, kLargePage, block_size) != 0)
+        return nullptr;
+    madvise(block, block_size, MADV_HUGEPAGE); // a mere wish
+    return block;
+}
+
+void *get_block(sysutil::ThreadMemory *own, std::size_t block_size) {
+    if (block_size >= kLargeSize)
+        return get_large_block(block_size);
+    if (!is_cached_size(block_size))
+        return std::malloc(block_size);
+    if (own != nullptr) {
+        if (void *block = own->cache.take(block_size))
+            return block;
+    }
+    return sysutil::allocate_block(block_size);
+}
+
+void put_block(sysutil::ThreadMemory *own, void *block, std::size_t block_size) {
+    if (sysutil::kCacheBlocks && own != nullptr && is_cached_size(block_size))
+        own->cache.keep(block, block_size);
+    else
+        std::free(block);
+}
+
 } // namespace
 
 void *Sys_malloc(size_t size, unsigned int tag) {
     if (!SYS_CHECK(tag < sysutil::kMemTags) || size > kMaxSize)
         return nullptr;
-    auto *header = static_cast<BlockHeader *>(std::malloc(sizeof(BlockHeader) + size));
+    sysutil::ThreadMemory *own = sysutil::own_memory();
+    const std::size_t block_size = sizeof(BlockHeader) + size;
+    auto *header = static_cast<BlockHeader *>(get_block(own, block_size));
     if (header == nullptr)
         return nullptr;
     header->size = size;
     header->tag = tag;
     header->mark = mark_of(*header);
-    sysutil::account_block(tag, size);
+    sysutil::account_block(own, tag, size);
     return header + 1;
 }
 
@@ -67,7 +111,9 @@ void Sys_free(void *ptr) {
     BlockHeader *header = static_cast<BlockHeader *>(ptr) - 1;
     if (!SYS_CHECK(block_is_live(*header)))
         return;
-    sysutil::account_release(header->tag, header->size);
+    sysutil::ThreadMemory *own = sysutil::own_memory();
+    const std::size_t block_size = sizeof(BlockHeader) + header->size;
+    sysutil::account_release(own, header->tag, header->size);
     mark_released(*header);
-    std::free(header);
+    put_block(own, header, block_size);
 }

@@ -1,58 +1,57 @@
-// Intrusive queues: Link_*, Queue_* and Blockq_*.
+// Links and queues: Link_*, Queue_* and Sys_get_queue_count. Blocking queues are in blockq.cpp.
 //
-// In call order: Link_init for every item, Queue_init or Blockq_init, then _enq and _deq by any
-// thread.
+// In call order: Link_init for every item, Queue_init, then _enq and _deq by any thread. An item
+// that is added waits in the lane of its thread until kRun of them go to the list together; whoever
+// takes an item takes it from his lane, which gets the next run from the list, or else from any
+// lane that has one. See lanes.h.
 //
-// A queue is a ring of links through the queue's own link, guarded by the queue's critical section.
-// A blocking queue adds a semaphore whose value is the number of items that no reader has claimed:
-// a reader claims one, which lets it take exactly one item from the head. The semaphore enters the
-// kernel only when a reader has to wait or is waiting, so a queue that never runs empty costs no
-// system call.
+// A queue is empty when neither the list nor a lane has an item. Runs may move between them while
+// they are looked through one after the other, so a search that found nothing counts only if no run
+// has moved meanwhile.
 //
 // Items belong to their users: a queue neither allocates nor releases them.
-#include <cerrno>
-
 #include "check.h"
-#include "csect.h"
-#include "exported.h"
-#include "timed_wait.h"
+#include "lanes.h"
+
+using namespace sysutil;
 
 namespace {
 
 constexpr ULONG kLinkCode = 0x4C494E4B;
-constexpr ULONG kBlockqCode = 0x424C4B51;
-constexpr ULONG kSemCode = 0x53454D41;
 
-// False, and nothing is changed, when the link is on a queue already: linking it once more would
-// tear that queue apart.
-bool append(QUEUE &queue, LINK &link) {
-    if (!SYS_CHECK(!Link_inuse(&link)))
-        return false;
-    const sysutil::CsectGuard guard(*queue.csp);
-    LINK &head = queue.link;
-    link.forw = &head;
-    link.back = head.back;
-    link.qp = &head;
-    head.back->forw = &link;
-    head.back = &link;
-    ++queue.count;
-    return true;
+// Puts an item with the lane's others; under the lane's lock.
+void add(QUEUE &queue, SYS_LANE &lane, LINK &link) {
+    link.qp = &queue.link;
+    link.forw = nullptr;
+    link.back = nullptr;
+    LINK *&recent = lane.recent[lane.num_ever_added++ % kAhead];
+    if (lane.num_added >= kAhead)
+        recent->back = &link;
+    recent = &link;
+    if (lane.num_added == 0)
+        lane.first_added = &link;
+    else
+        lane.last_added->forw = &link;
+    lane.last_added = &link;
+    set(lane.num_added, lane.num_added + 1);
 }
 
-// Waits until an item may be claimed; false when the time is over first.
-bool claim_item(sem_t &items, unsigned int timeout_ms) {
-    // Most readers find an item and need no deadline.
-    if (sem_trywait(&items) == 0)
-        return true;
-    if (timeout_ms == 0)
-        return false;
-    const bool forever = timeout_ms == SYS_WAIT_FOREVER;
-    const timespec deadline = forever ? timespec{} : sysutil::deadline_after(timeout_ms);
-    int ret = 0;
-    do {
-        ret = forever ? sem_wait(&items) : sysutil::wait_until(items, deadline);
-    } while (ret != 0 && errno == EINTR);
-    return ret == 0;
+// Fetches a run from the list into the lane, unless one is there by now, and takes its first item.
+// NULL when the list is empty. `num_moves` tells the runs that have moved so far.
+LINK *fetch(QUEUE &queue, SYS_LANE &lane, ULONG &num_moves) {
+    const LaneGuard lane_guard(lane);
+    if (lane.num_next == 0) {
+        const CsectGuard guard(*queue.csp);
+        if (queue.count != 0)
+            move_run(queue, lane, kRun);
+        num_moves = queue.num_moves;
+    }
+    return lane.num_next != 0 ? take_next(lane) : nullptr;
+}
+
+bool runs_have_moved(QUEUE &queue, ULONG num_moves) {
+    const CsectGuard guard(*queue.csp);
+    return queue.num_moves != num_moves;
 }
 
 } // namespace
@@ -67,48 +66,51 @@ BOOLEAN Link_inuse(LINK *plink) {
 }
 
 void Queue_init(QUEUE *pq, unsigned int id) {
+    *pq = QUEUE{};
     Link_init(&pq->link);
     pq->link.forw = &pq->link;
     pq->link.back = &pq->link;
     pq->link.qp = &pq->link;
     pq->id = id;
-    pq->count = 0;
-    sysutil::csect_init(pq->cs);
+    csect_init(pq->cs);
     pq->csp = &pq->cs;
 }
 
 void Queue_enq(QUEUE *pq, LINK *plink) {
-    append(*pq, *plink);
+    if (!SYS_CHECK(!Link_inuse(plink)))
+        return;
+    SYS_LANE &lane = own_lane(*pq);
+    const LaneGuard lane_guard(lane);
+    add(*pq, lane, *plink);
+    if (lane.num_added < kRun)
+        return;
+    const CsectGuard guard(*pq->csp);
+    append(*pq, lane.first_added, lane.last_added, kRun, true);
+    ++pq->num_moves;
+    set(lane.num_added, 0);
 }
 
 LINK *Queue_deq(QUEUE *pq) {
-    const sysutil::CsectGuard guard(*pq->csp);
-    LINK *first = pq->link.forw;
-    if (first == &pq->link)
-        return nullptr;
-    pq->link.forw = first->forw;
-    first->forw->back = &pq->link;
-    first->forw = nullptr;
-    first->back = nullptr;
-    first->qp = nullptr;
-    --pq->count;
-    return first;
+    SYS_LANE &lane = own_lane(*pq);
+    if (LINK *item = take_at_hand(lane))
+        return item;
+    for (;;) {
+        ULONG num_moves = 0;
+        if (LINK *item = fetch(*pq, lane, num_moves))
+            return item;
+        if (LINK *item = take_from_lanes(*pq))
+            return item;
+        if (!runs_have_moved(*pq, num_moves))
+            return nullptr;
+    }
 }
 
-void Blockq_init(BLOCKQ *pbq, unsigned int id) {
-    Queue_init(&pbq->itemq, id);
-    pbq->sem.code = kSemCode;
-    sem_init(&pbq->sem.sem, 0, 0);
-    pbq->csp = pbq->itemq.csp;
-    pbq->code = kBlockqCode;
-    pbq->id = id;
-}
-
-void Blockq_enq(BLOCKQ *pbq, LINK *plink) {
-    if (append(pbq->itemq, *plink))
-        sem_post(&pbq->sem.sem);
-}
-
-LINK *Blockq_deq(BLOCKQ *pbq, unsigned int timeout_ms) {
-    return claim_item(pbq->sem.sem, timeout_ms) ? Queue_deq(&pbq->itemq) : nullptr;
+size_t Sys_get_queue_count(QUEUE *pq) {
+    size_t count = 0;
+    for (SYS_LANE &lane : pq->lanes) {
+        const LaneGuard guard(lane);
+        count += size_t{lane.num_next} + lane.num_added;
+    }
+    const CsectGuard guard(*pq->csp);
+    return count + pq->count;
 }

@@ -4,7 +4,6 @@
 
 #include <ctime>
 
-#include <pthread.h>
 #include <semaphore.h>
 
 namespace sysutil {
@@ -16,10 +15,10 @@ inline constexpr clockid_t kWaitClock = CLOCK_REALTIME;
 inline constexpr clockid_t kWaitClock = CLOCK_MONOTONIC;
 #endif
 
-inline timespec deadline_after(unsigned int timeout_ms) {
+inline timespec deadline_after(unsigned int timeout_ms, clockid_t clock = kWaitClock) {
     constexpr long kNsPerSecond = 1'000'000'000;
     timespec when{};
-    clock_gettime(kWaitClock, &when);
+    clock_gettime(clock, &when);
     when.tv_sec += timeout_ms / 1000;
     when.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1'000'000;
     if (when.tv_nsec >= kNsPerSecond) {
@@ -29,15 +28,7 @@ inline timespec deadline_after(unsigned int timeout_ms) {
     return when;
 }
 
-// Both results are those of the POSIX functions: an error number, and -1 with errno.
-inline int lock_until(pthread_mutex_t &mutex, const timespec &deadline) {
-#if defined(__SANITIZE_THREAD__)
-    return pthread_mutex_timedlock(&mutex, &deadline);
-#else
-    return pthread_mutex_clocklock(&mutex, kWaitClock, &deadline);
-#endif
-}
-
+// The result is that of the POSIX function: -1 with errno.
 inline int wait_until(sem_t &sem, const timespec &deadline) {
 #if defined(__SANITIZE_THREAD__)
     return sem_timedwait(&sem, &deadline);

@@ -197,9 +197,14 @@ static BOOLEAN dispatch_eval(OMRALIB_HANDLE hdl, OMRAPMI_IDSC *pidsc, unsigned i
     if (!prepare_work(pidsc, num_keys)) {
         return FALSE;
     }
-    // The request may be complete, and gone, as soon as its last piece of work is queued.
+    // The request may be complete, and gone, as soon as its last piece of work is queued. Of many
+    // descriptors the first have left the cache by now: each is fetched some rounds ahead.
     OMRAPMI_WDSC **ppwdsc_list = pidsc->ppwdsc_list;
+    constexpr unsigned int AHEAD = 8;
     for (unsigned int i = 0; i < num_keys; ++i) {
+        if (i + AHEAD < num_keys) {
+            __builtin_prefetch(&ppwdsc_list[i + AHEAD]->link, 1);
+        }
         Blockq_enq(&omrapmi_worker_state.wdsc_blockq, &ppwdsc_list[i]->link);
     }
     return TRUE;

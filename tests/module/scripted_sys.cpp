@@ -39,13 +39,6 @@ void collect_trace(const char *line) {
     append(sys::script.traces, text);
 }
 
-unsigned int count_of(QUEUE &queue) {
-    pthread_mutex_lock(&queue.csp->cs);
-    const unsigned int count = queue.count;
-    pthread_mutex_unlock(&queue.csp->cs);
-    return count;
-}
-
 } // namespace
 
 namespace sys {
@@ -75,7 +68,8 @@ void wait_idle_workers(unsigned int num_thrds) {
 }
 
 std::pair<unsigned int, unsigned int> free_descriptors() {
-    return {count_of(omrapmi_worker_state.idsc_freeq), count_of(omrapmi_worker_state.wdsc_freeq)};
+    return {Sys_get_queue_count(&omrapmi_worker_state.idsc_freeq),
+            Sys_get_queue_count(&omrapmi_worker_state.wdsc_freeq)};
 }
 
 void watch_traces() {

@@ -86,8 +86,9 @@ TEST(Alarm, WorksAtTheMomentsItIsCalledForAndThenAtThoseTheWorkNames) {
     std::counting_semaphore<> worked(0);
     std::atomic<store::Millis> next{store::never};
     store::Alarm alarm(clock, [&] {
+        const store::Millis at = next.exchange(store::never);
         worked.release();
-        return next.exchange(store::never);
+        return at;
     });
     alarm.call_at(clock.now());
     worked.acquire();

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "embedded/key_sort.h"
+
 namespace store {
 
 namespace {
@@ -38,7 +40,7 @@ void keep_first(std::vector<Key> &keys, std::uint64_t limit) {
         std::partial_sort(keys.begin(), end, keys.end(), KeyLess());
         keys.erase(end, keys.end());
     } else {
-        std::sort(keys.begin(), keys.end(), KeyLess());
+        sort_keys(keys);
     }
 }
 
@@ -164,7 +166,11 @@ std::vector<Partition *> EmbeddedEngine::partitions_of(std::uint32_t app_id) con
 Status EmbeddedEngine::find(const Selection &selection, std::vector<Key> &keys_out) {
     std::vector<Key> keys;
     QueryPlan plan(selection, second_of(context_.clock.now()));
-    for (Partition *partition : partitions_of(selection.app_id)) {
+    const std::vector<Partition *> partitions = partitions_of(selection.app_id);
+    if (plan.selects_all()) {
+        keys.reserve(sum_up(partitions).num_objects);
+    }
+    for (Partition *partition : partitions) {
         for (Shard &shard : partition->shards) {
             shard.collect(plan, keys);
         }
