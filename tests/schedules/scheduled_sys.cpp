@@ -4,6 +4,7 @@
 #include "scheduler.h"
 
 #include "common/records.h"
+#include "sysapp.h"
 
 #include <set>
 
@@ -61,7 +62,8 @@ std::string take_traces() {
     return {};
 }
 std::pair<unsigned int, unsigned int> free_descriptors() {
-    return {omrapmi_worker_state.idsc_freeq.count, omrapmi_worker_state.wdsc_freeq.count};
+    return {Sys_get_queue_count(&omrapmi_worker_state.idsc_freeq),
+            Sys_get_queue_count(&omrapmi_worker_state.wdsc_freeq)};
 }
 
 } // namespace sys
