@@ -11,19 +11,20 @@
 // reader that fetches a run also checks one lane after the other, and as long as the lane's own
 // threads have taken nothing since the last check, it takes an item of that lane instead.
 //
-// Sleeping and waking. A reader that has found nothing counts itself as a sleeper, under the list's
-// critical section and while the list is empty, looks through the lanes once more, and waits at the
-// semaphore. Whoever adds an item sees the sleepers under the same critical section, and wakes one
-// unless one is being woken: `waking` stands from that decision until the woken reader clears it,
-// which it does before it looks for items. Having found one, it wakes the next if there are more.
-// So while there are both items and sleepers, somebody is being woken or is looking, and one wake
-// on its way is enough. A reader whose time is over may leave a token that was meant for it:
-// `waking` still stands then, the token ends the next reader's wait at once, and that one clears
-// `waking` and looks once more.
+// Sleeping and waking. A reader that has found nothing looks out for a moment. Then it counts
+// itself as a sleeper, under the list's critical section and while the list is empty, looks through
+// the lanes once more, and waits at the semaphore. Whoever adds an item sees the sleepers under the
+// same critical section, and wakes one unless one is being woken: `waking` stands from that
+// decision until the woken reader clears it, which it does before it looks for items. Having found
+// one, it wakes the next if there are more. So while there are both items and sleepers, somebody is
+// being woken or is looking, and one wake on its way is enough. A reader whose time is over may
+// leave a token that was meant for it: `waking` still stands then, the token ends the next reader's
+// wait at once, and that one clears `waking` and looks once more.
 #include <algorithm>
 #include <cerrno>
 
 #include "check.h"
+#include "common/watch.h"
 #include "lanes.h"
 #include "timed_wait.h"
 
@@ -151,6 +152,8 @@ LINK *wait_for_item(BLOCKQ &bq, SYS_LANE &lane, unsigned int timeout_ms) {
     const timespec deadline = forever ? timespec{} : deadline_after(timeout_ms);
     LINK *item = nullptr;
     bool woken = false;
+    if (platform::look_out_for([&] { return peek(bq.itemq.count) != 0; }))
+        item = look_around(bq.itemq, lane);
     for (bool in_time = true; item == nullptr && in_time;) {
         if (become_sleeper(bq)) {
             item = take_from_lanes(bq.itemq);

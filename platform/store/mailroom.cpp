@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "common/watch.h"
+
 namespace store {
 
 Mailbox::Mailbox(Mailroom &room) : room_(room) {
@@ -52,6 +54,7 @@ Status Mailroom::deliver(const Reply &reply) {
     expected_.erase(found);
     --box.num_expected_;
     box.replies_.push_back(reply);
+    box.has_mail_.store(true, std::memory_order_relaxed);
     box.wake_.notify_all();
     return OMRALIB_RET_SUCCESS;
 }
@@ -67,7 +70,9 @@ std::vector<Reply> Mailroom::take(Mailbox &box) {
 }
 
 void Mailroom::wait(Mailbox &box, Millis until) {
+    platform::look_out_for([&] { return box.has_mail_.load(std::memory_order_relaxed); });
     std::unique_lock lock(lock_);
+    box.has_mail_.store(false, std::memory_order_relaxed);
     if (box.replies_.empty() && !box.nudged_ && !box.cancelled_ && clock_.now() < until) {
         clock_.wait(lock, box.wake_, until);
     }
@@ -77,12 +82,14 @@ void Mailroom::wait(Mailbox &box, Millis until) {
 void Mailroom::nudge(Mailbox &box) {
     const std::lock_guard guard(lock_);
     box.nudged_ = true;
+    box.has_mail_.store(true, std::memory_order_relaxed);
     box.wake_.notify_all();
 }
 
 void Mailroom::cancel(Mailbox &box) {
     const std::lock_guard guard(lock_);
     box.cancelled_ = true;
+    box.has_mail_.store(true, std::memory_order_relaxed);
     box.wake_.notify_all();
 }
 

@@ -9,6 +9,7 @@
  * Left to others: what a reply means (delivery.h). */
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <vector>
@@ -70,6 +71,9 @@ private:
     friend class Mailroom;
 
     Mailroom &room_;
+
+    /* That there may be something below to look at. Set under the lock. */
+    std::atomic<bool> has_mail_{false};
 
     /* Guarded by the lock of the mailroom. */
     std::vector<Reply> replies_;
