@@ -33,7 +33,7 @@ constexpr unsigned int failing_object = 3;   // its eval fails
 constexpr unsigned int unmergeable = 5;      // merging fails when this alone is the source
 constexpr unsigned int once_object = 20;     // stands for what an invoke-once eval returns
 constexpr unsigned int hasty_timeout_s = 30; // 30 ms of the wall's time
-constexpr unsigned int lone_timeout_s = 1000;
+constexpr unsigned int lone_timeout_s = 2000;
 constexpr unsigned int patient_timeout_s = 20'000;
 
 // A result is a set of objects, one bit each.

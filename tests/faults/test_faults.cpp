@@ -89,7 +89,18 @@ public:
     FaultTest(const scenarios::Scenario &scenario, unsigned int num_workers)
         : scenario_(scenario), num_workers_(num_workers), sweep_(scenario, num_workers) {}
 
+    void TestBody() override {
+        if (!replayed()) {
+            const faults::Seen calm = sweep_.run({});
+            ASSERT_NE(0u, calm.num_calls);
+            sweep(calm);
+        }
+    }
+
 protected:
+    // `calm` is what happens when nothing fails.
+    virtual void sweep(const faults::Seen &calm) = 0;
+
     // True when the environment asked for one run, which is then done.
     bool replayed() {
         const char *text = std::getenv("FAULT_POINTS");
@@ -116,12 +127,7 @@ protected:
 class Singles : public FaultTest {
 public:
     using FaultTest::FaultTest;
-    void TestBody() override {
-        if (replayed()) {
-            return;
-        }
-        const faults::Seen calm = sweep_.run({});
-        ASSERT_NE(0u, calm.num_calls);
+    void sweep(const faults::Seen &calm) override {
         for (const Mode mode : faults::all_modes) {
             for (const Extent extent : faults::all_extents) {
                 const bool dies = mode >= Mode::host_1_dies;
@@ -146,11 +152,7 @@ public:
 class Pairs : public FaultTest {
 public:
     using FaultTest::FaultTest;
-    void TestBody() override {
-        if (replayed()) {
-            return;
-        }
-        const faults::Seen calm = sweep_.run({});
+    void sweep(const faults::Seen &calm) override {
         ASSERT_GE(200u, calm.num_calls);
         for (unsigned int first = 1; first <= calm.num_calls; ++first) {
             for (unsigned int second = first + 1; second <= calm.num_calls && sweep_.goes_on();
