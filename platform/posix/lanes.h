@@ -24,6 +24,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 #include "csect.h"
 #include "thread_number.h"
@@ -73,10 +74,11 @@ private:
     SYS_LANE &lane_;
 };
 
-// The link of an item that will be taken, and what its user keeps behind it.
+// The link of an item that will be taken, and what its user keeps behind it. NULL does no harm.
 inline void bring_into_reach(const LINK *item) {
-    __builtin_prefetch(item, 1);
-    __builtin_prefetch(item + 1, 1);
+    const auto address = reinterpret_cast<std::uintptr_t>(item);
+    __builtin_prefetch(reinterpret_cast<const void *>(address), 1);
+    __builtin_prefetch(reinterpret_cast<const void *>(address + sizeof(LINK)), 1);
 }
 
 inline void set_free(LINK &item) {
