@@ -43,19 +43,10 @@ void collect(FuzzedDataProvider &data) {
 
 } // namespace
 
-int LLVMFuzzerInitialize(int *, char ***) {
-    fuzzed_store::set_up();
-    return 0;
-}
-
-int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
-    FuzzedDataProvider data(pdata, size);
-    fuzzed_store::begin(data);
+void fuzzed_store::use(FuzzedDataProvider &data) {
     if (data.ConsumeBool()) {
         append(data);
     } else {
         collect(data);
     }
-    fuzzed_store::end();
-    return 0;
 }

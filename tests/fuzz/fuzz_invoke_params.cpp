@@ -47,14 +47,7 @@ OMRALIB_INVOKE_PARAMS draw_request(FuzzedDataProvider &data) {
 
 } // namespace
 
-int LLVMFuzzerInitialize(int *, char ***) {
-    fuzzed_store::set_up();
-    return 0;
-}
-
-int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
-    FuzzedDataProvider data(pdata, size);
-    fuzzed_store::begin(data);
+void fuzzed_store::use(FuzzedDataProvider &data) {
     const OMRALIB_INVOKE_PARAMS request = draw_request(data);
     static constexpr char other_guid[OMRALIB_GUID_LEN] = "somebody else";
     const int which = data.ConsumeIntegralInRange<int>(0, 7);
@@ -62,6 +55,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
                           : which == 6 ? other_guid
                                        : fuzzed_store::guid,
                           which == 5 ? nullptr : &request);
-    fuzzed_store::end();
-    return 0;
 }

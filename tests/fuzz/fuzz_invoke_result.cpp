@@ -5,14 +5,7 @@
 
 #include "fuzzed_store.h"
 
-int LLVMFuzzerInitialize(int *, char ***) {
-    fuzzed_store::set_up();
-    return 0;
-}
-
-int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
-    FuzzedDataProvider data(pdata, size);
-    fuzzed_store::begin(data);
+void fuzzed_store::use(FuzzedDataProvider &data) {
     const std::vector<char> params(data.ConsumeIntegralInRange<std::size_t>(0, 40), 'p');
     OMRAPMI_QUERY_SPEC spec = {};
     OMRAPMI_INVOKE_ARGS args = {};
@@ -33,6 +26,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
         args.query_spec_len = 8;
     }
     fuzzed_store::invoke(args);
-    fuzzed_store::end();
-    return 0;
 }

@@ -2,14 +2,7 @@
 // the request itself is in order.
 #include "fuzzed_store.h"
 
-int LLVMFuzzerInitialize(int *, char ***) {
-    fuzzed_store::set_up();
-    return 0;
-}
-
-int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
-    FuzzedDataProvider data(pdata, size);
-    fuzzed_store::begin(data);
+void fuzzed_store::use(FuzzedDataProvider &data) {
     const bool is_once = data.ConsumeBool();
     const bool is_merge = !is_once && data.ConsumeBool();
     const int num_keys = is_merge ? 0 : is_once ? 1 : data.ConsumeIntegralInRange<int>(1, 9);
@@ -21,6 +14,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
         request.invoke_op = fuzzed_store::once_id;
     }
     fuzzed_store::deliver(fuzzed_store::guid, &request);
-    fuzzed_store::end();
-    return 0;
 }

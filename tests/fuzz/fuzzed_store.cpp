@@ -167,6 +167,8 @@ bool nothing_allocated() {
 
 namespace fuzzed_store {
 
+namespace {
+
 void set_up() {
     sys_trace_level = 0; // so that trace lines are put together
     Sys_set_trace_func([](const char *) {});
@@ -192,6 +194,8 @@ void end() {
     check(omrapmi_worker_state.singleton_state.pidsc_singleton == NULL, "a singleton left");
     state.data = nullptr;
 }
+
+} // namespace
 
 void deliver(const char *pguid, const OMRALIB_INVOKE_PARAMS *pparams) {
     if (pparams == nullptr) {
@@ -263,6 +267,19 @@ OMRA_OBJKEY draw_key(FuzzedDataProvider &data) {
 }
 
 } // namespace fuzzed_store
+
+int LLVMFuzzerInitialize(int *, char ***) {
+    fuzzed_store::set_up();
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
+    FuzzedDataProvider data(pdata, size);
+    fuzzed_store::begin(data);
+    fuzzed_store::use(data);
+    fuzzed_store::end();
+    return 0;
+}
 
 // The store --------------------------------------------------------------------------------------
 

@@ -21,15 +21,11 @@ inline constexpr unsigned int merge_id = 2;
 inline constexpr unsigned int once_id = 3;
 inline constexpr char guid[OMRALIB_GUID_LEN] = "pmicli"; // with which the worker's handles are open
 
-// Makes this process a worker with one thread, with user functions under the ids above that draw
-// what they return. Once, before the first input.
-void set_up();
-
-// From now on answers are drawn from `data`, until end().
-void begin(FuzzedDataProvider &data);
-
-// Nothing of the input may be left: no memory, no pending read, no lock, no singleton.
-void end();
+// What a target does with one input, from which the answers of the store are drawn meanwhile. Each
+// target defines it. Before the first input this process is a worker with one thread, with user
+// functions under the ids above that draw what they return; after each, nothing of the input may be
+// left: no memory, no pending read, no lock, no singleton.
+void use(FuzzedDataProvider &data);
 
 // Delivers the request to the module, with keys drawn from the input, and waits until it has been
 // completed, if it was accepted. NULL is delivered as it is.

@@ -47,9 +47,6 @@ public:
     unsigned long current() const { return current_ ? current_->number : 0; }
     void *&datap() { return current_ ? current_->datap : no_datap_; }
 
-    // Scheduling points of the present or last run.
-    std::uint64_t num_steps() const { return step_; }
-
     std::uint64_t random(std::uint64_t bound) { return random_() % bound; }
 
 private:
