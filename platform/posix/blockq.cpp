@@ -24,7 +24,7 @@
 #include <cerrno>
 
 #include "check.h"
-#include "common/watch.h"
+#include "common/spin_wait.h"
 #include "lanes.h"
 #include "timed_wait.h"
 

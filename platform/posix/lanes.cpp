@@ -1,25 +1,8 @@
 #include "lanes.h"
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 namespace sysutil {
-
-void take_contended(SYS_LANE &lane) {
-    constexpr int kLooks = 100;
-    constexpr auto kPause = std::chrono::microseconds(50);
-    const std::atomic_ref<ULONG> lock(lane.lock);
-    for (int look = 0;; ++look) {
-        if (lock.load(std::memory_order_relaxed) == 0 &&
-            lock.exchange(1, std::memory_order_acquire) == 0)
-            return;
-        if (look < kLooks)
-            pause_core();
-        else
-            std::this_thread::sleep_for(kPause);
-    }
-}
 
 void append(QUEUE &queue, LINK *first, LINK *last, ULONG num, bool whole_run) {
     LINK &head = queue.link;

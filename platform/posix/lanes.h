@@ -26,9 +26,9 @@
 #include <atomic>
 #include <cstdint>
 
+#include "common/word_lock.h"
 #include "csect.h"
 #include "thread_number.h"
-#include "word_lock.h"
 
 namespace sysutil {
 
@@ -55,18 +55,11 @@ void append(QUEUE &queue, LINK *first, LINK *last, ULONG num, bool whole_run);
 // lane that has no next item.
 void move_run(QUEUE &queue, SYS_LANE &lane, ULONG limit);
 
-void take_contended(SYS_LANE &lane);
-
-// Has a lane for a few instructions. It is had once or twice for every item and hardly ever by two
-// threads at a time, so giving it back is a plain store: nobody can be asleep in the kernel until
-// then. Whoever has to wait looks again, and after a while sleeps between two looks.
+// Has a lane for a few instructions, awake: hardly ever do two threads want it at a time.
 class LaneGuard {
 public:
-    explicit LaneGuard(SYS_LANE &lane) : lane_(lane) {
-        if (std::atomic_ref<ULONG>(lane_.lock).exchange(1, std::memory_order_acquire) != 0)
-            take_contended(lane_);
-    }
-    ~LaneGuard() { std::atomic_ref<ULONG>(lane_.lock).store(0, std::memory_order_release); }
+    explicit LaneGuard(SYS_LANE &lane) : lane_(lane) { platform::take_awake(lane_.lock); }
+    ~LaneGuard() { platform::release_awake(lane_.lock); }
     LaneGuard(const LaneGuard &) = delete;
     LaneGuard &operator=(const LaneGuard &) = delete;
 

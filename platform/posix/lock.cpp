@@ -8,9 +8,9 @@
 #include <mutex>
 #include <type_traits>
 
+#include "common/word_lock.h"
 #include "exported.h"
 #include "timed_wait.h"
-#include "word_lock.h"
 
 namespace {
 
@@ -20,11 +20,11 @@ static_assert(std::is_trivially_destructible_v<std::mutex>);
 
 bool wait_for(ULONG &word, unsigned int timeout_ms) {
     if (timeout_ms == SYS_WAIT_FOREVER)
-        return sysutil::take_contended(word, nullptr);
+        return platform::take_contended(word, nullptr);
     if (timeout_ms == 0)
         return false;
     const timespec deadline = sysutil::deadline_after(timeout_ms, CLOCK_MONOTONIC);
-    return sysutil::take_contended(word, &deadline);
+    return platform::take_contended(word, &deadline);
 }
 
 } // namespace
@@ -38,7 +38,7 @@ int Lock_enter(THREADLOCK *plock, unsigned int timeout_ms) {
     const THREADID self = Thread_myid();
     if (owner.load(std::memory_order_relaxed) == self)
         return 0;
-    if (!sysutil::try_take(plock->state) && !wait_for(plock->state, timeout_ms))
+    if (!platform::try_take(plock->state) && !wait_for(plock->state, timeout_ms))
         return 0;
     owner.store(self, std::memory_order_relaxed);
     return 1;
@@ -49,7 +49,7 @@ int Lock_exit(THREADLOCK *plock) {
     if (owner.load(std::memory_order_relaxed) != Thread_myid())
         return 0;
     owner.store(NULLTHREADID, std::memory_order_relaxed);
-    sysutil::release(plock->state);
+    platform::release(plock->state);
     return 1;
 }
 

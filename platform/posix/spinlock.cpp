@@ -7,9 +7,9 @@
 #include <atomic>
 
 #include "check.h"
+#include "common/word_lock.h"
 #include "csect.h"
 #include "exported.h"
-#include "word_lock.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ void Spinlock_init(THREADSPINL *pslock, unsigned int id, unsigned int /*options*
 
 void Spinlock_enter(THREADSPINL *pslock) {
     if (SYS_CHECK(!is_mine(*pslock))) {
-        sysutil::take(pslock->state);
+        platform::take(pslock->state);
         owner_of(*pslock).store(Thread_myid(), std::memory_order_relaxed);
     }
     ++pslock->depth;
@@ -48,5 +48,5 @@ void Spinlock_exit(THREADSPINL *pslock) {
     if (--pslock->depth > 0)
         return;
     owner_of(*pslock).store(NULLTHREADID, std::memory_order_relaxed);
-    sysutil::release(pslock->state);
+    platform::release(pslock->state);
 }

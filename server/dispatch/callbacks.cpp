@@ -7,7 +7,7 @@
 
 #include "common/records.h"
 #include "common/trace.h"
-#include "dispatch/descriptors.h"
+#include "runtime/descriptors.h"
 
 // Makes the memory block of a merge request: room for its one exception.
 static BOOLEAN allocate_merge_block(OMRAPMI_IDSC *pidsc) {

@@ -8,14 +8,14 @@
 #include "dispatch/dispatcher.h"
 
 #include "common/trace.h"
-#include "dispatch/descriptors.h"
-#include "dispatch/singleton.h"
 #include "eval/merge_tree.h"
 #include "eval/store_merge.h"
 #include "eval/worker_thread.h"
-#include "invoker/params.h"
 #include "objects/objects.h"
-#include "worker/functbl.h"
+#include "runtime/descriptors.h"
+#include "runtime/functbl.h"
+#include "runtime/params.h"
+#include "runtime/singleton.h"
 
 // The last app id whose keys can be marked as not renewing the object's time-out.
 static constexpr ULONG MAX_MARKED_APP_ID = 0x0FFFFFFE;

@@ -7,9 +7,9 @@
 #include "eval/merge_tree.h"
 
 #include "common/trace.h"
-#include "dispatch/descriptors.h"
 #include "eval/store_merge.h"
 #include "eval/user_merge.h"
+#include "runtime/descriptors.h"
 #include "util.h"
 
 unsigned int Omrapmi_get_pred_index(unsigned int index) {

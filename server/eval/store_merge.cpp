@@ -9,10 +9,10 @@
 #include <string.h>
 
 #include "common/trace.h"
-#include "dispatch/descriptors.h"
-#include "dispatch/singleton.h"
 #include "eval/user_merge.h"
 #include "objects/objects.h"
+#include "runtime/descriptors.h"
+#include "runtime/singleton.h"
 
 // Merges the result into the bytes of the locked results object, which this function releases, and
 // unlocks it. A failed user merge leaves the object as it was and is no failure here: it is

@@ -9,11 +9,11 @@
 #include <atomic>
 
 #include "common/trace.h"
-#include "dispatch/descriptors.h"
 #include "eval/exceptions.h"
 #include "eval/merge_tree.h"
 #include "eval/store_merge.h"
 #include "objects/objects.h"
+#include "runtime/descriptors.h"
 
 // Worker threads that ended at start-up.
 static std::atomic<ULONG> num_ended{0};

@@ -13,7 +13,7 @@
 
 #include "common/trace.h"
 #include "invoker/collect.h"
-#include "invoker/params.h"
+#include "runtime/params.h"
 
 // Once-only flags, guarded by the process-wide critical section.
 static BOOLEAN is_seeded = FALSE;

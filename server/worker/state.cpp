@@ -9,8 +9,8 @@
 
 #include "common/records.h"
 #include "common/trace.h"
-#include "dispatch/descriptors.h"
 #include "dispatch/dispatcher.h"
+#include "runtime/descriptors.h"
 
 OMRAPMI_WORKER_STATE omrapmi_worker_state;
 BOOLEAN omrapmi_in_svc = FALSE;

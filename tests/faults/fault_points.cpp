@@ -1,7 +1,7 @@
 #include "fault_points.h"
 
 #include "common/records.h"
-#include "dispatch/descriptors.h"
+#include "runtime/descriptors.h"
 #include "storapp.h"
 #include "sysapp.h"
 

@@ -2,7 +2,7 @@
 // pass within a test, and that can jump.
 #pragma once
 
-#include "clock.h"
+#include "common/clock.h"
 
 class HastyClock final : public store::Clock {
 public:

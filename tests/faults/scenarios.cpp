@@ -1,11 +1,11 @@
 #include "scenarios.h"
 
+#include "client/store.h"
 #include "common/records.h"
-#include "dispatch/descriptors.h"
 #include "embedded/embedded_engine.h"
 #include "hasty_clock.h"
+#include "runtime/descriptors.h"
 #include "storapp.h"
-#include "store.h"
 #include "sysapp.h"
 
 #include <algorithm>

@@ -8,11 +8,11 @@
 
 #include <unistd.h>
 
-#include "error.h"
+#include "cli/error.h"
+#include "cli/options.h"
 #include "fuzz.h"
-#include "objects.h"
-#include "options.h"
-#include "store.h"
+#include "store/objects.h"
+#include "store/store.h"
 
 namespace {
 

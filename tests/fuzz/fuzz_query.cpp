@@ -6,11 +6,11 @@
 #include <string_view>
 #include <vector>
 
+#include "client/store.h"
 #include "embedded/embedded_engine.h"
 #include "fuzz.h"
-#include "query.h"
-#include "query_language.h"
-#include "store.h"
+#include "query/language.h"
+#include "query/request.h"
 
 namespace {
 

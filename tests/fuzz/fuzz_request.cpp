@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
+#include "client/store.h"
 #include "embedded/embedded_engine.h"
 #include "fuzz.h"
-#include "store.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 // failed; and the start of the threads.
 #include "module_test.h"
 
-#include "dispatch/descriptors.h"
 #include "dispatch/dispatcher.h"
 #include "eval/store_merge.h"
 #include "eval/worker_thread.h"
+#include "runtime/descriptors.h"
 
 #include <cstring>
 

@@ -2,8 +2,8 @@
 // parameters.
 #include "module_test.h"
 
-#include "invoker/params.h"
 #include "objects/objects.h"
+#include "runtime/params.h"
 
 #include <algorithm>
 #include <cstring>

@@ -2,10 +2,10 @@
 // the queries of threads that are no worker threads.
 #include "module_test.h"
 
-#include "dispatch/descriptors.h"
 #include "dispatch/dispatcher.h"
+#include "runtime/descriptors.h"
+#include "runtime/functbl.h"
 #include "sysapp.h"
-#include "worker/functbl.h"
 
 #include <cstring>
 

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "store.h"
+#include "client/store.h"
 
 struct EngineParam {
     const char *name;

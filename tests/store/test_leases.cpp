@@ -5,7 +5,7 @@
 #include <semaphore>
 #include <thread>
 
-#include "alarm.h"
+#include "common/alarm.h"
 #include "store_test.h"
 
 namespace {

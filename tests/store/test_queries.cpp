@@ -11,8 +11,8 @@
 #include <gmock/gmock.h>
 
 #include "embedded/embedded_engine.h"
-#include "query.h"
-#include "query_language.h"
+#include "query/language.h"
+#include "query/request.h"
 #include "store_test.h"
 
 namespace {

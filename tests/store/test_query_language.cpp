@@ -1,7 +1,7 @@
 /* The query language: what the parser makes of good queries and what it says of bad ones. */
 #include <gmock/gmock.h>
 
-#include "query_language.h"
+#include "query/language.h"
 
 namespace {
 

@@ -13,14 +13,14 @@
 #include <cstdlib>
 #include <exception>
 
-#include "error.h"
-#include "interrupt.h"
-#include "objects.h"
-#include "options.h"
-#include "output.h"
-#include "plugin.h"
-#include "run.h"
-#include "store.h"
+#include "cli/error.h"
+#include "cli/interrupt.h"
+#include "cli/options.h"
+#include "plugin/plugin.h"
+#include "run/output.h"
+#include "run/run.h"
+#include "store/objects.h"
+#include "store/store.h"
 #include <fmt/format.h>
 
 namespace pmi_cli {

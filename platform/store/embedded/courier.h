@@ -12,7 +12,7 @@
 #include <mutex>
 #include <thread>
 
-#include "engine.h"
+#include "engine/engine.h"
 
 namespace store {
 

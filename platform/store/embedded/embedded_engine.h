@@ -12,11 +12,11 @@
 #include <mutex>
 #include <string>
 
-#include "configuration.h"
 #include "embedded/hosts.h"
 #include "embedded/partition.h"
 #include "embedded/sweeper.h"
-#include "engine.h"
+#include "engine/engine.h"
+#include "engine/options.h"
 
 namespace store {
 

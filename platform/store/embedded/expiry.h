@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <utility>
 
-#include "clock.h"
+#include "common/clock.h"
 #include "embedded/record.h"
 
 namespace store {

@@ -21,7 +21,7 @@
 #include <absl/container/flat_hash_set.h>
 
 #include "embedded/courier.h"
-#include "engine.h"
+#include "engine/engine.h"
 
 namespace store {
 

@@ -9,7 +9,7 @@
 
 #include <vector>
 
-#include "keys.h"
+#include "engine/keys.h"
 
 namespace store {
 

@@ -12,8 +12,8 @@
 #include <list>
 #include <mutex>
 
-#include "clock.h"
-#include "engine.h"
+#include "common/clock.h"
+#include "engine/engine.h"
 
 namespace store {
 

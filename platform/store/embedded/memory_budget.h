@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "configuration.h"
+#include "engine/options.h"
 
 namespace store {
 

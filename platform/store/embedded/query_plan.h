@@ -20,7 +20,7 @@
 
 #include "embedded/object_index.h"
 #include "embedded/record.h"
-#include "engine.h"
+#include "engine/engine.h"
 
 namespace store {
 

@@ -4,9 +4,9 @@
 
 #include <cstdint>
 
-#include "clock.h"
-#include "content.h"
-#include "engine.h"
+#include "common/clock.h"
+#include "engine/content.h"
+#include "engine/engine.h"
 
 namespace store {
 

@@ -16,13 +16,13 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
+#include "common/word_lock.h"
 #include "embedded/expiry.h"
 #include "embedded/lock_waiters.h"
 #include "embedded/memory_budget.h"
 #include "embedded/object_index.h"
 #include "embedded/query_plan.h"
 #include "embedded/record.h"
-#include "short_lock.h"
 
 namespace store {
 
@@ -111,7 +111,7 @@ private:
 
     const ShardContext &context_;
 
-    ShortLock lock_;
+    WordLock lock_;
 
     /* Guarded by lock_. The set holds one reference to each record. */
     absl::flat_hash_set<Record *, KeyHash, KeyEqual> records_;

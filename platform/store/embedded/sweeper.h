@@ -13,9 +13,9 @@
 #include <cstdint>
 #include <mutex>
 
-#include "alarm.h"
+#include "common/alarm.h"
 #include "embedded/partition.h"
-#include "engine.h"
+#include "engine/engine.h"
 
 namespace store {
 

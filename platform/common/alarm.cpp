@@ -1,0 +1,87 @@
+#include "common/alarm.h"
+
+#include <csignal>
+#include <new>
+#include <system_error>
+
+namespace platform {
+
+namespace {
+
+/* When memory or threads run out, work is tried again after this. */
+constexpr Millis retry_pause = millis_per_second;
+
+} // namespace
+
+Alarm::Alarm(Clock &clock, Work work) : clock_(clock), work_(std::move(work)) {
+    clock_.add_listener([this] {
+        const std::lock_guard guard(lock_);
+        wake_.notify_all();
+    });
+}
+
+/* The application's signals are for its own threads: the new one inherits a full mask. Without a
+ * thread, next_ stays, and a later, earlier call tries again. */
+void Alarm::start() {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+        thread_ = std::thread([this] { run(); });
+    } catch (const std::system_error &) {
+        next_.store(never, std::memory_order_relaxed);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void Alarm::move_forward(Millis moment) noexcept {
+    const std::lock_guard guard(lock_);
+    if (stopping_ || moment >= next_.load(std::memory_order_relaxed)) {
+        return;
+    }
+    next_.store(moment, std::memory_order_relaxed);
+    if (thread_.joinable()) {
+        wake_.notify_all();
+    } else {
+        start();
+    }
+}
+
+void Alarm::run() {
+    std::unique_lock lock(lock_);
+    for (;;) {
+        while (!stopping_ && clock_.now() < next_.load(std::memory_order_relaxed)) {
+            clock_.wait(lock, wake_, next_.load(std::memory_order_relaxed));
+        }
+        if (stopping_) {
+            return;
+        }
+        /* Calls from here on are for what this work may have missed. */
+        next_.store(never, std::memory_order_relaxed);
+        lock.unlock();
+        Millis next;
+        try {
+            next = work_();
+        } catch (const std::bad_alloc &) {
+            next = clock_.now() + retry_pause;
+        }
+        lock.lock();
+        if (next < next_.load(std::memory_order_relaxed)) {
+            next_.store(next, std::memory_order_relaxed);
+        }
+    }
+}
+
+void Alarm::stop() {
+    {
+        const std::lock_guard guard(lock_);
+        stopping_ = true;
+        wake_.notify_all();
+    }
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+} // namespace platform

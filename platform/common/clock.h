@@ -1,0 +1,93 @@
+/* Time as the platform sees it: milliseconds that never go back, and waiting for a moment of them.
+ *
+ * Everything that expires or gives up asks a Clock, so that a test can turn a ManualClock by hand
+ * instead of waiting. */
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace platform {
+
+using Millis = std::int64_t;
+
+inline constexpr Millis millis_per_second = 1000;
+inline constexpr Millis millis_per_minute = 60 * millis_per_second;
+inline constexpr Millis never = INT64_MAX;
+
+class Clock {
+public:
+    Clock() = default;
+    Clock(const Clock &) = delete;
+    Clock &operator=(const Clock &) = delete;
+    virtual ~Clock() = default;
+
+    virtual Millis now() const = 0;
+
+    /* Waits on `wake` until it is notified or `deadline` may have come; may return for no reason.
+     */
+    virtual void wait(std::unique_lock<std::mutex> &lock, std::condition_variable &wake,
+                      Millis deadline) = 0;
+
+    /* `on_jump` is called after time has moved other than by passing; whoever waits notifies its
+     * waiters there. It stays registered as long as the clock lives. */
+    virtual void add_listener(std::function<void()> on_jump) = 0;
+};
+
+class SystemClock final : public Clock {
+public:
+    Millis now() const override {
+        using std::chrono::steady_clock;
+        return std::chrono::duration_cast<std::chrono::milliseconds>(
+                   steady_clock::now().time_since_epoch())
+            .count();
+    }
+
+    void wait(std::unique_lock<std::mutex> &lock, std::condition_variable &wake,
+              Millis deadline) override {
+        if (deadline == never) {
+            wake.wait(lock);
+        } else {
+            /* One more millisecond, because now() rounds down. */
+            wake.wait_until(lock, std::chrono::steady_clock::time_point(
+                                      std::chrono::milliseconds(deadline + 1)));
+        }
+    }
+
+    void add_listener(std::function<void()>) override {}
+};
+
+class ManualClock final : public Clock {
+public:
+    Millis now() const override { return now_.load(std::memory_order_acquire); }
+
+    void wait(std::unique_lock<std::mutex> &lock, std::condition_variable &wake, Millis) override {
+        wake.wait(lock);
+    }
+
+    void add_listener(std::function<void()> on_jump) override {
+        const std::lock_guard guard(lock_);
+        listeners_.push_back(std::move(on_jump));
+    }
+
+    void advance(Millis duration) {
+        now_.fetch_add(duration, std::memory_order_acq_rel);
+        const std::lock_guard guard(lock_);
+        for (const auto &listener : listeners_) {
+            listener();
+        }
+    }
+
+private:
+    std::atomic<Millis> now_{1'000'000};
+    std::mutex lock_;
+    std::vector<std::function<void()>> listeners_; /* guarded by lock_ */
+};
+
+} // namespace platform

@@ -1,0 +1,80 @@
+#include "client/handles.h"
+
+namespace store {
+
+HandleTable::~HandleTable() {
+    for (auto &chunk : chunks_) {
+        delete[] chunk.load(std::memory_order_relaxed);
+    }
+}
+
+/* An index that no open handle has, or max_slots. */
+std::uint32_t HandleTable::take_free_index() {
+    const std::uint32_t fresh = num_slots_.load(std::memory_order_relaxed);
+    if (!free_.empty() && (free_.size() >= chunk_slots || fresh == max_slots)) {
+        const std::uint32_t index = free_.front();
+        free_.pop_front();
+        return index;
+    }
+    if (fresh == max_slots) {
+        return max_slots;
+    }
+    if (fresh % chunk_slots == 0 &&
+        chunks_[fresh / chunk_slots].load(std::memory_order_relaxed) == nullptr) {
+        chunks_[fresh / chunk_slots].store(new HandleSlot[chunk_slots], std::memory_order_release);
+    }
+    num_slots_.store(fresh + 1, std::memory_order_release);
+    return fresh;
+}
+
+OMRALIB_HANDLE HandleTable::open(const Guid &guid) {
+    const std::lock_guard guard(lock_);
+    const std::uint32_t index = take_free_index();
+    if (index == max_slots) {
+        return OMRALIB_NULL_HANDLE;
+    }
+    HandleSlot &slot = *slot_of(index);
+    slot.guid = guid;
+    const std::uint32_t closed = slot.state.load(std::memory_order_relaxed);
+    slot.state.store(closed | open_bit, std::memory_order_release);
+    return (closed >> 2) << index_bits | index;
+}
+
+void HandleTable::close(OMRALIB_HANDLE hdl, HandleSlot &slot) {
+    slot.pending.reset();
+    slot.locks.clear();
+    slot.progress = nullptr;
+    slot.error_text = {};
+    std::uint32_t generation = (hdl >> index_bits) + 1;
+    if (generation > index_mask) {
+        generation = 1;
+    }
+    const std::lock_guard guard(lock_);
+    free_.push_back(hdl & index_mask);
+    slot.state.store(generation << 2, std::memory_order_release);
+}
+
+template <typename Visit>
+void HandleTable::for_each_slot(Visit visit) const {
+    const std::uint32_t num_slots = num_slots_.load(std::memory_order_acquire);
+    for (std::uint32_t i = 0; i < num_slots; ++i) {
+        if (const HandleSlot *slot = slot_of(i)) {
+            visit(*slot);
+        }
+    }
+}
+
+std::uint64_t HandleTable::num_reads() const {
+    std::uint64_t sum = 0;
+    for_each_slot(
+        [&](const HandleSlot &slot) { sum += slot.num_reads.load(std::memory_order_relaxed); });
+    return sum;
+}
+
+std::vector<HeldLock> HandleTable::held_locks() const {
+    std::vector<HeldLock> held;
+    for_each_slot([&](const HandleSlot &slot) { slot.locks.append_to(held); });
+    return held;
+}
+
+} // namespace store

@@ -1,0 +1,36 @@
+/* The words that both sides of the seam use. */
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "common/alarm.h"
+#include "common/clock.h"
+#include "common/thread_safety.h"
+#include "common/word_lock.h"
+#include "engine/contracts.h"
+
+namespace store {
+
+using platform::Alarm;
+using platform::Clock;
+using platform::ManualClock;
+using platform::Millis;
+using platform::millis_per_minute;
+using platform::millis_per_second;
+using platform::never;
+using platform::SystemClock;
+using platform::WordLock;
+
+using Status = int; /* OMRALIB_RET_SUCCESS or a negative code of storlib.h */
+using HostId = std::uint32_t;
+using RequestId = std::uint64_t; /* unique among the requests of one sending host, never 0 */
+
+/* Whom a handle that was opened with it stands for. */
+using Guid = std::array<char, OMRALIB_GUID_LEN>;
+
+using Bytes = std::span<const std::byte>;
+
+} // namespace store

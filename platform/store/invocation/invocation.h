@@ -1,0 +1,72 @@
+/* Invocations as their sender sees them: admit -> plan -> deliver and fold -> answer.
+ *
+ * Admit waits for a turn; plan finds the objects and divides them among the hosts that serve the
+ * app id; deliver gets one request to each host done, by another host if need be, while fold brings
+ * the partial results together; answer says what came of it. All of that happens on the invoking
+ * thread, which sleeps at its mailbox in between. When the deadline comes first, be it during the
+ * wait for a turn, or the invocation is cancelled, there is no answer, and nothing of it stays. In
+ * an answer, successful and failed objects are always as many as the matching ones: those that no
+ * host could take have failed.
+ *
+ * The rooms of an invocation, each understandable alone:
+ *   admission.h    how many invocations run at once
+ *   mailroom.h     what wakes the invoking thread
+ *   delivery.h     requests, retries, hosts that are gone
+ *   folding.h      partial results
+ *   answer.h       exceptions put together
+ *
+ * Locks, in the order in which they may nest: that of the invocations that run by handle, that of
+ * the admission, that of the mailroom. None is held while an engine, a host or a progress function
+ * is called.
+ *
+ * Left to others: how objects are found and hosts reached (engine.h), what a host does with a
+ * request (server.h), and what is in the results (nobody here looks inside). */
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+#include <absl/container/flat_hash_map.h>
+
+#include "engine/engine.h"
+#include "engine/options.h"
+#include "invocation/admission.h"
+#include "invocation/delivery.h"
+#include "query/request.h"
+
+namespace store {
+
+/* Who invokes, and what it wants to hear meanwhile. */
+struct Invoker {
+    OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE; /* by which cancel() names the invocation */
+    OMRALIB_PROGRESS_FUNC progress = nullptr;
+    void *progress_arg = nullptr;
+};
+
+class Invocations final : public ReplySink {
+public:
+    Invocations(Engine &engine, Clock &clock, const Configuration &configuration)
+        : room_(engine, clock), admission_(room_.mailroom, configuration.max_invocations) {}
+
+    /* Runs one invocation on the calling thread. OMRALIB_ERR_CANCELLED when it was cancelled,
+     * OMRALIB_ERR_INVOKE_TIMEOUT when its time was over. */
+    Status run(const InvokeOrder &order, const Invoker &invoker, OMRA_INVOKE_RESULT &result_out);
+
+    /* Cancels the invocation that runs, or waits for its turn, on a handle; if there is one. */
+    void cancel(OMRALIB_HANDLE hdl);
+
+    Status on_reply(const Reply &reply) override { return room_.mailroom.deliver(reply); }
+
+    const InvocationFigures &figures() const { return room_.figures; }
+
+private:
+    class Registration;
+
+    InvocationRoom room_;
+    Admission admission_;
+
+    std::mutex lock_;
+    absl::flat_hash_map<OMRALIB_HANDLE, Mailbox *> by_handle_; /* guarded by lock_ */
+};
+
+} // namespace store

@@ -1,0 +1,175 @@
+// The table of user functions: 64 slots indexed by function id, made on first use, filled once
+// each.
+//
+// In call order: the three public registrations; Omrapmi_worker_register_func, which checks the
+// arguments; Omrapmi_func_table_init; Omrapmi_func_table_add. The dispatcher calls
+// Omrapmi_func_table_get. Three locks, never held together: the process-wide critical section for
+// the flags, the table's mutex for the allocation, its spin lock for a look at one slot.
+#include "runtime/functbl.h"
+
+#include <string.h>
+
+#include "common/trace.h"
+
+OMRAPMI_FUNCTBL_STATE omrapmi_functbl_state;
+
+// Once-only flags: the first two guarded by the critical section, the last by the table's mutex.
+static BOOLEAN init = FALSE;
+static BOOLEAN fast_init = FALSE;
+static BOOLEAN slow_init = FALSE;
+
+// Makes the slots, all free.
+static int allocate_slots(void) {
+    OMRAPMI_FUNCTBL_ENTRY *ptbl = static_cast<OMRAPMI_FUNCTBL_ENTRY *>(
+        Sys_malloc(OMRAPMI_NUM_FUNC_IDS * sizeof *ptbl, OMRAPMI_TAG_FUNCTBL));
+    if (ptbl == NULL) {
+        OMRAPMI_TRACE("Tr [pmi-fti 1]\n");
+        return OMRAPMI_ERR_NO_INIT_MEMORY;
+    }
+    for (unsigned int i = 0; i < OMRAPMI_NUM_FUNC_IDS; ++i) {
+        ptbl[i] = {NULL, 0, 0, OMRAPMI_FUNC_MERGE};
+    }
+    omrapmi_functbl_state.ptbl = ptbl;
+    return OMRALIB_RET_SUCCESS;
+}
+
+int Omrapmi_func_table_init(void) {
+    int ret = Omralib_init();
+    if (ret != OMRALIB_RET_SUCCESS) {
+        OMRAPMI_TRACE("Tr [pmi-fti 0] %d\n", ret);
+        return ret;
+    }
+    Omralib_use_large_keys();
+
+    Enter_cs();
+    if (init) {
+        Exit_cs();
+        return OMRALIB_RET_SUCCESS;
+    }
+    if (!fast_init) {
+        memset(&omrapmi_functbl_state, 0, sizeof omrapmi_functbl_state);
+        Lock_init(&omrapmi_functbl_state.lock);
+        Spinlock_init(&omrapmi_functbl_state.slock, OMRAPMI_FUNCTBL_SLOCK_ID, 0);
+        fast_init = TRUE;
+    }
+    Exit_cs();
+
+    int ret_lock = Lock_enter(&omrapmi_functbl_state.lock, SYS_WAIT_FOREVER);
+    OMRAPMI_ASSERT(ret_lock == 1);
+    if (!slow_init) {
+        ret = allocate_slots();
+        if (ret == OMRALIB_RET_SUCCESS) {
+            slow_init = TRUE;
+        }
+    }
+    ret_lock = Lock_exit(&omrapmi_functbl_state.lock);
+    OMRAPMI_ASSERT(ret_lock == 1);
+    if (ret != OMRALIB_RET_SUCCESS) {
+        return ret;
+    }
+
+    Enter_cs();
+    init = TRUE;
+    Exit_cs();
+    return OMRALIB_RET_SUCCESS;
+}
+
+int Omrapmi_func_table_add(void *pfunc, unsigned int func_id, unsigned int app_id,
+                           OMRAPMI_FUNC_TYPE type) {
+    OMRAPMI_ASSERT(func_id < OMRAPMI_NUM_FUNC_IDS);
+    if (func_id >= OMRAPMI_NUM_FUNC_IDS) {
+        return OMRAPMI_ERR_BAD_FUNC_ID;
+    }
+    int ret = Omrapmi_func_table_init();
+    if (ret != OMRALIB_RET_SUCCESS) {
+        OMRAPMI_TRACE("Tr [pmi-fta 0] %d\n", ret);
+        return ret;
+    }
+
+    Spinlock_enter(&omrapmi_functbl_state.slock);
+    OMRAPMI_FUNCTBL_ENTRY *pentry = &omrapmi_functbl_state.ptbl[func_id];
+    if (pentry->pfunc == NULL) {
+        *pentry = {pfunc, func_id, app_id, type};
+    } else if (pentry->pfunc != pfunc || pentry->func_id != func_id || pentry->app_id != app_id ||
+               pentry->type != type) {
+        ret = OMRAPMI_ERR_FUNC_ID_TAKEN;
+    }
+    Spinlock_exit(&omrapmi_functbl_state.slock);
+    return ret;
+}
+
+int Omrapmi_func_table_get(unsigned int func_id, unsigned int app_id, OMRAPMI_FUNC_TYPE type,
+                           void **ppfunc_out) {
+    OMRAPMI_ASSERT(func_id < OMRAPMI_NUM_FUNC_IDS);
+    if (func_id >= OMRAPMI_NUM_FUNC_IDS) {
+        return OMRAPMI_ERR_BAD_FUNC_ID;
+    }
+    const int ret = Omrapmi_func_table_init();
+    if (ret != OMRALIB_RET_SUCCESS) {
+        OMRAPMI_TRACE("Tr [pmi-ftg 0] %d\n", ret);
+        return ret;
+    }
+
+    Spinlock_enter(&omrapmi_functbl_state.slock);
+    const OMRAPMI_FUNCTBL_ENTRY entry = omrapmi_functbl_state.ptbl[func_id];
+    Spinlock_exit(&omrapmi_functbl_state.slock);
+
+    if (entry.pfunc == NULL) {
+        OMRAPMI_TRACE("Omrapmi worker: Warning: received unregistered function id %u\n", func_id);
+        return OMRAPMI_ERR_FUNC_UNKNOWN;
+    }
+    if (type != OMRAPMI_FUNC_MERGE && entry.app_id != app_id) {
+        OMRAPMI_TRACE(
+            "Omrapmi worker: Warning: received eval function id %u for app id %d, but was "
+            "registered for app id %d\n",
+            func_id, static_cast<int>(app_id), static_cast<int>(entry.app_id));
+        return OMRAPMI_ERR_FUNC_APP_ID;
+    }
+    if (entry.type != type) {
+        OMRAPMI_TRACE("Omrapmi worker: Warning: received function id %u of type %u, but was "
+                      "registered as type %u\n",
+                      func_id, static_cast<unsigned int>(type),
+                      static_cast<unsigned int>(entry.type));
+        return OMRAPMI_ERR_FUNC_TYPE;
+    }
+    *ppfunc_out = entry.pfunc;
+    return OMRALIB_RET_SUCCESS;
+}
+
+int Omrapmi_worker_register_func(void *pfunc, unsigned int func_id, unsigned int app_id,
+                                 OMRAPMI_FUNC_TYPE type) {
+    if (pfunc == NULL) {
+        return OMRAPMI_ERR_NULL_ARG;
+    }
+    if (func_id >= OMRAPMI_NUM_FUNC_IDS) {
+        return OMRAPMI_ERR_BAD_FUNC_ID;
+    }
+    int ret = Omrapmi_func_table_init();
+    if (ret != OMRALIB_RET_SUCCESS) {
+        OMRAPMI_TRACE("Tr [pmi-wrf 0] %d\n", ret);
+        return ret;
+    }
+    ret = Omrapmi_func_table_add(pfunc, func_id, app_id, type);
+    if (ret != OMRALIB_RET_SUCCESS) {
+        OMRAPMI_TRACE("Tr [pmi-wrf 1] %d\n", ret);
+    }
+    return ret;
+}
+
+int Omrapmi_worker_register_eval_func(OMRAPMI_EVAL_FUNCP pfunc, unsigned int func_id,
+                                      unsigned int app_id) {
+    return Omrapmi_worker_register_func(reinterpret_cast<void *>(pfunc), func_id, app_id,
+                                        OMRAPMI_FUNC_EVAL);
+}
+
+int Omrapmi_worker_register_merge_func(OMRAPMI_MERGE_FUNCP pfunc, unsigned int func_id,
+                                       unsigned int app_id) {
+    return Omrapmi_worker_register_func(reinterpret_cast<void *>(pfunc), func_id, app_id,
+                                        OMRAPMI_FUNC_MERGE);
+}
+
+int Omrapmi_worker_register_invoke_once_eval_func(OMRAPMI_EVAL_FUNCP pfunc, unsigned int func_id,
+                                                  unsigned int app_id) {
+    return Omrapmi_worker_register_func(reinterpret_cast<void *>(pfunc), func_id, app_id,
+                                        OMRAPMI_FUNC_INVOKE_ONCE_EVAL);
+}

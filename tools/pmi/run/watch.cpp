@@ -1,0 +1,66 @@
+#include "run/watch.h"
+
+#include <fmt/format.h>
+
+namespace pmi_cli {
+
+InvocationWatch::InvocationWatch(const StoreHandle &handle,
+                                 const std::optional<LostHost> &lost_host)
+    : handle_(handle), lost_host_(lost_host) {
+    const auto take_progress = [](const OMRALIB_PROGRESS *progress, void *watch) {
+        static_cast<InvocationWatch *>(watch)->take(*progress);
+    };
+    check_status(Omralib_set_progress_func(handle_.get(), take_progress, this),
+                 "the progress cannot be watched");
+}
+
+InvocationWatch::~InvocationWatch() {
+    Omralib_set_progress_func(handle_.get(), nullptr, nullptr);
+    line_.finish(text(), progress_.num_done);
+}
+
+void InvocationWatch::take(const OMRALIB_PROGRESS &progress) {
+    if (cancelled_) {
+        return; // what hosts drop now has not been done
+    }
+    progress_ = progress;
+    lose_host();
+    if (interrupt_.is_interrupted()) {
+        cancelled_ = true;
+        Omralib_cancel_invoke(handle_.get());
+    }
+    if (line_.is_due()) {
+        line_.draw(text(), progress_.num_done);
+    }
+}
+
+void InvocationWatch::lose_host() {
+    const bool running = progress_.num_hosts_done < progress_.num_hosts;
+    if (lost_host_ && lost_after_.empty() && running &&
+        progress_.num_done * 100 >= progress_.num_matched * lost_host_->percent) {
+        Omralib_declare_host_gone(lost_host_->host);
+        lost_after_ = objects_done();
+    }
+}
+
+std::string InvocationWatch::objects_done() const {
+    return fmt::format("{} of {} objects", progress_.num_done, progress_.num_matched);
+}
+
+std::string InvocationWatch::text() const {
+    return fmt::format("evaluated {}, {} failed, {} of {} hosts", objects_done(),
+                       progress_.num_failed, progress_.num_hosts_done, progress_.num_hosts);
+}
+
+std::string InvocationWatch::lost_host_text() const {
+    if (!lost_host_) {
+        return "";
+    }
+    if (lost_after_.empty()) {
+        return fmt::format("host {} was not lost: the invocation was over too soon",
+                           lost_host_->host);
+    }
+    return fmt::format("host {} was declared gone after {}", lost_host_->host, lost_after_);
+}
+
+} // namespace pmi_cli
