@@ -77,7 +77,7 @@ void describe(std::string &text, const Argument &argument) {
     } else if constexpr (std::is_same_v<Argument, const char *>) {
         text += argument != nullptr ? " " : "";
         text += argument != nullptr ? argument : "";
-    } else if constexpr (std::is_integral_v<Argument>) {
+    } else if constexpr (std::is_unsigned_v<Argument>) {
         text += argument != 0 ? " " : "";
         text += argument != 0 ? std::to_string(argument) : "";
     }
