@@ -31,7 +31,7 @@ Objects first_objects(unsigned int num_objects);
 // The bytes of an object, and of a result as a store keeps it. The label is that of the invocation:
 // the first four bytes of its parameters, 0 without any. Results of two invocations never meet.
 struct Result {
-    unsigned int label;
+    unsigned int label, padding;
     Objects objects;
 };
 std::string object_bytes(unsigned int object);
