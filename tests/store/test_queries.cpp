@@ -22,8 +22,7 @@ using store::Term;
 
 constexpr unsigned int event_app = 77;
 
-/* The model --------------------------------------------------------------------------------------
- */
+/* The model ------------------------------------------------------------------------------------ */
 
 /* The bytes of an index value as they stand in memory. */
 using Value = std::array<unsigned char, 32>;
@@ -197,8 +196,7 @@ private:
     std::mt19937 random_;
 };
 
-/* The store --------------------------------------------------------------------------------------
- */
+/* The store ------------------------------------------------------------------------------------ */
 
 /* The numbers of the keys of the last request, by the callback. */
 std::vector<unsigned long long> requested;
@@ -329,8 +327,7 @@ protected:
 };
 FOR_ALL_ENGINES(Queries);
 
-/* What they find ---------------------------------------------------------------------------------
- */
+/* What they find ------------------------------------------------------------------------------- */
 
 TEST_P(Queries, FindWhatTheModelFinds) {
     const unsigned int seed = std::random_device()();
@@ -440,8 +437,7 @@ TEST_P(Queries, ThatAreNotValidSayWhy) {
     EXPECT_EQ("at 9: expected a number or a string after '<'", error_text());
 }
 
-/* What they cost ---------------------------------------------------------------------------------
- */
+/* What they cost ------------------------------------------------------------------------------- */
 
 /* Objects and index values that a query looks at, when a view that it needs has been made. */
 class QueryCost : public Queries {

@@ -176,8 +176,7 @@ TEST_P(TimeOuts, MemoryIsGivenBackWithoutAnyUseOfTheStore) {
     }
 }
 
-/* However many objects of a shard expire together, one holding of its lock takes a bounded number.
- */
+/* However many objects of a shard expire together, its lock is held for a bounded number. */
 TEST(Sweep, TakesSmallSteps) {
     struct Sink final : store::ExpirySink {
         void on_due(store::Millis moment) noexcept override { due = std::min(due, moment); }
