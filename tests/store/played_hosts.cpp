@@ -31,8 +31,10 @@ PlayedHosts::PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, uns
       random(seed), answer([](const Job &) { return OMRALIB_INVOKE_ACCEPTED; }),
       before_step([](Job &) {}), merge_fails([] { return false; }),
       turn([this](store::Millis deadline) { take_turn(deadline); }) {
-    store::exchange_store(&store);
-    store.engine().attach(*this, store.invocations, store.server);
+    cluster().in_order = true;
+    cluster().on_receive = [this](const store::Request &request) {
+        receiving_ = request.share.host.number;
+    };
     played = this;
     clock.on_wait = [this](store::Millis deadline) { turn(deadline); };
     hdl = Omralib_open_ext(nullptr);
@@ -45,9 +47,7 @@ PlayedHosts::PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, uns
 
 store::Configuration PlayedHosts::configuration(std::uint32_t num_hosts,
                                                 store::Configuration more) {
-    more.deliver_inline = true;
     more.num_hosts = num_hosts;
-    more.lock_patience = 0;
     return more;
 }
 
@@ -65,20 +65,6 @@ OMRALIB_STATS PlayedHosts::stats() {
 
 /* Requests ------------------------------------------------------------------------------------- */
 
-/* On the way from the engine to the server, to know whose request it is. */
-void PlayedHosts::receive(std::shared_ptr<const store::Request> request) {
-    receiving_ = request->host;
-    store.server.receive(std::move(request));
-}
-
-void PlayedHosts::withdraw(store::HostId sender, store::RequestId request) {
-    store.server.withdraw(sender, request);
-}
-
-std::uint32_t PlayedHosts::num_begun(store::HostId sender, store::RequestId request) {
-    return store.server.num_begun(sender, request);
-}
-
 int PlayedHosts::on_invoke(const char *, OMRALIB_INVOKE_PARAMS *pparams) {
     Job job;
     job.host = played->receiving_;
@@ -91,7 +77,7 @@ int PlayedHosts::on_invoke(const char *, OMRALIB_INVOKE_PARAMS *pparams) {
     return answer;
 }
 
-void PlayedHosts::kill(store::HostId host, bool as_zombie) {
+void PlayedHosts::kill(std::uint32_t host, bool as_zombie) {
     for (Job &job : jobs) {
         if (job.host == host && !job.is_zombie) {
             job.is_zombie = true;

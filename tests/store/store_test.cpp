@@ -1,13 +1,13 @@
 #include "store_test.h"
 
-#include "embedded/embedded_engine.h"
+#include "query/request.h"
 
 std::vector<EngineParam> all_engines() {
-    return {{"Embedded",
-             [](store::Clock &clock,
-                const store::Configuration &configuration) -> std::unique_ptr<store::Engine> {
-                 return std::make_unique<store::EmbeddedEngine>(clock, configuration);
-             }}};
+    std::vector<EngineParam> engines;
+    for (const store::EngineKind &kind : store::engine_kinds()) {
+        engines.push_back({kind.url == "embedded:" ? "Embedded" : "Other", &kind});
+    }
+    return engines;
 }
 
 std::vector<store::Key> StoreTest::find_value(unsigned int app_id, USHORT index,
@@ -15,7 +15,8 @@ std::vector<store::Key> StoreTest::find_value(unsigned int app_id, USHORT index,
     const store::Term terms[] = {{index, false, make_value(number)}};
     std::vector<store::Key> keys;
     EXPECT_EQ(OMRALIB_RET_SUCCESS,
-              store_.engine().find(store::select_by_terms(app_id, true, terms), keys));
+              store::find(store_.objects(), store::select_by_terms(app_id, true, terms), nullptr,
+                          keys));
     return keys;
 }
 

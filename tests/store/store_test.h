@@ -10,14 +10,20 @@
 #include <gtest/gtest.h>
 
 #include "client/store.h"
+#include "support/clocks.h"
+#include "support/decorators.h"
 
 struct EngineParam {
     const char *name;
-    std::unique_ptr<store::Engine> (*make)(store::Clock &clock,
-                                           const store::Configuration &configuration);
+    const store::EngineKind *kind;
+
+    /* Behind decorators. */
+    store::Engine make(store::Clock &clock, const store::Configuration &configuration) const {
+        return decorated(kind->make(clock, configuration));
+    }
 };
 
-/* Every engine that the tests run against. */
+/* Every engine that there is. */
 std::vector<EngineParam> all_engines();
 
 inline std::string engine_name(const testing::TestParamInfo<EngineParam> &engine) {
@@ -29,25 +35,21 @@ inline std::string engine_name(const testing::TestParamInfo<EngineParam> &engine
 
 class StoreTest : public testing::TestWithParam<EngineParam> {
 protected:
-    /* Waiting for locks would wait for the clock to be turned: a test that wants it says so. */
-    static store::Configuration impatient() {
-        store::Configuration configuration;
-        configuration.lock_patience = 0;
-        return configuration;
-    }
-
-    explicit StoreTest(const store::Configuration &configuration = impatient())
+    explicit StoreTest(const store::Configuration &configuration = {})
         : store_(GetParam().make(clock_, configuration), clock_, configuration) {
-        store::exchange_store(&store_);
         hdl_ = Omralib_open_ext("store test guid");
     }
-    ~StoreTest() override { store::exchange_store(nullptr); }
+
+    /* Reading under lock waits for no other holder, because that would be waiting for the clock to be
+     * turned; a test that wants it to sets its patience. */
+    DecoratedObjects &objects() { return decorator_of(store_.objects()); }
+    DecoratedCluster &cluster() { return decorator_of(store_.cluster()); }
 
     /* The objects that have this value of an index. */
     std::vector<store::Key> find_value(unsigned int app_id, USHORT index,
                                        unsigned long long number);
 
-    store::ManualClock clock_;
+    TestClock clock_;
     store::Store store_;
     OMRALIB_HANDLE hdl_ = OMRALIB_NULL_HANDLE;
 };

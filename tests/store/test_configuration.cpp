@@ -33,7 +33,7 @@ TEST(Configuration, IsRefusedWithTheReasonAndMayThenBeMended) {
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_configure(&config));
     EXPECT_EQ("", error_text());
     ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_init());
-    const store::Configuration &used = store::current_store()->configuration();
+    const store::Configuration &used = store::Store::current()->configuration();
     EXPECT_EQ(64u, used.num_hosts);
     EXPECT_EQ(5000, used.lock_lease);
     EXPECT_EQ(7u, used.max_invocations);

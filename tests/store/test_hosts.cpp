@@ -7,7 +7,7 @@
 
 namespace {
 
-using store::HostId;
+using std::uint32_t;
 using store::millis_per_second;
 
 constexpr unsigned long long num_objects = 60;

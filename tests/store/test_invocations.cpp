@@ -354,8 +354,7 @@ TEST_P(Invocations, TellMalformedRequests) {
 }
 
 TEST_P(Invocations, UseThePlainCallbackWhenItIsTheOnlyOne) {
-    store::Store other(GetParam().make(clock_, impatient()), clock_, impatient());
-    store::exchange_store(&other);
+    store::Store other(GetParam().make(clock_, store::Configuration{}), clock_, store::Configuration{});
     OMRALIB_CB cb;
     cb.invoke_cb = scripted_plain;
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_register_cb(OMRALIB_CB_INVOKE, cb));
@@ -368,7 +367,6 @@ TEST_P(Invocations, UseThePlainCallbackWhenItIsTheOnlyOne) {
         return OMRALIB_INVOKE_ACCEPTED;
     };
     EXPECT_EQ(1u, invoke(hdl, make_header(MGTI_APPID_INVOKE_ONCE)).result.num_successful);
-    store::exchange_store(&store_);
 }
 
 TEST_P(Invocations, CallbacksAndNamesAreChecked) {

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "embedded/key_sort.h"
+#include "engine/key_sort.h"
 
 namespace {
 

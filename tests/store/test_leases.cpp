@@ -20,8 +20,10 @@ protected:
 
     /* A lock whose holder does nothing more, as if its host had died. */
     int lock_and_die(const OMRA_OBJKEY &key) {
-        store::ContentRef content;
-        return store_.engine().read_and_lock(key, true, 0, content);
+        store::Content content;
+        int ticket = 0;
+        const int status = objects().read_and_lock(key, true, 0, ticket, content);
+        return status == OMRALIB_RET_SUCCESS ? ticket : status;
     }
     int lock(OMRALIB_HANDLE hdl, const OMRA_OBJKEY &key) {
         unsigned int len = 0;
@@ -32,7 +34,7 @@ protected:
         return ticket;
     }
     int update_by_ticket(const OMRA_OBJKEY &key, int ticket) {
-        return store_.engine().update(key, ticket, true, true, {});
+        return store_.objects().update(key, ticket, true, true, {});
     }
 
     const OMRA_OBJKEY key_ = make_key(1, 1);
@@ -47,15 +49,15 @@ TEST_P(Leases, FreeTheLocksOfTheDeadAndTheirTickets) {
     EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, Omralib_replace_obj(hdl_, "x", 1, 0, nullptr, 0, key_));
     clock_.advance(1);
     EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update_by_ticket(key_, dead));
-    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, store_.engine().unlock(key_, dead));
+    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, store_.objects().unlock(key_, dead));
 
     const int ticket = lock(hdl_, key_);
     ASSERT_GT(ticket, 0);
     EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update_by_ticket(key_, dead));
-    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, store_.engine().renew_lock(key_, dead));
+    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, store_.objects().renew_lock(key_, dead));
     EXPECT_EQ("data", get(hdl_, key_));
     EXPECT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key_, ticket, "new", true));
-    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, store_.engine().renew_lock(key_, 0));
+    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, store_.objects().renew_lock(key_, 0));
 
     ASSERT_GT(lock_and_die(key_), 0);
     clock_.advance(lease);
@@ -82,7 +84,7 @@ TEST_P(Leases, LastAsLongAsTheHandleIsOpen) {
 
 /* What renews leases and sweeps as time passes. */
 TEST(Alarm, WorksAtTheMomentsItIsCalledForAndThenAtThoseTheWorkNames) {
-    store::ManualClock clock;
+    TestClock clock;
     std::counting_semaphore<> worked(0);
     std::atomic<store::Millis> next{store::never};
     store::Alarm alarm(clock, [&] {
@@ -159,7 +161,7 @@ TEST_P(Waiting, EndsWithPatienceAndIsNotForOwnLocks) {
     EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, lock(hdl_, key_));
     EXPECT_EQ(0u, num_lock_waits());
     std::future<int> waiter = start_waiting(other_);
-    clock_.advance(store_.configuration().lock_patience);
+    clock_.advance(5);
     EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, waiter.get());
     EXPECT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key_, ticket, "", true));
 }

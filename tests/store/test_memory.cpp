@@ -15,7 +15,6 @@ constexpr std::uint64_t limit = 100'000;
 store::Configuration limited() {
     store::Configuration configuration;
     configuration.memory_limit = limit;
-    configuration.lock_patience = 0;
     return configuration;
 }
 
@@ -91,7 +90,8 @@ TEST_P(Memory, IsNeverExceededByRacingThreads) {
             threads.push_back(std::async(std::launch::async, fill, thread));
         }
         threads.clear();
-        const store::Totals totals = store_.engine().totals_of(1);
+        store::Totals totals;
+        store_.objects().totals_of(1, totals);
         EXPECT_LE(totals.num_bytes + totals.num_objects * bytes_per_object, limit);
     }
     EXPECT_GT(num_refused, 0u);

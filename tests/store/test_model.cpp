@@ -92,7 +92,6 @@ public:
     explicit Run(const store::Configuration &configuration)
         : limit_(configuration.memory_limit),
           store_(all_engines().front().make(clock_, configuration), clock_, configuration) {
-        store::exchange_store(&store_);
         OMRALIB_CB cb;
         cb.event_ext_cb = [](OMRA_OBJKEY, const char *, unsigned int) {
             events->release();
@@ -105,7 +104,6 @@ public:
         }
         Omralib_start_app_event_handling(handles_[0].hdl, 1);
     }
-    ~Run() { store::exchange_store(nullptr); }
 
     void execute(const Command &command) {
         key_ = make_key(1 + command.object % 2, command.object);
@@ -148,11 +146,13 @@ public:
     /* Every object that had to expire has gone, once, and those who had to hear of it have. */
     void finish() {
         list();
-        RC_ASSERT(store_.engine().activity().num_expired == num_expired_);
+        store::Activity activity;
+        store_.objects().activity(activity);
+        RC_ASSERT(activity.num_expired == num_expired_);
         for (unsigned int i = 0; i < num_events_; ++i) {
             RC_ASSERT(events->try_acquire_for(std::chrono::seconds(60)));
         }
-        store_.engine().detach();
+        store_.cluster().detach();
         RC_ASSERT(!events->try_acquire());
     }
 
@@ -288,8 +288,10 @@ private:
 
     /* By a holder that renews no lease. */
     void lock_and_die() {
-        store::ContentRef content;
-        const int ticket = store_.engine().read_and_lock(key_, true, 0, content);
+        store::Content content;
+        int ticket = 0;
+        const int status = store_.objects().read_and_lock(key_, true, 0, ticket, content);
+        ticket = status == OMRALIB_RET_SUCCESS ? ticket : status;
         if (!object_) {
             RC_ASSERT(OMRALIB_ERR_OBJ_NOT_FOUND == ticket);
         } else if (is_locked()) {
@@ -313,7 +315,7 @@ private:
         const auto found = objects_.find(key_);
         object_ = found == objects_.end() ? nullptr : &found->second;
         const int expected = expect_lock(dead_.second);
-        RC_ASSERT(expected == store_.engine().unlock(key_, dead_.second));
+        RC_ASSERT(expected == store_.objects().unlock(key_, dead_.second));
         if (expected == OMRALIB_RET_SUCCESS) {
             object_->ticket = 0;
         }
@@ -382,7 +384,7 @@ private:
         const store::Term term[] = {{index, negated, value}};
         std::vector<Key> keys;
         RC_ASSERT(OMRALIB_RET_SUCCESS ==
-                  store_.engine().find(store::select_by_terms(key_.app_id, true, term), keys));
+                  store::find(store_.objects(), store::select_by_terms(key_.app_id, true, term), nullptr, keys));
         check_keys(keys, [&](const Key &key, const ModelObject &object) {
             bool has = false;
             for (const OMRA_OBJ_INDEX &its : object.values) {
@@ -449,7 +451,7 @@ private:
     static inline std::optional<std::counting_semaphore<>> events;
 
     const std::uint64_t limit_;
-    store::ManualClock clock_;
+    TestClock clock_;
     store::Store store_;
 
     std::map<Key, ModelObject, store::KeyLess> objects_;
@@ -475,8 +477,7 @@ void check_against_model(std::uint64_t memory_limit) {
     EXPECT_TRUE(rc::check("the store answers as its model", [&] {
         store::Configuration configuration;
         configuration.memory_limit = memory_limit;
-        configuration.lock_patience = 0;
-        Run run(configuration);
+            Run run(configuration);
         const std::vector<Command> sequence = *commands;
         for (const Command &command : sequence) {
             run.execute(command);

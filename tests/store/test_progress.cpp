@@ -172,7 +172,7 @@ TEST_P(Progress, InvocationsWaitTheirTurnAgainstTheirDeadline) {
 }
 
 TEST(Admission, IsFirstComeFirstServed) {
-    store::ManualClock clock;
+    TestClock clock;
     store::Mailroom mailroom(clock);
     store::Admission admission(mailroom, 2);
     store::Mailbox box(mailroom);
@@ -198,7 +198,7 @@ protected:
     ManyInvocations() : StoreTest(configuration()) {}
 
     static store::Configuration configuration() {
-        store::Configuration configuration = impatient();
+        store::Configuration configuration;
         configuration.num_hosts = 4;
         configuration.max_invocations = 3;
         return configuration;

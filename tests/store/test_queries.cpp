@@ -10,7 +10,6 @@
 
 #include <gmock/gmock.h>
 
-#include "embedded/embedded_engine.h"
 #include "query/language.h"
 #include "query/request.h"
 #include "store_test.h"
@@ -264,7 +263,7 @@ protected:
 
     std::vector<unsigned long long> found(const Selection &selection) {
         std::vector<store::Key> keys;
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, store_.engine().find(selection, keys));
+        EXPECT_EQ(OMRALIB_RET_SUCCESS, store::find(store_.objects(), selection, nullptr, keys));
         std::vector<unsigned long long> numbers;
         for (const store::Key &key : keys) {
             numbers.push_back(key.obj_id.u64_comp[0]);
@@ -444,10 +443,9 @@ class QueryCost : public Queries {
 protected:
     std::uint64_t cost_of(std::string_view query, std::size_t num_expected) {
         found(query);
-        const auto &engine = dynamic_cast<const store::EmbeddedEngine &>(store_.engine());
-        const std::uint64_t before = engine.num_examined();
+        const std::uint64_t before = objects().num_examined;
         EXPECT_EQ(num_expected, found(query).size()) << query;
-        return engine.num_examined() - before;
+        return objects().num_examined - before;
     }
 };
 FOR_ALL_ENGINES(QueryCost);

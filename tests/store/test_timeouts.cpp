@@ -162,7 +162,7 @@ TEST_P(Events, TellWhoeverHandlesTheAppIdThatItsObjectsExpired) {
     ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(2, 5), "too late", 1));
     clock_.advance(2 * millis_per_minute);
     EXPECT_EQ(1u, count(hdl_, 2));
-    store_.engine().detach();
+    store_.cluster().detach();
     EXPECT_EQ(2u, events.size());
 }
 
@@ -171,7 +171,8 @@ TEST_P(TimeOuts, MemoryIsGivenBackWithoutAnyUseOfTheStore) {
         ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(1 + i % 3, i), "data", 1));
     }
     clock_.advance(millis_per_minute + millis_per_second);
-    while (store_.engine().activity().num_expired < 3000) {
+    for (store::Activity activity; activity.num_expired < 3000;
+         store_.objects().activity(activity)) {
         std::this_thread::yield();
     }
 }
@@ -188,7 +189,7 @@ TEST(Sweep, TakesSmallSteps) {
         std::size_t largest = 0;
         std::size_t total = 0;
     } sink;
-    store::ManualClock clock;
+    TestClock clock;
     store::MemoryBudget budget(store::no_memory_limit);
     store::LockWaiters waiters(clock);
     const store::ShardContext context{clock, 1000, budget, waiters, sink};
