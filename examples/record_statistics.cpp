@@ -2,11 +2,10 @@
 // another field. A record is an object of "Field: value" lines.
 //
 // The parameters name the fields: "value=Installed-Size by=Section"; without by= there is one
-// group,
-// "(all)". Records without the numeric field do not count; those without the other are the group
-// "(none)". A number has up to 18 digits before the point and up to 6 after it. Sums are exact, in
-// millionths, so they depend neither on the order of the records nor on that of the merges;
-// means are cut off after six digits.
+// group, "(all)". Records without the numeric field do not count; those without the other are the
+// group "(none)". A number has up to 18 digits before the point and up to 6 after it. Sums are
+// exact, in millionths, so they depend neither on the order of the records nor on that of the
+// merges; means are cut off after six digits.
 #include <cstdlib>
 
 #include <fmt/format.h>

@@ -104,9 +104,9 @@ int Omralib_set_progress_func(OMRALIB_HANDLE hdl, OMRALIB_PROGRESS_FUNC pfunc, v
  * also when none runs. */
 int Omralib_cancel_invoke(OMRALIB_HANDLE hdl);
 
-/* Hosts ---------------------------------------------------------------------------------------
+/* Hosts --------------------------------------------------------------------------------------- */
 
- * A host that refuses a request for the moment is asked again, with pauses from 10 ms to 1 s; after
+/* A host that refuses a request for the moment is asked again, with pauses from 10 ms to 1 s; after
  * eight of them another host gets the request, as it does at once when the host is gone or refuses
  * for good. A host is given up as silent when half of the time that an invocation had left at the
  * sending has passed without a word, the others have taken less than half as long, and one of them

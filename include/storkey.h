@@ -33,8 +33,7 @@ static_assert(sizeof(OMRA_OBJKEY) == 40, "an object key has 40 bytes");
 static_assert(offsetof(OMRA_OBJKEY, ext_obj_id) == 8, "OMRA_OBJKEY.ext_obj_id");
 static_assert(offsetof(OMRA_OBJKEY, obj_id) == 24, "OMRA_OBJKEY.obj_id");
 
-/* True for a key that names no object. Takes an lvalue; `type_index` and `reserved` do not count.
- */
+/* Whether a key names no object; `type_index` and `reserved` do not count. Takes an lvalue. */
 #define OMRA_OBJKEY_IS_NULL(key)                                                                   \
     ((key).app_id == 0 && (key).flags == 0 && (key).ext_obj_id.u64_comp[0] == 0 &&                 \
      (key).ext_obj_id.u64_comp[1] == 0 && (key).obj_id.u64_comp[0] == 0 &&                         \

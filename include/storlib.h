@@ -7,7 +7,7 @@
  *     Omralib_get_host_addr return something else.
  *  2. A handle belongs to one thread at a time: a call on a handle that another thread is using, or
  *     that is not open, fails and changes nothing. Operations without a handle may be called from
- * any thread.
+ *     any thread.
  *  3. Keys are passed by value. All 40 bytes count, except that the app id of an ordinary key may
  *     carry OMRA_APPID_NO_RENEW. A null key is OMRALIB_ERR_BAD_KEY. No operation keeps a pointer
  *     of its caller after it has returned.

@@ -1,12 +1,15 @@
 /* System utilities: memory, threads, queues, locks, traces and assertion reports.
  *
  * A record is set up once, by its _init operation, at the place where it is used: it holds pointers
- * to itself and is neither copied nor moved. Only the fields named here are the user's business;
- * those under "machinery" belong to the library. */
+ * to itself and is neither copied nor moved. What is called machinery belongs to the library; of a
+ * queue's only the size is known here. */
 #pragma once
 
 #include <pthread.h>
 #include <semaphore.h>
+#ifndef __cplusplus
+#include <stdalign.h>
+#endif
 #include <stddef.h>
 
 #include "sys_types.h"
@@ -55,42 +58,16 @@ typedef struct LINK {
     SYS_CSECT *csp;
 } LINK;
 
-/* Machinery of a queue: the items at hand for a part of the threads. A lane is as wide as two cache
- * lines, so that what the threads of two lanes use never shares one. */
-typedef struct SYS_LANE {
-    ULONG lock;
-    ULONG num_next;  /* items to be taken next */
-    ULONG num_added; /* items that were added here and are not in the list yet */
-    ULONG num_taken; /* by the lane's own threads, ever */
-    struct LINK *next;
-    struct LINK *first_added;
-    struct LINK *last_added;
-    ULONG run_limit; /* items that the next run may have */
-    ULONG num_taken_seen;
-    ULONGLONG run_began_ns;
-    struct LINK *recent[8]; /* the items added last */
-    ULONGLONG num_ever_added;
-} SYS_LANE;
-
-static_assert(sizeof(SYS_LANE) == 128, "two lanes share no cache line");
-
-#define SYS_NUM_LANES 16
+#define SYS_QUEUE_MACHINERY_SIZE (sizeof(SYS_CSECT) + 2088)
 
 /* An intrusive queue; its operations are atomic with respect to each other. All its items are
  * counted by Sys_get_queue_count of sysapp.h. */
 typedef struct QUEUE {
     LINK link; /* the list head */
     ULONG id;
-    ULONG count; /* of the items in the list; others may be in the lanes */
+    ULONG count; /* of the items in the list; others may be at hand for single threads */
     SYS_CSECT *csp;
-    /* machinery */
-    SYS_CSECT cs;
-    LINK *last_run;
-    ULONG num_first_run;
-    ULONG num_last_run;
-    ULONG num_moves;
-    ULONG lane_to_check;
-    SYS_LANE lanes[SYS_NUM_LANES];
+    alignas(ULONGLONG) UCHAR machinery[SYS_QUEUE_MACHINERY_SIZE];
 } QUEUE;
 
 /* A queue whose readers wait for items. */
@@ -100,8 +77,6 @@ typedef struct BLOCKQ {
     SYS_CSECT *csp;
     ULONG code;
     ULONG id;
-    ULONG num_sleepers; /* machinery */
-    ULONG waking;       /* machinery */
 } BLOCKQ;
 
 /* A lock that is held for a few instructions only. */

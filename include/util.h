@@ -13,8 +13,7 @@ unsigned int Util_convert_timeout_s_to_m(unsigned int timeout_s, unsigned int ma
 
 /* The merge tree is one fixed tree over all indexes, rooted at 0; a tree of n slots is its first n.
  * `mask` limits the bits of an index that the functions may use; callers pass 0xFFFFFFFF. With
- * fewer bits, every index that has none of them is a root: it is its own predecessor with the mask
- * 0.
+ * fewer bits, every index that has none of them is a root, its own predecessor with the mask 0.
  *
  * Util_get_pred_index gives the predecessor of `index` (>= 1), always smaller than `index`.
  * Util_get_pred_mask gives the bits that `index` (>= 1) sets at its predecessor: never 0, and

@@ -8,13 +8,13 @@
  * Conventions that hold for every operation:
  *  1. An operation that returns int returns OMRALIB_RET_SUCCESS (1) or a negative code: one of
  *     OMRAPMI_STATUS_MAP, or one of the store library's OMRALIB_STATUS_MAP passed on.
- * Omrapmi_status_name and Omrapmi_status_text turn either into words.
+ *     Omrapmi_status_name and Omrapmi_status_text turn either into words.
  *  2. Nothing has to be set up first: every operation initialises what it needs, once per process.
  *  3. Every operation may be called from any thread; a store handle is used by one thread at a
- * time.
+ *     time.
  *  4. Every buffer that crosses this interface is a block of Omrapmi_malloc, and whoever owns it
  *     releases it with Omrapmi_free. A result is NULL with length 0, or a block of at least one
- * byte.
+ *     byte.
  *  5. After a failure every output is as the caller left it. */
 #pragma once
 
@@ -210,8 +210,8 @@ int Omrapmi_invoke_ext(OMRALIB_HANDLE hdl, OMRAPMI_INVOKE_ARGS *pargs,
 
 /* Working ------------------------------------------------------------------------------------- */
 
-/* Set by a process that runs inside the store's service, before anything else: one worker thread.
- */
+/* Set by a process that runs inside the store's service, before anything else: then there is one
+ * worker thread. */
 extern BOOLEAN omrapmi_in_svc;
 
 /* Registers a user function under an id that it shares with no other function of any kind. An eval

@@ -30,8 +30,7 @@ public:
 
     virtual Millis now() const = 0;
 
-    /* Waits on `wake` until it is notified or `deadline` may have come; may return for no reason.
-     */
+    /* Waits on `wake` until it is notified or `deadline` may have come, or for no reason. */
     virtual void wait(std::unique_lock<std::mutex> &lock, std::condition_variable &wake,
                       Millis deadline) = 0;
 

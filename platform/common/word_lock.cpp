@@ -46,13 +46,12 @@ void wake_sleeper(LockWord &word) {
     syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1);
 }
 
-void take_contended_awake(LockWord &word) {
+void AwakeLock::wait_and_lock() {
     constexpr int max_looks_awake = 100;
     constexpr auto pause = std::chrono::microseconds(50);
-    const std::atomic_ref<LockWord> state(word);
     for (int look = 0;; ++look) {
-        if (state.load(std::memory_order_relaxed) == word_free &&
-            state.exchange(word_held, std::memory_order_acquire) == word_free) {
+        if (!is_held_.load(std::memory_order_relaxed) &&
+            !is_held_.exchange(true, std::memory_order_acquire)) {
             return;
         }
         if (look < max_looks_awake) {

@@ -6,9 +6,9 @@
 // releasing a lock that nobody waits for is one atomic instruction each.
 //
 // The word may stand in a record of a C header, where the functions serve it; WordLock is a word
-// with the operations of a mutex. A word that is only ever taken with take_awake() and released
-// with release_awake() has no sleepers in the kernel, so giving it back is a plain store: for what
-// is had once or twice for every item of a queue and hardly ever by two threads at a time.
+// with the operations of a mutex. An AwakeLock has no sleepers in the kernel, so giving it back is
+// a plain store: for what is had once or twice for every item of a queue and hardly ever by two
+// threads at a time.
 #pragma once
 
 #include <atomic>
@@ -59,20 +59,6 @@ inline void release(LockWord &word) {
     }
 }
 
-// Looks again until the word is free, and after a while sleeps between two looks.
-void take_contended_awake(LockWord &word);
-
-inline void take_awake(LockWord &word) {
-    const std::atomic_ref<LockWord> state(word);
-    if (state.exchange(word_held, std::memory_order_acquire) != word_free) {
-        take_contended_awake(word);
-    }
-}
-
-inline void release_awake(LockWord &word) {
-    std::atomic_ref<LockWord>(word).store(word_free, std::memory_order_release);
-}
-
 class ABSL_LOCKABLE WordLock {
 public:
     WordLock() = default;
@@ -84,6 +70,26 @@ public:
 
 private:
     LockWord word_ = word_free;
+};
+
+class ABSL_LOCKABLE AwakeLock {
+public:
+    AwakeLock() = default;
+    AwakeLock(const AwakeLock &) = delete;
+    AwakeLock &operator=(const AwakeLock &) = delete;
+
+    void lock() ABSL_EXCLUSIVE_LOCK_FUNCTION() {
+        if (is_held_.exchange(true, std::memory_order_acquire)) {
+            wait_and_lock();
+        }
+    }
+    void unlock() ABSL_UNLOCK_FUNCTION() { is_held_.store(false, std::memory_order_release); }
+
+private:
+    // Looks again until it is free, and after a while sleeps between two looks.
+    void wait_and_lock();
+
+    std::atomic<bool> is_held_{false};
 };
 
 } // namespace platform

@@ -43,11 +43,11 @@ ULONGLONG now_ns() {
     return static_cast<ULONGLONG>(now.tv_sec) * 1'000'000'000 + static_cast<ULONGLONG>(now.tv_nsec);
 }
 
-// Under the list's critical section: whether the caller is to wake a sleeper once it has left.
-bool decide_to_wake(BLOCKQ &bq) {
-    if (bq.num_sleepers == 0 || bq.waking != FALSE)
+// Whether the caller is to wake a sleeper once it has left the critical section.
+bool decide_to_wake(Machinery &queue) ABSL_EXCLUSIVE_LOCKS_REQUIRED(queue.csect) {
+    if (queue.num_sleepers == 0 || queue.waking)
         return false;
-    bq.waking = TRUE;
+    queue.waking = true;
     return true;
 }
 
@@ -57,21 +57,21 @@ void wake(BLOCKQ &bq) {
 
 // A woken reader has found an item: are there more, the next one is to come.
 void pass_on(BLOCKQ &bq) {
-    QUEUE &queue = bq.itemq;
+    Machinery &queue = machinery_of(bq.itemq);
     bool waking = false;
     {
-        const CsectGuard guard(*queue.csp);
-        const bool left_over = queue.count != 0 ||
-                               std::any_of(std::begin(queue.lanes), std::end(queue.lanes),
-                                           [](SYS_LANE &lane) { return peek(lane.num_next) != 0; });
-        waking = left_over && decide_to_wake(bq);
+        const platform::Guard guard(queue.csect);
+        const bool left_over =
+            bq.itemq.count != 0 || std::any_of(queue.lanes.begin(), queue.lanes.end(),
+                                               [](Lane &lane) { return lane.num_next != 0; });
+        waking = left_over && decide_to_wake(queue);
     }
     if (waking)
         wake(bq);
 }
 
-// Under the lane's lock: how many items its next run may have.
-ULONG next_run_limit(SYS_LANE &lane) {
+// How many items the lane's next run may have.
+ULONG next_run_limit(Lane &lane) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
     const ULONGLONG now = now_ns();
     const ULONGLONG duration = now - lane.run_began_ns;
     lane.run_began_ns = now;
@@ -84,58 +84,58 @@ ULONG next_run_limit(SYS_LANE &lane) {
 
 // Fetches a run from the list into the lane, unless one is there by now, and takes its first item.
 // NULL when the list is empty.
-LINK *fetch(QUEUE &queue, SYS_LANE &lane) {
-    const LaneGuard lane_guard(lane);
+LINK *fetch(Machinery &queue, Lane &lane) {
+    const platform::Guard lane_guard(lane.lock);
     if (lane.num_next == 0) {
         // The clock is for longer runs only.
-        const ULONG limit = peek(queue.count) > 1 ? next_run_limit(lane) : 1;
-        const CsectGuard guard(*queue.csp);
-        if (queue.count == 0)
+        const ULONG limit = queue.peek_count() > 1 ? next_run_limit(lane) : 1;
+        const platform::Guard guard(queue.csect);
+        if (queue.record.count == 0)
             return nullptr;
-        move_run(queue, lane, limit);
+        queue.move_run(lane, limit);
     }
-    set(lane.num_taken, lane.num_taken + 1);
+    lane.num_taken = lane.num_taken + 1;
     return take_next(lane);
 }
 
 // An item that the threads of its lane do not get to, or NULL. Checks one lane, the next one at the
 // next call; but a lane that they still do not get to is checked again.
-LINK *take_stuck(QUEUE &queue) {
-    const ULONG index = peek(queue.lane_to_check);
-    SYS_LANE &lane = queue.lanes[index % SYS_NUM_LANES];
-    if (peek(lane.num_next) != 0) {
-        const LaneGuard guard(lane);
+LINK *take_stuck(Machinery &queue) {
+    const ULONG index = queue.lane_to_check;
+    Lane &lane = queue.lanes[index % kNumLanes];
+    if (lane.num_next != 0) {
+        const platform::Guard guard(lane.lock);
         if (lane.num_next != 0 && lane.num_taken == lane.num_taken_seen)
             return take_next(lane);
         lane.num_taken_seen = lane.num_taken;
     }
-    set(queue.lane_to_check, index + 1);
+    queue.lane_to_check = index + 1;
     return nullptr;
 }
 
 // Everything that can be had without waiting.
-LINK *look_around(QUEUE &queue, SYS_LANE &lane) {
+LINK *look_around(Machinery &queue, Lane &lane) {
     if (LINK *item = take_stuck(queue))
         return item;
     if (LINK *item = fetch(queue, lane))
         return item;
-    return take_from_lanes(queue);
+    return queue.take_from_lanes();
 }
 
 // False when there is something in the list.
-bool become_sleeper(BLOCKQ &bq) {
-    const CsectGuard guard(*bq.itemq.csp);
-    if (bq.itemq.count != 0)
+bool become_sleeper(Machinery &queue) {
+    const platform::Guard guard(queue.csect);
+    if (queue.record.count != 0)
         return false;
-    ++bq.num_sleepers;
+    ++queue.num_sleepers;
     return true;
 }
 
-void cease_to_be_sleeper(BLOCKQ &bq, bool woken) {
-    const CsectGuard guard(*bq.itemq.csp);
-    --bq.num_sleepers;
+void cease_to_be_sleeper(Machinery &queue, bool woken) {
+    const platform::Guard guard(queue.csect);
+    --queue.num_sleepers;
     if (woken)
-        bq.waking = FALSE;
+        queue.waking = false;
 }
 
 // False when the deadline, or NULL for none, has come first.
@@ -147,24 +147,25 @@ bool wait_for_token(sem_t &sem, const timespec *deadline) {
     return ret == 0;
 }
 
-LINK *wait_for_item(BLOCKQ &bq, SYS_LANE &lane, unsigned int timeout_ms) {
+LINK *wait_for_item(BLOCKQ &bq, Lane &lane, unsigned int timeout_ms) {
+    Machinery &queue = machinery_of(bq.itemq);
     const bool forever = timeout_ms == SYS_WAIT_FOREVER;
     const timespec deadline = forever ? timespec{} : deadline_after(timeout_ms);
     LINK *item = nullptr;
     bool woken = false;
-    if (platform::look_out_for([&] { return peek(bq.itemq.count) != 0; }))
-        item = look_around(bq.itemq, lane);
+    if (platform::look_out_for([&] { return queue.peek_count() != 0; }))
+        item = look_around(queue, lane);
     for (bool in_time = true; item == nullptr && in_time;) {
-        if (become_sleeper(bq)) {
-            item = take_from_lanes(bq.itemq);
+        if (become_sleeper(queue)) {
+            item = queue.take_from_lanes();
             if (item == nullptr) {
                 in_time = wait_for_token(bq.sem.sem, forever ? nullptr : &deadline);
                 woken = woken || in_time;
             }
-            cease_to_be_sleeper(bq, item == nullptr && in_time);
+            cease_to_be_sleeper(queue, item == nullptr && in_time);
         }
         if (item == nullptr)
-            item = look_around(bq.itemq, lane);
+            item = look_around(queue, lane);
     }
     if (item != nullptr && woken)
         pass_on(bq);
@@ -180,29 +181,29 @@ void Blockq_init(BLOCKQ *pbq, unsigned int id) {
     pbq->csp = pbq->itemq.csp;
     pbq->code = kBlockqCode;
     pbq->id = id;
-    pbq->num_sleepers = 0;
-    pbq->waking = FALSE;
 }
 
 void Blockq_enq(BLOCKQ *pbq, LINK *plink) {
     if (!SYS_CHECK(!Link_inuse(plink)))
         return;
     plink->qp = &pbq->itemq.link;
+    Machinery &queue = machinery_of(pbq->itemq);
     bool waking = false;
     {
-        const CsectGuard guard(*pbq->csp);
-        append(pbq->itemq, plink, plink, 1, false);
-        waking = decide_to_wake(*pbq);
+        const platform::Guard guard(queue.csect);
+        queue.append(plink, plink, 1, false);
+        waking = decide_to_wake(queue);
     }
     if (waking)
         wake(*pbq);
 }
 
 LINK *Blockq_deq(BLOCKQ *pbq, unsigned int timeout_ms) {
-    SYS_LANE &lane = own_lane(pbq->itemq);
+    Machinery &queue = machinery_of(pbq->itemq);
+    Lane &lane = queue.own_lane();
     if (LINK *item = take_at_hand(lane))
         return item;
-    LINK *item = look_around(pbq->itemq, lane);
+    LINK *item = look_around(queue, lane);
     if (item != nullptr || timeout_ms == 0)
         return item;
     return wait_for_item(*pbq, lane, timeout_ms);

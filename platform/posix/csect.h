@@ -1,6 +1,8 @@
 // The critical section that is part of other records.
 #pragma once
 
+#include <absl/base/thread_annotations.h>
+
 #include "exported.h"
 
 namespace sysutil {
@@ -17,16 +19,15 @@ inline void csect_init(SYS_CSECT &csect) {
     pthread_mutexattr_destroy(&attr);
 }
 
-// Holds a critical section until the end of the scope.
-class CsectGuard {
+// The same as a lock that the checker of thread_safety.h knows. Never destroyed, as its record.
+class ABSL_LOCKABLE Csect : public SYS_CSECT {
 public:
-    explicit CsectGuard(SYS_CSECT &csect) : csect_(csect) { pthread_mutex_lock(&csect_.cs); }
-    ~CsectGuard() { pthread_mutex_unlock(&csect_.cs); }
-    CsectGuard(const CsectGuard &) = delete;
-    CsectGuard &operator=(const CsectGuard &) = delete;
+    Csect() : SYS_CSECT() { csect_init(*this); }
+    Csect(const Csect &) = delete;
+    Csect &operator=(const Csect &) = delete;
 
-private:
-    SYS_CSECT &csect_;
+    void lock() ABSL_EXCLUSIVE_LOCK_FUNCTION() { pthread_mutex_lock(&cs); }
+    void unlock() ABSL_UNLOCK_FUNCTION() { pthread_mutex_unlock(&cs); }
 };
 
 } // namespace sysutil

@@ -1,40 +1,41 @@
+// The list of a queue by runs, and what others take out of a lane; see lanes.h.
 #include "lanes.h"
 
 #include <algorithm>
 
 namespace sysutil {
 
-void append(QUEUE &queue, LINK *first, LINK *last, ULONG num, bool whole_run) {
-    LINK &head = queue.link;
-    const bool empty = queue.count == 0;
+void Machinery::append(LINK *first, LINK *last, ULONG num, bool whole_run) {
+    LINK &head = record.link;
+    const bool empty = record.count == 0;
     last->forw = &head;
     if (!empty)
         head.back->forw = first;
     else
         head.forw = first;
     head.back = last;
-    set(queue.count, queue.count + num);
-    if (empty || whole_run || queue.num_last_run == kRun) {
+    set_count(record.count + num);
+    if (empty || whole_run || num_last_run == kRun) {
         first->back = last;
-        queue.last_run = first;
-        queue.num_last_run = num;
+        last_run = first;
+        num_last_run = num;
         if (empty)
-            queue.num_first_run = num;
+            num_first_run = num;
         return;
     }
     first->back = nullptr;
-    queue.last_run->back = last;
-    queue.num_last_run += num;
-    if (queue.last_run == head.forw)
-        queue.num_first_run += num;
+    last_run->back = last;
+    num_last_run += num;
+    if (last_run == head.forw)
+        num_first_run += num;
 }
 
-void move_run(QUEUE &queue, SYS_LANE &lane, ULONG limit) {
-    LINK &head = queue.link;
+void Machinery::move_run(Lane &lane, ULONG limit) {
+    LINK &head = record.link;
     LINK *first = head.forw;
     LINK *last = first->back;
-    const ULONG num_run = queue.num_first_run;
-    const bool only_run = first == queue.last_run;
+    const ULONG num_run = num_first_run;
+    const bool only_run = first == last_run;
     const ULONG num = std::min(num_run, limit);
     if (num < num_run) {
         last = first;
@@ -43,48 +44,48 @@ void move_run(QUEUE &queue, SYS_LANE &lane, ULONG limit) {
         // What stays is a run still.
         LINK *rest = last->forw;
         rest->back = first->back;
-        queue.num_first_run = num_run - num;
+        num_first_run = num_run - num;
         if (only_run) {
-            queue.last_run = rest;
-            queue.num_last_run = num_run - num;
+            last_run = rest;
+            num_last_run = num_run - num;
         }
     } else {
-        const bool next_is_last = last->forw == queue.last_run;
-        queue.num_first_run = next_is_last ? queue.num_last_run : kRun;
+        const bool next_is_last = last->forw == last_run;
+        num_first_run = next_is_last ? num_last_run : kRun;
     }
     head.forw = last->forw;
     if (head.forw == &head)
         head.back = &head;
-    set(queue.count, queue.count - num);
-    ++queue.num_moves;
+    set_count(record.count - num);
+    ++num_moves;
     lane.next = first;
-    set(lane.num_next, num);
+    lane.num_next = num;
 }
 
 namespace {
 
-// Under the lane's lock: the item that was added first.
-LINK *take_added(SYS_LANE &lane) {
+// The item that was added first.
+LINK *take_added(Lane &lane) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
     LINK *item = lane.first_added;
     lane.first_added = item->forw;
-    set(lane.num_added, lane.num_added - 1);
+    lane.num_added = lane.num_added - 1;
     set_free(*item);
     return item;
 }
 
 } // namespace
 
-LINK *take_from_lanes(QUEUE &queue) {
+LINK *Machinery::take_from_lanes() {
     const unsigned int own = thread_number();
-    for (unsigned int i = 0; i < SYS_NUM_LANES; ++i) {
-        SYS_LANE &lane = queue.lanes[(own + i) % SYS_NUM_LANES];
-        if (peek(lane.num_next) == 0 && peek(lane.num_added) == 0)
+    for (unsigned int i = 0; i < kNumLanes; ++i) {
+        Lane &lane = lanes[(own + i) % kNumLanes];
+        if (lane.num_next == 0 && lane.num_added == 0)
             continue;
-        const LaneGuard guard(lane);
+        const platform::Guard guard(lane.lock);
         if (lane.num_next != 0)
             return take_next(lane);
         // What is in the list by now may have been added here before.
-        if (lane.num_added != 0 && peek(queue.count) == 0)
+        if (lane.num_added != 0 && peek_count() == 0)
             return take_added(lane);
     }
     return nullptr;

@@ -20,12 +20,16 @@
 // Items lie wherever their users have put them, mostly out of the cache of the thread that takes
 // them. Taking an item therefore brings those that come next into reach.
 //
-// Locks: a lane's word is taken before the critical section of the list. Nobody holds two lanes.
+// Locks: a lane's lock is taken before the critical section of the list. Nobody holds two lanes.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
+#include <new>
+#include <type_traits>
 
+#include "common/thread_safety.h"
 #include "common/word_lock.h"
 #include "csect.h"
 #include "thread_number.h"
@@ -33,39 +37,87 @@
 namespace sysutil {
 
 inline constexpr ULONG kRun = 128;
-inline constexpr ULONG kAhead = sizeof(SYS_LANE::recent) / sizeof(LINK *);
+inline constexpr ULONG kAhead = 8;
+inline constexpr ULONG kNumLanes = 16;
 
-inline SYS_LANE &own_lane(QUEUE &queue) {
-    return queue.lanes[thread_number() % SYS_NUM_LANES];
-}
-
-// A lane's numbers are changed under its lock and looked at without.
-inline ULONG peek(ULONG &number) {
-    return std::atomic_ref<ULONG>(number).load(std::memory_order_relaxed);
-}
-inline void set(ULONG &number, ULONG value) {
-    std::atomic_ref<ULONG>(number).store(value, std::memory_order_relaxed);
-}
-
-// Under the list's critical section: adds `num` items, linked through `forw`, at the tail. They are
-// a run of their own if `whole_run`, else they join the last run as long as it has room.
-void append(QUEUE &queue, LINK *first, LINK *last, ULONG num, bool whole_run);
-
-// Under both locks: moves the first run, but no more than `limit` items of it, from the list to a
-// lane that has no next item.
-void move_run(QUEUE &queue, SYS_LANE &lane, ULONG limit);
-
-// Has a lane for a few instructions, awake: hardly ever do two threads want it at a time.
-class LaneGuard {
+// A number that is changed under a lock and looked at without, too.
+class SharedNumber {
 public:
-    explicit LaneGuard(SYS_LANE &lane) : lane_(lane) { platform::take_awake(lane_.lock); }
-    ~LaneGuard() { platform::release_awake(lane_.lock); }
-    LaneGuard(const LaneGuard &) = delete;
-    LaneGuard &operator=(const LaneGuard &) = delete;
+    operator ULONG() const { return value_.load(std::memory_order_relaxed); }
+    void operator=(ULONG value) { value_.store(value, std::memory_order_relaxed); }
 
 private:
-    SYS_LANE &lane_;
+    std::atomic<ULONG> value_{0};
 };
+
+// The items at hand for a part of the threads. Hardly ever do two threads want one at a time.
+struct Lane {
+    platform::AwakeLock lock; // held for a few instructions
+    SharedNumber num_next;    // items to be taken next
+    SharedNumber num_added;   // items that were added here and are not in the list yet
+    SharedNumber num_taken;   // by the lane's own threads, ever
+    LINK *next ABSL_GUARDED_BY(lock) = nullptr;
+    LINK *first_added ABSL_GUARDED_BY(lock) = nullptr;
+    LINK *last_added ABSL_GUARDED_BY(lock) = nullptr;
+    ULONG run_limit ABSL_GUARDED_BY(lock) = 0; // items that the next run may have
+    ULONG num_taken_seen ABSL_GUARDED_BY(lock) = 0;
+    ULONGLONG run_began_ns ABSL_GUARDED_BY(lock) = 0;
+    std::array<LINK *, kAhead> recent ABSL_GUARDED_BY(lock){}; // the items added last
+    ULONGLONG num_ever_added ABSL_GUARDED_BY(lock) = 0;
+};
+
+static_assert(sizeof(Lane) == 128, "two cache lines: no two lanes have their locks in one");
+
+// What a QUEUE keeps beside the fields that its contract names. Of those, `link` and `count` are
+// the list, guarded by csect.
+struct Machinery {
+    explicit Machinery(QUEUE &queue) : record(queue) {}
+
+    QUEUE &record; // in which this stands
+    Csect csect;
+    LINK *last_run ABSL_GUARDED_BY(csect) = nullptr;
+    ULONG num_first_run ABSL_GUARDED_BY(csect) = 0;
+    ULONG num_last_run ABSL_GUARDED_BY(csect) = 0;
+    ULONG num_moves ABSL_GUARDED_BY(csect) = 0;
+    SharedNumber lane_to_check;
+    // Of a blocking queue.
+    ULONG num_sleepers ABSL_GUARDED_BY(csect) = 0;
+    bool waking ABSL_GUARDED_BY(csect) = false;
+    std::array<Lane, kNumLanes> lanes;
+
+    Lane &own_lane() { return lanes[thread_number() % kNumLanes]; }
+
+    // The items in the list, looked at without a lock.
+    ULONG peek_count() const {
+        return std::atomic_ref<ULONG>(record.count).load(std::memory_order_relaxed);
+    }
+
+    // Adds `num` items, linked through `forw`, at the tail. They are a run of their own if
+    // `whole_run`, else they join the last run as long as it has room.
+    void append(LINK *first, LINK *last, ULONG num, bool whole_run)
+        ABSL_EXCLUSIVE_LOCKS_REQUIRED(csect);
+
+    // Moves the first run, but no more than `limit` items of it, from the list to a lane that has
+    // no next item.
+    void move_run(Lane &lane, ULONG limit) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock, csect);
+
+    // One item that waits in a lane, whosever it is. NULL when there is none, or when something has
+    // come to the list meanwhile that may have to leave first.
+    LINK *take_from_lanes();
+
+private:
+    void set_count(ULONG count) ABSL_EXCLUSIVE_LOCKS_REQUIRED(csect) {
+        std::atomic_ref<ULONG>(record.count).store(count, std::memory_order_relaxed);
+    }
+};
+
+static_assert(sizeof(Machinery) == sizeof(QUEUE::machinery) && alignof(Machinery) <= alignof(QUEUE),
+              "the contract's array has just the room");
+static_assert(std::is_trivially_destructible_v<Machinery>, "a queue has no end");
+
+inline Machinery &machinery_of(QUEUE &queue) {
+    return *std::launder(reinterpret_cast<Machinery *>(queue.machinery));
+}
 
 // The link of an item that will be taken, and what its user keeps behind it. NULL does no harm.
 inline void bring_into_reach(const LINK *item) {
@@ -80,11 +132,11 @@ inline void set_free(LINK &item) {
     item.qp = nullptr;
 }
 
-// Under the lane's lock, which has a next item.
-inline LINK *take_next(SYS_LANE &lane) {
+// From a lane that has a next item.
+inline LINK *take_next(Lane &lane) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
     LINK *item = lane.next;
     lane.next = item->forw;
-    set(lane.num_next, lane.num_next - 1);
+    lane.num_next = lane.num_next - 1;
     bring_into_reach(item->forw);
     bring_into_reach(item->back);
     set_free(*item);
@@ -92,16 +144,12 @@ inline LINK *take_next(SYS_LANE &lane) {
 }
 
 // The next item of the calling thread's own lane, or NULL.
-inline LINK *take_at_hand(SYS_LANE &lane) {
-    const LaneGuard guard(lane);
+inline LINK *take_at_hand(Lane &lane) {
+    const platform::Guard guard(lane.lock);
     if (lane.num_next == 0)
         return nullptr;
-    set(lane.num_taken, lane.num_taken + 1);
+    lane.num_taken = lane.num_taken + 1;
     return take_next(lane);
 }
-
-// One item that waits in a lane, whosever it is. NULL when there is none, or when something has
-// come to the list meanwhile that may have to leave first.
-LINK *take_from_lanes(QUEUE &queue);
 
 } // namespace sysutil

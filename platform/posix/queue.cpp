@@ -19,38 +19,39 @@ namespace {
 
 constexpr ULONG kLinkCode = 0x4C494E4B;
 
-// Puts an item with the lane's others; under the lane's lock.
-void add(QUEUE &queue, SYS_LANE &lane, LINK &link) {
-    link.qp = &queue.link;
+// Puts an item with those that were added in the lane; how many they are now.
+ULONG add(Lane &lane, LINK &link) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
     link.forw = nullptr;
     link.back = nullptr;
+    const ULONG num_added = lane.num_added;
     LINK *&recent = lane.recent[lane.num_ever_added++ % kAhead];
-    if (lane.num_added >= kAhead)
+    if (num_added >= kAhead)
         recent->back = &link;
     recent = &link;
-    if (lane.num_added == 0)
+    if (num_added == 0)
         lane.first_added = &link;
     else
         lane.last_added->forw = &link;
     lane.last_added = &link;
-    set(lane.num_added, lane.num_added + 1);
+    lane.num_added = num_added + 1;
+    return num_added + 1;
 }
 
 // Fetches a run from the list into the lane, unless one is there by now, and takes its first item.
 // NULL when the list is empty. `num_moves` tells the runs that have moved so far.
-LINK *fetch(QUEUE &queue, SYS_LANE &lane, ULONG &num_moves) {
-    const LaneGuard lane_guard(lane);
+LINK *fetch(Machinery &queue, Lane &lane, ULONG &num_moves) {
+    const platform::Guard lane_guard(lane.lock);
     if (lane.num_next == 0) {
-        const CsectGuard guard(*queue.csp);
-        if (queue.count != 0)
-            move_run(queue, lane, kRun);
+        const platform::Guard guard(queue.csect);
+        if (queue.record.count != 0)
+            queue.move_run(lane, kRun);
         num_moves = queue.num_moves;
     }
     return lane.num_next != 0 ? take_next(lane) : nullptr;
 }
 
-bool runs_have_moved(QUEUE &queue, ULONG num_moves) {
-    const CsectGuard guard(*queue.csp);
+bool runs_have_moved(Machinery &queue, ULONG num_moves) {
+    const platform::Guard guard(queue.csect);
     return queue.num_moves != num_moves;
 }
 
@@ -66,51 +67,53 @@ BOOLEAN Link_inuse(LINK *plink) {
 }
 
 void Queue_init(QUEUE *pq, unsigned int id) {
-    *pq = QUEUE{};
     Link_init(&pq->link);
     pq->link.forw = &pq->link;
     pq->link.back = &pq->link;
     pq->link.qp = &pq->link;
     pq->id = id;
-    csect_init(pq->cs);
-    pq->csp = &pq->cs;
+    pq->count = 0;
+    pq->csp = &(new (pq->machinery) Machinery(*pq))->csect;
 }
 
 void Queue_enq(QUEUE *pq, LINK *plink) {
     if (!SYS_CHECK(!Link_inuse(plink)))
         return;
-    SYS_LANE &lane = own_lane(*pq);
-    const LaneGuard lane_guard(lane);
-    add(*pq, lane, *plink);
-    if (lane.num_added < kRun)
+    plink->qp = &pq->link;
+    Machinery &queue = machinery_of(*pq);
+    Lane &lane = queue.own_lane();
+    const platform::Guard lane_guard(lane.lock);
+    if (add(lane, *plink) < kRun)
         return;
-    const CsectGuard guard(*pq->csp);
-    append(*pq, lane.first_added, lane.last_added, kRun, true);
-    ++pq->num_moves;
-    set(lane.num_added, 0);
+    const platform::Guard guard(queue.csect);
+    queue.append(lane.first_added, lane.last_added, kRun, true);
+    ++queue.num_moves;
+    lane.num_added = 0;
 }
 
 LINK *Queue_deq(QUEUE *pq) {
-    SYS_LANE &lane = own_lane(*pq);
+    Machinery &queue = machinery_of(*pq);
+    Lane &lane = queue.own_lane();
     if (LINK *item = take_at_hand(lane))
         return item;
     for (;;) {
         ULONG num_moves = 0;
-        if (LINK *item = fetch(*pq, lane, num_moves))
+        if (LINK *item = fetch(queue, lane, num_moves))
             return item;
-        if (LINK *item = take_from_lanes(*pq))
+        if (LINK *item = queue.take_from_lanes())
             return item;
-        if (!runs_have_moved(*pq, num_moves))
+        if (!runs_have_moved(queue, num_moves))
             return nullptr;
     }
 }
 
 size_t Sys_get_queue_count(QUEUE *pq) {
+    Machinery &queue = machinery_of(*pq);
     size_t count = 0;
-    for (SYS_LANE &lane : pq->lanes) {
-        const LaneGuard guard(lane);
+    for (Lane &lane : queue.lanes) {
+        const platform::Guard guard(lane.lock);
         count += size_t{lane.num_next} + lane.num_added;
     }
-    const CsectGuard guard(*pq->csp);
+    const platform::Guard guard(queue.csect);
     return count + pq->count;
 }

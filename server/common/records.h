@@ -3,8 +3,7 @@
 //
 // Locks, in the order in which they may nest:
 //   1. Enter_cs / Exit_cs: the once-only flags and the quick first stage of each set-up. No mutex
-//   is
-//      taken while it is held.
+//      is taken while it is held.
 //   2. omrapmi_worker_state.lock_init and omrapmi_functbl_state.lock: the one-time allocations.
 //   3. OMRAPMI_IDSC.lock_merge: the merges of one request. User merge functions run under it.
 //   4. OMRAPMI_USER_EXCEPTIONS.slock: one request's exception list.

@@ -10,16 +10,19 @@
 #include <string.h>
 
 #include "common/trace.h"
+#include "runtime/once.h"
 
 OMRAPMI_FUNCTBL_STATE omrapmi_functbl_state;
 
-// Once-only flags: the first two guarded by the critical section, the last by the table's mutex.
-static BOOLEAN init = FALSE;
-static BOOLEAN fast_init = FALSE;
-static BOOLEAN slow_init = FALSE;
+// The quick stage.
+static void set_up_locks(void) {
+    memset(&omrapmi_functbl_state, 0, sizeof omrapmi_functbl_state);
+    Lock_init(&omrapmi_functbl_state.lock);
+    Spinlock_init(&omrapmi_functbl_state.slock, OMRAPMI_FUNCTBL_SLOCK_ID, 0);
+}
 
-// Makes the slots, all free.
-static int allocate_slots(void) {
+// The slow stage: makes the slots, all free.
+static int allocate_slots(unsigned int /*unused*/) {
     OMRAPMI_FUNCTBL_ENTRY *ptbl = static_cast<OMRAPMI_FUNCTBL_ENTRY *>(
         Sys_malloc(OMRAPMI_NUM_FUNC_IDS * sizeof *ptbl, OMRAPMI_TAG_FUNCTBL));
     if (ptbl == NULL) {
@@ -33,45 +36,17 @@ static int allocate_slots(void) {
     return OMRALIB_RET_SUCCESS;
 }
 
+static OMRAPMI_ONCE once = {
+    .pquick = set_up_locks, .pslow = allocate_slots, .plock = &omrapmi_functbl_state.lock};
+
 int Omrapmi_func_table_init(void) {
-    int ret = Omralib_init();
+    const int ret = Omralib_init();
     if (ret != OMRALIB_RET_SUCCESS) {
         OMRAPMI_TRACE("Tr [pmi-fti 0] %d\n", ret);
         return ret;
     }
     Omralib_use_large_keys();
-
-    Enter_cs();
-    if (init) {
-        Exit_cs();
-        return OMRALIB_RET_SUCCESS;
-    }
-    if (!fast_init) {
-        memset(&omrapmi_functbl_state, 0, sizeof omrapmi_functbl_state);
-        Lock_init(&omrapmi_functbl_state.lock);
-        Spinlock_init(&omrapmi_functbl_state.slock, OMRAPMI_FUNCTBL_SLOCK_ID, 0);
-        fast_init = TRUE;
-    }
-    Exit_cs();
-
-    int ret_lock = Lock_enter(&omrapmi_functbl_state.lock, SYS_WAIT_FOREVER);
-    OMRAPMI_ASSERT(ret_lock == 1);
-    if (!slow_init) {
-        ret = allocate_slots();
-        if (ret == OMRALIB_RET_SUCCESS) {
-            slow_init = TRUE;
-        }
-    }
-    ret_lock = Lock_exit(&omrapmi_functbl_state.lock);
-    OMRAPMI_ASSERT(ret_lock == 1);
-    if (ret != OMRALIB_RET_SUCCESS) {
-        return ret;
-    }
-
-    Enter_cs();
-    init = TRUE;
-    Exit_cs();
-    return OMRALIB_RET_SUCCESS;
+    return Omrapmi_do_once(&once, 0);
 }
 
 int Omrapmi_func_table_add(void *pfunc, unsigned int func_id, unsigned int app_id,

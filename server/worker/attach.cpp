@@ -5,15 +5,12 @@
 // their own; which app ids are started is the store's knowledge, not the module's.
 #include "common/records.h"
 #include "common/trace.h"
-
-// Once-only flags: the first guarded by the critical section, the second by lock_init.
-static BOOLEAN init = FALSE;
-static BOOLEAN slow_init = FALSE;
+#include "runtime/once.h"
 
 static constexpr unsigned int MAX_ORDINARY_APP_ID = 0x0FFFFFFF;
 
 // Registers both callbacks, the event callback first.
-static int register_callbacks(void) {
+static int register_callbacks(unsigned int /*unused*/) {
     OMRALIB_CB cb;
     cb.event_ext_cb = Omrapmi_event_ext_cb;
     int ret = Omralib_register_cb(OMRALIB_CB_EVENT_EXT, cb);
@@ -31,37 +28,17 @@ static int register_callbacks(void) {
     return ret;
 }
 
+// Comes after the worker side's own set-up, which makes the lock.
+static OMRAPMI_ONCE once = {
+    .pquick = NULL, .pslow = register_callbacks, .plock = &omrapmi_worker_state.lock_init};
+
 int Omrapmi_worker_init_svc(void) {
-    int ret = Omrapmi_worker_init_ext(0);
+    const int ret = Omrapmi_worker_init_ext(0);
     if (ret != OMRALIB_RET_SUCCESS) {
         OMRAPMI_TRACE("Tr [pmi-wis 0] %d\n", ret);
         return ret;
     }
-    Enter_cs();
-    const BOOLEAN is_done = init;
-    Exit_cs();
-    if (is_done) {
-        return OMRALIB_RET_SUCCESS;
-    }
-
-    int ret_lock = Lock_enter(&omrapmi_worker_state.lock_init, SYS_WAIT_FOREVER);
-    OMRAPMI_ASSERT(ret_lock == 1);
-    if (!slow_init) {
-        ret = register_callbacks();
-        if (ret == OMRALIB_RET_SUCCESS) {
-            slow_init = TRUE;
-        }
-    }
-    ret_lock = Lock_exit(&omrapmi_worker_state.lock_init);
-    OMRAPMI_ASSERT(ret_lock == 1);
-    if (ret != OMRALIB_RET_SUCCESS) {
-        return ret;
-    }
-
-    Enter_cs();
-    init = TRUE;
-    Exit_cs();
-    return OMRALIB_RET_SUCCESS;
+    return Omrapmi_do_once(&once, 0);
 }
 
 int Omrapmi_worker_register_app_name(OMRALIB_HANDLE hdl, unsigned int event_app_id) {
@@ -102,31 +79,34 @@ static BOOLEAN can_start_or_stop(unsigned int event_app_id) {
     return event_app_id <= MAX_ORDINARY_APP_ID || event_app_id == MGTI_APPID_SYSTEM_BACKREST;
 }
 
-int Omrapmi_worker_start(unsigned int event_app_id) {
-    if (!can_start_or_stop(event_app_id)) {
-        return OMRAPMI_ERR_BAD_APP_ID;
-    }
-    int ret = Omrapmi_worker_init_svc();
-    if (ret != OMRALIB_RET_SUCCESS) {
-        OMRAPMI_TRACE("Tr [pmi-wsta 0] %d\n", ret);
-        return ret;
-    }
-    const OMRALIB_HANDLE hdl = Omralib_open_ext(omrapmi_worker_state.pguid);
-    if (hdl == OMRALIB_NULL_HANDLE) {
-        OMRAPMI_TRACE("Tr [pmi-wsta 1]\n");
-        return OMRAPMI_ERR_NO_HANDLE;
-    }
+// The two things that the store is told about an app id, and how the trace speaks of them.
+struct ATTACHMENT {
+    int (*ptell)(OMRALIB_HANDLE hdl, unsigned int app_id);
+    BOOLEAN is_start;
+    const char *pmark;
+    const char *pto_do;
+    const char *pdone;
+};
 
-    // Every step runs; the first failure is the result.
-    int outcome = OMRALIB_RET_SUCCESS;
-    ret = Omrapmi_worker_register_app_name(hdl, event_app_id);
-    if (ret != OMRALIB_RET_SUCCESS) {
-        OMRAPMI_TRACE("Tr [pmi-wsta 2] %d\n", ret);
-        outcome = ret;
+static const ATTACHMENT start = {Omralib_start_app_event_handling, TRUE, "pmi-wsta", "start",
+                                 "started"};
+static const ATTACHMENT stop = {Omralib_stop_app_event_handling, FALSE, "pmi-wsto", "stop",
+                                "stopped"};
+
+// Over an open handle, which it closes. Every step runs; the first failure is the result.
+static int tell_store(const ATTACHMENT *pattachment, OMRALIB_HANDLE hdl, unsigned int app_id) {
+    const char *pmark = pattachment->pmark;
+    int ret = OMRALIB_RET_SUCCESS;
+    if (pattachment->is_start) {
+        ret = Omrapmi_worker_register_app_name(hdl, app_id);
     }
-    ret = Omralib_start_app_event_handling(hdl, event_app_id);
+    int outcome = ret;
     if (ret != OMRALIB_RET_SUCCESS) {
-        OMRAPMI_TRACE("Tr [pmi-wsta 3] %u %d\n", event_app_id, ret);
+        OMRAPMI_TRACE("Tr [%s 2] %d\n", pmark, ret);
+    }
+    ret = pattachment->ptell(hdl, app_id);
+    if (ret != OMRALIB_RET_SUCCESS) {
+        OMRAPMI_TRACE("Tr [%s 3] %u %d\n", pmark, app_id, ret);
         OMRAPMI_ASSERT(ret != OMRALIB_ERR_BAD_HANDLE);
         OMRAPMI_ASSERT(ret != OMRALIB_ERR_BAD_ARGS);
         OMRAPMI_ASSERT(ret != OMRALIB_ERR_HANDLE_BUSY);
@@ -134,19 +114,41 @@ int Omrapmi_worker_start(unsigned int event_app_id) {
     }
     ret = Omralib_close(hdl);
     if (ret != OMRALIB_RET_SUCCESS) {
-        OMRAPMI_TRACE("Tr [pmi-wsta 4] %d\n", ret);
+        OMRAPMI_TRACE("Tr [%s 4] %d\n", pmark, ret);
         OMRAPMI_ASSERT(ret != OMRALIB_ERR_BAD_HANDLE);
         outcome = outcome == OMRALIB_RET_SUCCESS ? ret : outcome;
     }
-    if (outcome == OMRALIB_RET_SUCCESS) {
-        OMRAPMI_TRACE("Omrapmi worker: started invocation handling for app id %d.\n",
-                      static_cast<int>(event_app_id));
-    } else {
-        OMRAPMI_TRACE("Omrapmi worker: Warning: could not start invocation handling for app id "
-                      "%d.\n",
-                      static_cast<int>(event_app_id));
-    }
     return outcome;
+}
+
+static int start_or_stop(const ATTACHMENT *pattachment, unsigned int app_id) {
+    if (!can_start_or_stop(app_id)) {
+        return OMRAPMI_ERR_BAD_APP_ID;
+    }
+    const int ret = Omrapmi_worker_init_svc();
+    if (ret != OMRALIB_RET_SUCCESS) {
+        OMRAPMI_TRACE("Tr [%s 0] %d\n", pattachment->pmark, ret);
+        return ret;
+    }
+    const OMRALIB_HANDLE hdl = Omralib_open_ext(omrapmi_worker_state.pguid);
+    if (hdl == OMRALIB_NULL_HANDLE) {
+        OMRAPMI_TRACE("Tr [%s 1]\n", pattachment->pmark);
+        return OMRAPMI_ERR_NO_HANDLE;
+    }
+    const int outcome = tell_store(pattachment, hdl, app_id);
+    if (outcome == OMRALIB_RET_SUCCESS) {
+        OMRAPMI_TRACE("Omrapmi worker: %s invocation handling for app id %d.\n", pattachment->pdone,
+                      static_cast<int>(app_id));
+    } else {
+        OMRAPMI_TRACE("Omrapmi worker: Warning: could not %s invocation handling for app id %d.\n",
+                      pattachment->pto_do, static_cast<int>(app_id));
+    }
+    // An app id that the store could not be told to stop is reported, not refused.
+    return pattachment->is_start ? outcome : OMRALIB_RET_SUCCESS;
+}
+
+int Omrapmi_worker_start(unsigned int event_app_id) {
+    return start_or_stop(&start, event_app_id);
 }
 
 int Omrapmi_worker_init(unsigned int event_app_id) {
@@ -154,42 +156,5 @@ int Omrapmi_worker_init(unsigned int event_app_id) {
 }
 
 int Omrapmi_worker_stop(unsigned int event_app_id) {
-    if (!can_start_or_stop(event_app_id)) {
-        return OMRAPMI_ERR_BAD_APP_ID;
-    }
-    int ret = Omrapmi_worker_init_svc();
-    if (ret != OMRALIB_RET_SUCCESS) {
-        OMRAPMI_TRACE("Tr [pmi-wsto 0] %d\n", ret);
-        return ret;
-    }
-    const OMRALIB_HANDLE hdl = Omralib_open_ext(omrapmi_worker_state.pguid);
-    if (hdl == OMRALIB_NULL_HANDLE) {
-        OMRAPMI_TRACE("Tr [pmi-wsto 1]\n");
-        return OMRAPMI_ERR_NO_HANDLE;
-    }
-
-    BOOLEAN is_stopped = TRUE;
-    ret = Omralib_stop_app_event_handling(hdl, event_app_id);
-    if (ret != OMRALIB_RET_SUCCESS) {
-        OMRAPMI_TRACE("Tr [pmi-wsto 3] %u %d\n", event_app_id, ret);
-        OMRAPMI_ASSERT(ret != OMRALIB_ERR_BAD_HANDLE);
-        OMRAPMI_ASSERT(ret != OMRALIB_ERR_BAD_ARGS);
-        OMRAPMI_ASSERT(ret != OMRALIB_ERR_HANDLE_BUSY);
-        is_stopped = FALSE;
-    }
-    ret = Omralib_close(hdl);
-    if (ret != OMRALIB_RET_SUCCESS) {
-        OMRAPMI_TRACE("Tr [pmi-wsto 4] %d\n", ret);
-        OMRAPMI_ASSERT(ret != OMRALIB_ERR_BAD_HANDLE);
-        is_stopped = FALSE;
-    }
-    if (is_stopped) {
-        OMRAPMI_TRACE("Omrapmi worker: stopped invocation handling for app id %d.\n",
-                      static_cast<int>(event_app_id));
-    } else {
-        OMRAPMI_TRACE("Omrapmi worker: Warning: could not stop invocation handling for app id "
-                      "%d.\n",
-                      static_cast<int>(event_app_id));
-    }
-    return OMRALIB_RET_SUCCESS;
+    return start_or_stop(&stop, event_app_id);
 }

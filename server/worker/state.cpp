@@ -1,24 +1,19 @@
 // The worker side's one global state: its once-only set-up, and the record of the calling thread.
 //
-// Set-up has two stages. The quick one, inside the process-wide critical section, makes the queues
-// and the built-in descriptors; the slow one, under lock_init, chooses the number of worker
-// threads, makes their records and starts the dispatcher thread. A failure leaves the slow stage
-// undone, and the next call tries it again. The worker threads themselves are started by the
-// dispatcher when the first request reaches it. Nothing is ever torn down.
+// Of its two stages (runtime/once.h) the quick one makes the queues and the built-in descriptors;
+// the slow one, under lock_init, chooses the number of worker threads, makes their records and
+// starts the dispatcher thread. The worker threads themselves are started by the dispatcher when
+// the first request reaches it.
 #include <string.h>
 
 #include "common/records.h"
 #include "common/trace.h"
 #include "dispatch/dispatcher.h"
 #include "runtime/descriptors.h"
+#include "runtime/once.h"
 
 OMRAPMI_WORKER_STATE omrapmi_worker_state;
 BOOLEAN omrapmi_in_svc = FALSE;
-
-// Once-only flags: the first two guarded by the critical section, the last by lock_init.
-static BOOLEAN init = FALSE;
-static BOOLEAN fast_init = FALSE;
-static BOOLEAN slow_init = FALSE;
 
 static constexpr unsigned int MIN_AUTO_WORKER_THRDS = 2;
 static constexpr unsigned int MAX_AUTO_WORKER_THRDS = 32;
@@ -86,8 +81,12 @@ static int start_dispatcher(unsigned int num_worker_thrds) {
     return OMRALIB_RET_SUCCESS;
 }
 
+static OMRAPMI_ONCE once = {.pquick = set_up_queues_and_pools,
+                            .pslow = start_dispatcher,
+                            .plock = &omrapmi_worker_state.lock_init};
+
 int Omrapmi_worker_init_ext(unsigned int num_worker_thrds) {
-    int ret = Omralib_init();
+    const int ret = Omralib_init();
     if (ret != OMRALIB_RET_SUCCESS) {
         OMRAPMI_TRACE("Tr [pmi-wie 0] %d\n", ret);
         return ret;
@@ -96,36 +95,7 @@ int Omrapmi_worker_init_ext(unsigned int num_worker_thrds) {
     if (omrapmi_in_svc) {
         num_worker_thrds = 1;
     }
-
-    Enter_cs();
-    if (init) {
-        Exit_cs();
-        return OMRALIB_RET_SUCCESS;
-    }
-    if (!fast_init) {
-        set_up_queues_and_pools();
-        fast_init = TRUE;
-    }
-    Exit_cs();
-
-    int ret_lock = Lock_enter(&omrapmi_worker_state.lock_init, SYS_WAIT_FOREVER);
-    OMRAPMI_ASSERT(ret_lock == 1);
-    if (!slow_init) {
-        ret = start_dispatcher(num_worker_thrds);
-        if (ret == OMRALIB_RET_SUCCESS) {
-            slow_init = TRUE;
-        }
-    }
-    ret_lock = Lock_exit(&omrapmi_worker_state.lock_init);
-    OMRAPMI_ASSERT(ret_lock == 1);
-    if (ret != OMRALIB_RET_SUCCESS) {
-        return ret;
-    }
-
-    Enter_cs();
-    init = TRUE;
-    Exit_cs();
-    return OMRALIB_RET_SUCCESS;
+    return Omrapmi_do_once(&once, num_worker_thrds);
 }
 
 int Omrapmi_get_worker_thread_count(void) {

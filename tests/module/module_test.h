@@ -1,60 +1,71 @@
-// What the tests of the module share: fixtures that check what a test leaves behind, requests, and
-// user functions under a script.
+// What the tests of the module share: fixtures that check what a test leaves behind, and the
+// requests of a store, which a test delivers itself. Objects are in the embedded store, behind the
+// interposer; the user functions are those of set_functions.
 #pragma once
 
-#include "doubles.h"
+#include "support/interposer.h"
+#include "support/set_functions.h"
+#include "support/world.h"
 
 #include "common/records.h"
 
 #include <gtest/gtest.h>
 
-#include <set>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
 
-namespace user {
+// Waits until the condition holds, and ends the process when it can only be in vain. A test with
+// threads of its own kind puts another function here.
+extern std::function<void(const std::function<bool()> &condition)> &wait_until;
 
-inline constexpr unsigned int eval_id = 1;
-inline constexpr unsigned int merge_id = 2;
-inline constexpr unsigned int once_id = 3;
+// Requests ----------------------------------------------------------------------------------------
 
-// A data object is one byte, its number; an eval's result is the bit of that number in 8 bytes, and
-// merging unites the bits. So a result tells just which objects are in it, and a bit that meets
-// itself was merged twice. Odd merges change the destination in place, even ones return a new
-// block.
-struct Script {
-    std::map<unsigned int, int> eval_codes; // a failing eval's code, by object
-    std::set<unsigned int> silent;          // these evals return no result
-    std::set<unsigned int> failing_merges; // by the merge's number from 1; the code is 500 + number
-    unsigned int merged_len = 8;           // that merges claim
-    std::function<void(unsigned int)> on_eval;  // runs first, with the object
-    std::function<void(unsigned int)> on_merge; // runs first, with the number of the merge
-    // Run last, with what the function hands out (and the merge's source) for them to change.
-    std::function<void(char **, unsigned int *)> spoil_eval;
-    std::function<void(const char *, char **, unsigned int *)> spoil_merge;
-    unsigned int num_merges = 0; // so far
-    std::string params;          // of the last eval
+struct Completion {
+    unsigned int num_successful, num_failed;
+    bool flushed = false;
+    friend bool operator==(const Completion &, const Completion &) = default;
 };
-inline constexpr unsigned int no_object = 63; // stands for the object of an invoke-once eval
-// Written by a test while no user function runs.
-Script &script();
 
-extern const OMRAPMI_EVAL_FUNCP eval_func;
-extern const OMRAPMI_MERGE_FUNCP merge_func;
+// Delivers a request for these keys to the module.
+int deliver(OMRALIB_INVOKE_PARAMS params, const std::vector<OMRA_OBJKEY> &keys);
+// Waits until the request is reported complete or given up, and forgets it.
+Completion wait_complete(unsigned int context);
+// Both.
+Completion run_request(const OMRALIB_INVOKE_PARAMS &params, const std::vector<OMRA_OBJKEY> &keys);
+// Runs when a request is reported complete.
+extern std::function<void(unsigned int context)> &on_complete;
 
-// The result made of these objects, as it is stored.
-std::string bits(const std::vector<unsigned int> &objects);
-ULONGLONG number(std::string_view result);
+// An eval request with parameters in the key, for the functions of the tests; its results and
+// exceptions objects are number 900 and 901. Its sender is host 0xABC plus the context.
+OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params = "");
+// The same with parameters in object 50.
+OMRALIB_INVOKE_PARAMS stored_params_request(unsigned int context);
+OMRALIB_INVOKE_PARAMS once_request(unsigned int context);
+OMRALIB_INVOKE_PARAMS merge_request(unsigned int context, unsigned long long source);
+// The parameters header inside the request.
+OMRAPMI_PARAMS_EXT &params_ext(OMRALIB_INVOKE_PARAMS &params);
 
-} // namespace user
+// Stores the data objects 0 to n - 1; their keys.
+std::vector<OMRA_OBJKEY> put_objects(unsigned int num_objects);
 
-// Registers all three.
-void register_functions();
+// What a request has come to is right for the invocation; its objects are removed.
+void check_outcome(const Completion &done, const set_functions::Invocation &invocation,
+                   unsigned long long results = 900, unsigned long long exceptions = 901);
+std::vector<OMRAPMI_EXCEPTION> exceptions(unsigned long long object = 901);
 
-// Traces on and a handle open; every assertion report, fault at the store and byte of memory left
-// is a failure.
+// Fixtures ----------------------------------------------------------------------------------------
+
+// No report, broken rule or complaint of a user function, no block, read or lock that is left, no
+// request that is open.
+void check_nothing_left();
+
+// A store on a clock that stands, traces on, scripted answers and a handle; nothing may be left.
 class Module_test : public testing::Test {
 protected:
     void SetUp() override;
-    void TearDown() override;
+    void TearDown() override { check_nothing_left(); }
 
     OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE;
 };
@@ -76,23 +87,6 @@ class Live_test : public Module_test {
 protected:
     void SetUp() override;
     // Delivers and waits until nothing of the request is left.
-    static store::Completion run(const OMRALIB_INVOKE_PARAMS &params,
-                                 const std::vector<OMRA_OBJKEY> &keys);
+    static Completion run(const OMRALIB_INVOKE_PARAMS &params,
+                          const std::vector<OMRA_OBJKEY> &keys);
 };
-
-// An eval request with parameters in the key, of app id 7, for the functions of `user`; its results
-// and exceptions objects are number 900 and 901.
-OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params = "");
-// The same with parameters in object 50.
-OMRALIB_INVOKE_PARAMS stored_params_request(unsigned int context);
-OMRALIB_INVOKE_PARAMS once_request(unsigned int context);
-OMRALIB_INVOKE_PARAMS merge_request(unsigned int context, ULONGLONG source);
-// The parameters header inside the request.
-OMRAPMI_PARAMS_EXT &params_ext(OMRALIB_INVOKE_PARAMS &params);
-
-// Stores the data objects 0 to n - 1; their keys.
-std::vector<OMRA_OBJKEY> put_objects(unsigned int num_objects);
-
-// The records of the exceptions object.
-std::vector<OMRAPMI_EXCEPTION> exceptions();
-bool same_key(const OMRA_OBJKEY &a, const OMRA_OBJKEY &b);

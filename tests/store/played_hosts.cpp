@@ -63,8 +63,7 @@ OMRALIB_STATS PlayedHosts::stats() {
     return stats;
 }
 
-/* Requests ---------------------------------------------------------------------------------------
- */
+/* Requests ------------------------------------------------------------------------------------- */
 
 /* On the way from the engine to the server, to know whose request it is. */
 void PlayedHosts::receive(std::shared_ptr<const store::Request> request) {
@@ -102,8 +101,7 @@ void PlayedHosts::kill(store::HostId host, bool as_zombie) {
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_declare_host_gone(host));
 }
 
-/* Steps ------------------------------------------------------------------------------------------
- */
+/* Steps ---------------------------------------------------------------------------------------- */
 
 /* Lets a job chosen at random go on; when there is none, time passes. */
 void PlayedHosts::take_turn(store::Millis deadline) {
@@ -220,8 +218,7 @@ void PlayedHosts::report(Job &job) {
     }
 }
 
-/* Invocations ------------------------------------------------------------------------------------
- */
+/* Invocations ---------------------------------------------------------------------------------- */
 
 Outcome PlayedHosts::invoke(unsigned int timeout_s, OMRALIB_HANDLE its_hdl) {
     OMRA_INDEX_HDR header{};

@@ -9,8 +9,7 @@
 
 namespace store {
 
-/* Entries ----------------------------------------------------------------------------------------
- */
+/* Entries -------------------------------------------------------------------------------------- */
 
 namespace {
 
@@ -107,8 +106,7 @@ const Posting *ObjectIndex::find(const IndexValueId &id) const {
     return found == postings_.end() ? nullptr : found->get();
 }
 
-/* Views ------------------------------------------------------------------------------------------
- */
+/* Views ---------------------------------------------------------------------------------------- */
 
 /* A view that there is no memory for is given up, and made again when it is needed. */
 void ObjectIndex::add_to_views(const Posting &posting) {

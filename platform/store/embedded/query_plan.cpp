@@ -38,8 +38,7 @@ bool has(const Record &record, const Posting *posting) {
 
 } // namespace
 
-/* The plan ---------------------------------------------------------------------------------------
- */
+/* The plan ------------------------------------------------------------------------------------- */
 
 QueryPlan::QueryPlan(const Selection &selection, std::uint32_t now_s)
     : selection_(selection), now_s_(now_s) {
@@ -152,8 +151,7 @@ void QueryPlan::choose_sources(std::size_t at) {
     }
 }
 
-/* Tests ------------------------------------------------------------------------------------------
- */
+/* Tests ---------------------------------------------------------------------------------------- */
 
 bool QueryPlan::holds(const Node &node, const Record &record) const {
     /* Nearly all that queries of index terms consist of, hence first, and without a call below. */
@@ -206,8 +204,7 @@ bool QueryPlan::found_before(const Record &record, std::size_t num_sources) cons
                        [&](std::size_t at) { return comparison_holds(nodes_[at], record); });
 }
 
-/* The survey -------------------------------------------------------------------------------------
- */
+/* The survey ----------------------------------------------------------------------------------- */
 
 QuerySurvey::QuerySurvey(const Selection &selection, std::uint32_t now_s)
     : plan_(selection, now_s), expected_(plan_.nodes_.size()) {}

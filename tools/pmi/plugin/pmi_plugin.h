@@ -45,8 +45,7 @@ typedef struct PMI_RESULT {
     const char *pparams; /* the parameters of the invocation; NULL exactly when the length is 0 */
     unsigned int params_len;
     void *pprogram; /* handed to the two functions below */
-    /* The name of the object with this key, NULL when there is none. Valid as long as the record.
-     */
+    /* The name of the object with this key, valid as long as the record; NULL: there is none. */
     const char *(*object_name)(void *pprogram, const OMRA_OBJKEY *pkey);
     /* Prints `text_len` bytes; may be called any number of times. */
     void (*write)(void *pprogram, const char *ptext, size_t text_len);
@@ -81,8 +80,7 @@ typedef struct PMI_REGISTRAR {
 #endif
 
 /* The plug-in's one exported function. It first compares `preg->abi_version` with PMI_PLUGIN_ABI
- * and touches nothing else when they differ. Returns PMI_PLUGIN_ABI; the program refuses any other.
- */
+ * and touches nothing else when they differ. Returns PMI_PLUGIN_ABI; any other is refused. */
 PMI_PLUGIN_EXPORT int pmi_plugin_register(PMI_REGISTRAR *preg);
 
 #ifdef __cplusplus
