@@ -14,9 +14,9 @@ std::vector<store::Key> StoreTest::find_value(unsigned int app_id, USHORT index,
                                               unsigned long long number) {
     const store::Term terms[] = {{index, false, make_value(number)}};
     std::vector<store::Key> keys;
-    EXPECT_EQ(OMRALIB_RET_SUCCESS,
-              store::find(store_.objects(), store::select_by_terms(app_id, true, terms), nullptr,
-                          keys));
+    EXPECT_EQ(
+        OMRALIB_RET_SUCCESS,
+        store::find(store_.objects(), store::select_by_terms(app_id, true, terms), nullptr, keys));
     return keys;
 }
 

@@ -119,7 +119,7 @@ TEST_P(Hosts, DieAtAnyStepAndChangeNothing) {
                 SCOPED_TRACE(testing::Message() << in_fold << num_steps << as_zombie);
                 PlayedHosts hosts(GetParam(), 4);
                 hosts.store_objects(num_objects);
-                HostId dead = 0;
+                std::uint32_t dead = 0;
                 hosts.before_step = [&](Job &job) {
                     if (dead == 0 && job.is_fold() == in_fold && job.num_steps == num_steps) {
                         dead = job.host;
@@ -148,7 +148,7 @@ TEST_P(Hosts, FailEverythingWhenAllAreGone) {
     hosts.store_objects(num_objects);
     hosts.before_step = [&](Job &job) {
         if (job.num_steps == 3) {
-            for (HostId host = 1; host <= 3; ++host) {
+            for (std::uint32_t host = 1; host <= 3; ++host) {
                 hosts.kill(host, true);
             }
         }
@@ -209,7 +209,7 @@ TEST_P(Hosts, GiveTheKeysOfASilentOneToOneWithNothingToDo) {
     hosts.store_objects(num_objects);
     const store::Millis start = hosts.clock.now();
     store::Millis moved_at = 0;
-    HostId silent = 0;
+    std::uint32_t silent = 0;
     hosts.answer = [&](const Job &) {
         if (silent != 0 && moved_at == 0 && hosts.clock.now() != start) {
             moved_at = hosts.clock.now();
@@ -337,11 +337,11 @@ void run_at_random(const EngineParam &engine, unsigned int seed) {
     PlayedHosts hosts(engine, 1 + seed % 16, seed);
     const unsigned long long num = hosts.pick(5) == 0 ? hosts.pick(4) : hosts.pick(80);
     hosts.store_objects(num);
-    const HostId reliable = 1 + hosts.pick(1 + seed % 16);
+    const std::uint32_t reliable = 1 + hosts.pick(1 + seed % 16);
     const bool has_reliable = hosts.pick(4) != 0;
     const bool merges_fail = hosts.pick(4) == 0;
     const unsigned int timeout_s = hosts.pick(3) == 0 ? 10 : 0;
-    const auto is_unlucky = [&](HostId host, unsigned int one_in) {
+    const auto is_unlucky = [&](std::uint32_t host, unsigned int one_in) {
         return (host != reliable || !has_reliable) && hosts.pick(one_in) == 0;
     };
     hosts.answer = [&](const Job &job) -> int {

@@ -1,15 +1,13 @@
-/* Handles, keys, objects and locks. */
+/* Handles, arguments, keys, and the listing of objects; what objects do is the model's matter. */
 #include "store_test.h"
 
 namespace {
 
 class Handles : public StoreTest {};
 class Objects : public StoreTest {};
-class Locks : public StoreTest {};
 
 FOR_ALL_ENGINES(Handles);
 FOR_ALL_ENGINES(Objects);
-FOR_ALL_ENGINES(Locks);
 
 TEST_P(Handles, AClosedNumberStaysInvalidWhenItsSlotIsUsedAgain) {
     const OMRALIB_HANDLE first = Omralib_open_ext(nullptr);
@@ -52,73 +50,43 @@ TEST_P(Handles, AreBusyWhileACallHasThem) {
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_handle_ready(hdl_));
 }
 
-TEST_P(Handles, KeepOneReadPending) {
+TEST_P(Handles, TellImpossibleArguments) {
     const OMRA_OBJKEY key = make_key(1, 1);
-    char buf[8] = {};
-    unsigned int len = 0;
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "abc"));
-    EXPECT_EQ(OMRALIB_ERR_NOT_READING, Omralib_get_read_data(hdl_, buf, 3));
-    EXPECT_EQ(OMRALIB_ERR_NOT_READING, Omralib_flush_read_data(hdl_));
-
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_read_obj(hdl_, 0, &len, key));
-    EXPECT_EQ(3u, len);
-    EXPECT_EQ(OMRALIB_ERR_OBJ_READING, Omralib_handle_ready(hdl_));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_READING, Omralib_read_obj(hdl_, 0, &len, key));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_READING, Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_read_data(hdl_, buf, 4));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_read_data(hdl_, nullptr, 3));
-
-    /* The bytes that were read are there, whatever has become of the object. */
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(hdl_, 0, key));
-    EXPECT_EQ("abc", fetch(hdl_, 3));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_handle_ready(hdl_));
-}
-
-TEST_P(Handles, TellsImpossibleArguments) {
     const OMRA_OBJKEY null_key{};
-    OMRA_OBJKEY marked_null{};
-    marked_null.app_id = OMRA_APPID_NO_RENEW;
+    OMRA_OBJKEY marked_null = marked(null_key);
     marked_null.type_index = 3;
     unsigned int len = 7;
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_read_obj(hdl_, 0, nullptr, make_key(1, 1)));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_store_obj(hdl_, 0, nullptr, 1, 0, make_key(1, 1)));
+    char buf[8];
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_read_obj(hdl_, 0, nullptr, key));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_store_obj(hdl_, 0, nullptr, 1, 0, key));
     EXPECT_EQ(OMRALIB_ERR_BAD_KEY, Omralib_read_obj(hdl_, 0, &len, null_key));
     EXPECT_EQ(OMRALIB_ERR_BAD_KEY, put(hdl_, marked_null, "a"));
     EXPECT_EQ(OMRALIB_ERR_BAD_KEY, Omralib_remove_obj(hdl_, 0, null_key));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, put_indexed(hdl_, make_key(1, 1), {make_index(8, 1)}));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS,
-              put_indexed(hdl_, make_key(1, 1), {make_index(2, 1), make_index(2, 5)}));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, put_indexed(hdl_, key, {make_index(8, 1)}));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, put_indexed(hdl_, key, {make_index(2, 1), make_index(2, 5)}));
     EXPECT_EQ(0u, count(hdl_, 1));
     EXPECT_EQ(7u, len);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "abc"));
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_read_obj(hdl_, 0, &len, key));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_read_data(hdl_, buf, 4));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_read_data(hdl_, nullptr, 3));
+    EXPECT_EQ("abc", fetch(hdl_, 3));
+    EXPECT_EQ(OMRALIB_ERR_NOT_READING, Omralib_get_read_data(hdl_, buf, 3));
 }
 
-TEST_P(Objects, LiveFromStoreToRemove) {
-    const OMRA_OBJKEY key = make_key(1, 1);
-    EXPECT_EQ("status -109", get(hdl_, key));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, Omralib_remove_obj(hdl_, 0, key));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "first"));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_EXISTS, put(hdl_, key, "second"));
-    EXPECT_EQ("first", get(hdl_, key));
-    EXPECT_EQ("first", get(hdl_, marked(key)));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_EXISTS, put(hdl_, marked(key), "third"));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_replace_obj(hdl_, "new", 3, 0, nullptr, 0, key));
-    EXPECT_EQ("new", get(hdl_, key));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(hdl_, 0, key));
-    EXPECT_EQ("status -109", get(hdl_, key));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, Omralib_replace_obj(hdl_, "new", 3, 0, nullptr, 0, key));
-}
-
-TEST_P(Objects, MayBeEmptyAndThenLeaveNothingPending) {
-    const OMRA_OBJKEY key = make_key(1, 1);
-    unsigned int len = 7;
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_store_obj(hdl_, 0, nullptr, 0, 0, key));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_read_obj(hdl_, 0, &len, key));
-    EXPECT_EQ(0u, len);
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_handle_ready(hdl_));
-    const int ticket = Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key);
-    EXPECT_GT(ticket, 0);
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key, ticket, "filled", true));
-    EXPECT_EQ("filled", get(hdl_, key));
+TEST_P(Handles, KeepTheTextOfAnErrorUntilSomethingElseFails) {
+    char buf[8];
+    const auto text = [&] {
+        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_error_text(hdl_, buf, sizeof buf));
+        return std::string(buf);
+    };
+    ASSERT_EQ(OMRALIB_ERR_BAD_QUERY, Omralib_explain_query(hdl_, 1, "size <", 6, buf, 8));
+    EXPECT_EQ("at 7: e", text());
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_error_text(hdl_, nullptr, 3));
+    EXPECT_EQ(0u, count(hdl_, 1));
+    EXPECT_EQ("at 7: e", text());
+    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, Omralib_remove_obj(hdl_, 0, make_key(1, 2)));
+    EXPECT_EQ("", text());
 }
 
 TEST_P(Objects, AreToldApartByEveryFieldOfTheirKeys) {
@@ -171,67 +139,6 @@ TEST_P(Objects, AreListedInKeyOrderAndCounted) {
     EXPECT_EQ(601u, stats.num_objects);
     EXPECT_EQ(600u * 4 + 8, stats.num_bytes);
     EXPECT_EQ(1u, stats.num_reads);
-}
-
-TEST_P(Locks, AreHeldByOneHandleUntilItLetsGo) {
-    const OMRA_OBJKEY key = make_key(1, 1);
-    const OMRALIB_HANDLE other = Omralib_open_ext(nullptr);
-    unsigned int len = 0;
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "a"));
-    const int ticket = Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key);
-    ASSERT_GT(ticket, 0);
-    EXPECT_EQ("a", fetch(hdl_, len));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, Omralib_read_and_lock_obj(other, 0, 0, &len, key));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, Omralib_replace_obj(other, "x", 1, 0, nullptr, 0, key));
-    EXPECT_EQ("a", get(other, key));
-
-    /* A ticket is worth nothing with another handle, another key or another number. */
-    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update(other, key, ticket, "x", true));
-    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update(hdl_, make_key(1, 2), ticket, "x", true));
-    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, Omralib_unlock_obj(hdl_, ticket + 1, 0, key));
-
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key, ticket, "b", false));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, Omralib_read_and_lock_obj(other, 0, 0, &len, key));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key, ticket, "c", true));
-    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update(hdl_, key, ticket, "d", true));
-    EXPECT_EQ("c", get(other, key));
-
-    const int next = Omralib_read_and_lock_obj(other, 0, 0, &len, key);
-    EXPECT_GT(next, 0);
-    EXPECT_NE(ticket, next);
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_unlock_obj(other, next, 0, key));
-    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, Omralib_unlock_obj(other, next, 0, key));
-}
-
-TEST_P(Locks, DieWithTheirHandleAndWithTheirObject) {
-    const OMRA_OBJKEY key = make_key(1, 1);
-    OMRALIB_HANDLE holder = Omralib_open_ext(nullptr);
-    unsigned int len = 0;
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, ""));
-    ASSERT_GT(Omralib_read_and_lock_obj(holder, 0, 0, &len, key), 0);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(holder));
-    const int ticket = Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key);
-    ASSERT_GT(ticket, 0);
-
-    holder = Omralib_open_ext(nullptr);
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(holder, 0, key));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, update(hdl_, key, ticket, "x", true));
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "another"));
-    EXPECT_EQ(OMRALIB_ERR_LOCK_LOST, update(hdl_, key, ticket, "x", true));
-    EXPECT_EQ("another", get(hdl_, key));
-}
-
-TEST_P(Locks, AnUpdateKeepsIndexesAndTimeOut) {
-    const OMRA_OBJKEY key = make_key(1, 1);
-    unsigned int len = 0;
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, put_indexed(hdl_, key, {make_index(2, 7)}, 5));
-    const int ticket = Omralib_read_and_lock_obj(hdl_, 0, 0, &len, key);
-    fetch(hdl_, len);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, update(hdl_, key, ticket, "longer than before", true));
-
-    EXPECT_EQ(1u, find_value(1, 2, 7).size());
-    clock_.advance(5 * store::millis_per_minute);
-    EXPECT_EQ(0u, find_value(1, 2, 7).size());
 }
 
 } // namespace

@@ -76,7 +76,7 @@ TEST_P(Progress, IsReportedAtMostTenTimesASecondAndAtTheEnd) {
     const std::size_t before = reports.size();
     ASSERT_EQ(OMRALIB_RET_SUCCESS, hosts.invoke().status);
     EXPECT_EQ(before, reports.size());
-    EXPECT_FALSE(hosts.store.server.is_noticing());
+    EXPECT_FALSE(hosts.store.serving.requests.is_noticing());
 }
 
 TEST_P(Progress, CancellingDropsWhatHasNotBegun) {
@@ -96,7 +96,7 @@ TEST_P(Progress, CancellingDropsWhatHasNotBegun) {
 
     /* The others read their objects only now. Nobody else misses one. */
     ASSERT_EQ(3u, hosts.jobs.size());
-    EXPECT_TRUE(hosts.store.server.is_noticing());
+    EXPECT_TRUE(hosts.store.serving.requests.is_noticing());
     hosts.before_step = [&](Job &job) {
         const auto num_keys = static_cast<std::uint32_t>(job.params.num_keys);
         EXPECT_EQ(job.num_steps == 0 ? 0 : num_keys, job.num_dropped);
@@ -106,7 +106,7 @@ TEST_P(Progress, CancellingDropsWhatHasNotBegun) {
     }
     hosts.finish_zombies();
     EXPECT_EQ(0u, hosts.num_temp_objects());
-    EXPECT_FALSE(hosts.store.server.is_noticing());
+    EXPECT_FALSE(hosts.store.serving.requests.is_noticing());
 
     hosts.before_step = [](Job &) {};
     hosts.on_report = nullptr;
@@ -123,7 +123,7 @@ TEST_P(Progress, CancellingLeavesAnotherInvocationOfTheSameObjectsAlone) {
     hosts.turn = [&](store::Millis deadline) {
         if (hosts.num_jobs == 4) {
             EXPECT_EQ(OMRALIB_ERR_CANCELLED, hosts.invoke(0, other).status);
-        } else if (hosts.num_jobs == 8 && !hosts.store.server.is_noticing()) {
+        } else if (hosts.num_jobs == 8 && !hosts.store.serving.requests.is_noticing()) {
             EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_cancel_invoke(other)); /* the inner one waits */
             std::for_each(std::next(hosts.jobs.begin(), 4), hosts.jobs.end(),
                           [](Job &job) { job.is_stuck = true; });
@@ -132,7 +132,7 @@ TEST_P(Progress, CancellingLeavesAnotherInvocationOfTheSameObjectsAlone) {
         }
     };
     EXPECT_EQ(num_objects * 4 / 5, hosts.invoke().evaluated.size());
-    EXPECT_TRUE(hosts.store.server.is_noticing());
+    EXPECT_TRUE(hosts.store.serving.requests.is_noticing());
 }
 
 TEST_P(Progress, InvocationsWaitTheirTurnAgainstTheirDeadline) {

@@ -1,5 +1,7 @@
-/* Many threads at once: what they count in the end must be exact, whatever the order. */
+/* Many threads at once: what they do must be exact in the end, whatever the order, and who waits
+ * for a lock hears when it is given back. */
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "store_test.h"
@@ -7,9 +9,8 @@
 namespace {
 
 constexpr unsigned int num_threads = 4;
-
-class Threads : public StoreTest {};
-FOR_ALL_ENGINES(Threads);
+constexpr std::uint64_t limit = 20'000;
+constexpr std::uint64_t bytes_per_object = 128; /* that count besides its own */
 
 template <typename Work>
 void run_threads(Work work) {
@@ -23,123 +24,140 @@ void run_threads(Work work) {
     }
 }
 
-TEST_P(Threads, OneOfManyCreatesAndUpdatesUnderLocksAreNeverLost) {
-    constexpr unsigned int rounds = 300;
-    std::atomic<unsigned int> created{0};
-    run_threads([&](OMRALIB_HANDLE hdl, unsigned int) {
-        for (unsigned int i = 0; i < rounds; ++i) {
-            const OMRA_OBJKEY key = make_key(1, i % 10);
-            created += put(hdl, key, "0") == OMRALIB_RET_SUCCESS ? 1 : 0;
-            unsigned int len = 0;
-            int ticket = 0;
-            while ((ticket = Omralib_read_and_lock_obj(hdl, 0, 0, &len, key)) ==
-                   OMRALIB_ERR_OBJ_LOCKED) {
-                std::this_thread::yield();
-            }
-            ASSERT_GT(ticket, 0);
-            const int value = std::stoi(fetch(hdl, len));
-            ASSERT_EQ(OMRALIB_RET_SUCCESS,
-                      update(hdl, key, ticket, std::to_string(value + 1), true));
-        }
-    });
-    EXPECT_EQ(10u, created);
-    int sum = 0;
-    for (unsigned int i = 0; i < 10; ++i) {
-        sum += std::stoi(get(hdl_, make_key(1, i)));
-    }
-    EXPECT_EQ(static_cast<int>(num_threads * rounds), sum);
-}
+class FullStore : public StoreTest {
+protected:
+    FullStore() : StoreTest(limited()) {}
 
-/* Readers see whole objects while they are replaced, removed, expired and listed around them. */
-TEST_P(Threads, ReadersSeeWholeObjects) {
-    constexpr unsigned int rounds = 3000;
+    static store::Configuration limited() {
+        store::Configuration configuration;
+        configuration.memory_limit = limit;
+        return configuration;
+    }
+};
+FOR_ALL_ENGINES(FullStore);
+
+/* Objects that change, expire and go while they are read and found are seen whole, never take more
+ * than there is, and leave all of it. */
+TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
+    constexpr unsigned int num_objects = 150;
+    std::atomic<unsigned int> num_refused{0};
     run_threads([&](OMRALIB_HANDLE hdl, unsigned int thread) {
-        for (unsigned int i = 0; i < rounds; ++i) {
-            const OMRA_OBJKEY key = make_key(1, i * (thread + 1) % 50);
-            const std::string data(1 + i % 90, static_cast<char>('a' + i % 26));
+        for (unsigned int i = 0; i < 12'000; ++i) {
+            const OMRA_OBJKEY key = make_key(1, i * (thread + 7) % num_objects);
+            const std::string data(1 + i * 131 % 2000, static_cast<char>('a' + i % 26));
             const OMRA_OBJ_INDEX index = make_index(3, i % 7);
-            switch ((i + thread) % 6) {
+            const std::string got = get(hdl, key);
+            EXPECT_TRUE(got == "status -109" || got.find_first_not_of(got[0]) == got.npos);
+            switch ((i + thread) % 5) {
             case 0:
-                put(hdl, key, data, 1);
-                break;
             case 1:
+                num_refused += put(hdl, key, data, i % 3) == OMRALIB_ERR_NO_SPACE ? 1 : 0;
+                break;
+            case 2:
                 Omralib_replace_obj(hdl, data.data(), static_cast<unsigned int>(data.size()), i % 3,
                                     &index, 1, key);
                 break;
-            case 2:
-                if (i % 5 == 0) {
-                    Omralib_remove_obj(hdl, 0, key);
-                }
-                break;
             case 3:
-                if (thread == 0) {
-                    clock_.advance(store::millis_per_second);
-                }
-                count(hdl, 1);
-                break;
-            case 4:
-                find_value(1, 3, i % 7);
+                i % 2 == 0 ? Omralib_remove_obj(hdl, 0, key) : count(hdl, 1);
                 break;
             default:
-                const std::string got = get(hdl, key);
-                if (got != "status -109") {
-                    ASSERT_EQ(std::string(got.size(), got[0]), got);
-                }
+                find_value(1, 3, i % 7);
+                clock_.advance(thread == 0 ? store::millis_per_second : 0);
             }
         }
     });
+    OMRALIB_APP_STATS stats;
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_app_stats(1, &stats));
+    EXPECT_LE(stats.num_bytes + stats.num_objects * bytes_per_object, limit);
+    EXPECT_GT(num_refused, 0u);
+    for (unsigned int i = 0; i < num_objects; ++i) {
+        Omralib_remove_obj(hdl_, 0, make_key(1, i));
+    }
+    const std::string everything(limit - bytes_per_object, 'd');
+    for (int i = 0; i < 3; ++i) { /* the room of what has expired is free for the next */
+        EXPECT_EQ(OMRALIB_ERR_NO_SPACE, put(hdl_, make_key(1, 1), everything + 'd'));
+        EXPECT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(1, 1), everything, 1));
+        clock_.advance(store::millis_per_minute);
+    }
 }
 
-/* Each thread invokes with its own handle; its completions come from the others' threads or its
- * own, and reach the right invocation. */
-TEST_P(Threads, ManyInvokeAtOnce) {
-    for (unsigned int app_id = 1; app_id <= num_threads; ++app_id) {
-        for (unsigned int i = 0; i < app_id; ++i) {
-            ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(app_id, i), "x"));
-        }
-    }
-    static std::mutex lock;
-    static std::vector<OMRALIB_INVOKE_PARAMS> accepted;
-    OMRALIB_CB cb;
-    cb.invoke_cb = [](OMRALIB_INVOKE_PARAMS *pparams) {
-        const std::lock_guard guard(lock);
-        accepted.push_back(*pparams);
-        return OMRALIB_INVOKE_ACCEPTED;
-    };
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_register_cb(OMRALIB_CB_INVOKE, cb));
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_start_app_event_handling(hdl_, 9));
+/* On a clock that only the test turns: without a wake-up a waiter waits for ever. */
+class Waiting : public StoreTest {
+protected:
+    Waiting() { objects().patience = 5; }
 
-    std::jthread completer([this](std::stop_token stop) {
-        while (!stop.stop_requested()) {
-            std::vector<OMRALIB_INVOKE_PARAMS> batch;
-            {
-                const std::lock_guard guard(lock);
-                batch.swap(accepted);
-            }
-            for (const OMRALIB_INVOKE_PARAMS &params : batch) {
-                EXPECT_EQ(OMRALIB_RET_SUCCESS,
-                          Omralib_complete_invoke(hdl_, params.context,
-                                                  static_cast<unsigned int>(params.num_keys), 0));
-            }
+    static int lock(OMRALIB_HANDLE hdl) {
+        unsigned int len = 0;
+        return Omralib_read_and_lock_obj(hdl, 0, 0, &len, make_key(1, 1));
+    }
+
+    /* Starts a thread that locks the object, and returns when it is waiting. */
+    static std::future<int> start_waiting(OMRALIB_HANDLE hdl) {
+        const unsigned long long before = num_lock_waits();
+        std::future<int> waiter = std::async(std::launch::async, lock, hdl);
+        while (num_lock_waits() == before) {
             std::this_thread::yield();
         }
-    });
-    run_threads([&](OMRALIB_HANDLE hdl, unsigned int thread) {
-        OMRA_INDEX_HDR header{};
-        header.reserved = OMRALIB_INDEX_OP_INVOKE;
-        header.app_id = thread + 1;
-        header.reserved2 = 9;
-        for (int i = 0; i < 200; ++i) {
-            OMRA_INVOKE_RESULT result{};
+        return waiter;
+    }
+
+    static unsigned long long num_lock_waits() {
+        OMRALIB_STATS stats;
+        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_stats(&stats));
+        return stats.num_lock_waits;
+    }
+};
+FOR_ALL_ENGINES(Waiting);
+
+TEST_P(Waiting, MissesNoReleaseAndLosesNoUpdate) {
+    constexpr unsigned int rounds = 2000;
+    constexpr unsigned int num_keys = 2;
+    std::atomic<unsigned int> created{0};
+    run_threads([&](OMRALIB_HANDLE hdl, unsigned int) {
+        for (unsigned int i = 0; i < rounds; ++i) {
+            const OMRA_OBJKEY key = make_key(1, i % num_keys);
+            created += put(hdl, key, "0") == OMRALIB_RET_SUCCESS ? 1 : 0;
             unsigned int len = 0;
-            ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_invoke(hdl, 0, &header, sizeof header, &len));
-            ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(hdl, &result, sizeof result));
-            ASSERT_EQ(thread + 1, result.num_successful);
+            const int ticket = Omralib_read_and_lock_obj(hdl, 0, 0, &len, key);
+            ASSERT_GT(ticket, 0);
+            const std::string next = std::to_string(std::stoi(fetch(hdl, len)) + 1);
+            ASSERT_EQ(OMRALIB_RET_SUCCESS, update(hdl, key, ticket, next, true));
         }
     });
-    OMRALIB_STATS stats;
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_stats(&stats));
-    EXPECT_EQ(num_threads * 200u, stats.num_invocations);
+    EXPECT_EQ(num_keys, created);
+    for (unsigned int i = 0; i < num_keys; ++i) {
+        EXPECT_EQ(std::to_string(num_threads * rounds / num_keys), get(hdl_, make_key(1, i)));
+    }
+}
+
+TEST_P(Waiting, EndsWhenTheLockIsGivenBackHoweverThatHappens) {
+    const OMRA_OBJKEY key = make_key(1, 1);
+    const OMRALIB_HANDLE other = Omralib_open_ext(nullptr);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, ""));
+    int ticket = lock(hdl_);
+    EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, lock(hdl_)); /* its own would never be given back */
+    EXPECT_EQ(0u, num_lock_waits());
+
+    std::future<int> waiter = start_waiting(other);
+    clock_.advance(objects().patience);
+    EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, waiter.get());
+
+    waiter = start_waiting(other);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_unlock_obj(hdl_, ticket, 0, key));
+    ticket = waiter.get();
+    ASSERT_GT(ticket, 0);
+
+    waiter = start_waiting(hdl_);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, update(other, key, ticket, "", true));
+    ASSERT_GT(waiter.get(), 0);
+
+    waiter = start_waiting(other);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(hdl_));
+    ASSERT_GT(waiter.get(), 0);
+
+    waiter = start_waiting(Omralib_open_ext(nullptr));
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(other, 0, key));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, waiter.get());
 }
 
 } // namespace

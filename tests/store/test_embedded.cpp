@@ -1,0 +1,182 @@
+/* What only the embedded engine promises: its keys are sorted fast and right, a sweep lets others
+ * at the objects, a query costs what it finds, and says so. */
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "embedded/embedded_objects.h"
+#include "embedded/shard.h"
+#include "engine/key_sort.h"
+#include "query/explanation.h"
+#include "query/language.h"
+#include "query/request.h"
+#include "store_test.h"
+
+namespace {
+
+using store::Key;
+using store::millis_per_minute;
+
+TEST(KeySort, AgreesWithComparingWhereverKeysDiffer) {
+    constexpr std::uint64_t all = UINT64_MAX;
+    /* The bits in which keys differ: one mask for each 8 bytes of a key. */
+    const std::array<std::uint64_t, 5> cases[] = {
+        {all, all, all, all, all},               /* anywhere */
+        {0, 0, 0, 0xFFFFF, 0},                   /* small numbers */
+        {0, 0x8000000000000000, 0, 1, 0x1F0000}, /* a few bits far apart, many equal keys */
+        {0x0000000F03010003, 0, 0, 0, 0},        /* the fields that stand together in a word */
+        {0, 0, 0, 0, 0},                         /* nowhere */
+    };
+    std::mt19937_64 random(1);
+    for (const auto &masks : cases) {
+        for (const std::size_t num : {0, 1, 2, 33, 1000, 20000}) {
+            std::vector<Key> keys(num);
+            for (Key &key : keys) {
+                std::array<std::uint64_t, 5> words;
+                std::ranges::transform(masks, words.begin(),
+                                       [&](std::uint64_t mask) { return random() & mask; });
+                std::memcpy(&key, words.data(), sizeof key);
+            }
+            std::vector<Key> expected = keys;
+            std::ranges::sort(expected, store::KeyLess());
+            store::sort_keys(keys);
+            EXPECT_EQ(0, std::memcmp(expected.data(), keys.data(), num * sizeof(Key)))
+                << num << " keys, case " << &masks - cases;
+        }
+    }
+}
+
+/* However many objects of a shard expire together, one holding of its lock takes a bounded number.
+ */
+TEST(Sweep, TakesSmallSteps) {
+    struct Sink final : store::ExpirySink {
+        void on_due(store::Millis moment) noexcept override { due = std::min(due, moment); }
+        void on_expired(store::RecordChain expired) noexcept override {
+            largest = std::max(largest, expired.size());
+            total += expired.size();
+        }
+        store::Millis due = store::never;
+        std::size_t largest = 0;
+        std::size_t total = 0;
+    } sink;
+    TestClock clock;
+    store::MemoryBudget budget(store::no_memory_limit);
+    store::LockWaiters waiters(clock);
+    const store::ShardContext context{clock, 1000, budget, waiters, sink};
+    store::Shard shard(context);
+    for (unsigned int i = 0; i < 10000; ++i) {
+        const Key key = make_key(1, i);
+        ASSERT_EQ(OMRALIB_RET_SUCCESS,
+                  shard.create(store::make_record(key, 1 + i % 2, {}), store::hash_of(key), {}));
+    }
+    EXPECT_EQ(clock.now() + millis_per_minute, sink.due);
+    clock.advance(millis_per_minute);
+    std::size_t steps = 1;
+    while (shard.sweep(100) <= clock.now()) {
+        ++steps;
+    }
+    EXPECT_EQ(50u, steps);
+    EXPECT_EQ(5000u, sink.total);
+    EXPECT_EQ(clock.now() + millis_per_minute, shard.sweep(100));
+    clock.advance(millis_per_minute);
+    EXPECT_EQ(0u, shard.totals().num_objects);
+    EXPECT_EQ(10000u, sink.total);
+    EXPECT_LE(sink.largest, 256u);
+}
+
+/* Queries of objects whose index 0 is unique, index 1 has 10 values, and index 2 a name. */
+class QueryCost : public testing::Test {
+protected:
+    void fill(unsigned int number) {
+        for (unsigned int i = 0; i < number; ++i) {
+            OMRA_OBJ_INDEX values[] = {make_index(0, i), make_index(1, i % 10), make_index(2, 0)};
+            const std::string name = "name" + std::to_string(i);
+            std::memcpy(&values[2].value, name.data(), name.size());
+            ASSERT_EQ(OMRALIB_RET_SUCCESS,
+                      objects_.create(make_key(1, i), {as_bytes("x"), 0, values}));
+        }
+    }
+
+    static store::Bytes as_bytes(std::string_view text) { return std::as_bytes(std::span(text)); }
+
+    /* Objects and index values that a query looks at, when a view that it needs has been made. */
+    std::uint64_t cost_of(std::string_view query, std::size_t num_expected) {
+        store::Selection selection;
+        std::string error;
+        EXPECT_EQ(OMRALIB_RET_SUCCESS, store::parse_query(query, selection, error)) << error;
+        selection.app_id = 1;
+        std::vector<Key> keys;
+        store::find(objects_, selection, nullptr, keys);
+        const std::uint64_t before = objects_.num_examined;
+        store::find(objects_, selection, nullptr, keys);
+        EXPECT_EQ(num_expected, keys.size()) << query;
+        return objects_.num_examined - before;
+    }
+
+    std::string explained(std::string_view query) {
+        std::string text;
+        std::string error;
+        EXPECT_EQ(OMRALIB_RET_SUCCESS,
+                  store::explain_query(objects_, 1, as_bytes(query), text, error));
+        return text;
+    }
+
+    TestClock clock_;
+    DecoratedObjects objects_{
+        std::make_unique<store::EmbeddedObjects>(clock_, store::Configuration{})};
+};
+
+TEST_F(QueryCost, GrowsWithTheMatchesNotWithTheStore) {
+    constexpr unsigned int num_objects = 20'000;
+    fill(num_objects);
+    /* One look at each match, and a few at values on the way. */
+    const auto looks = [](std::size_t num_matches) { return 4 * num_matches; };
+    EXPECT_LE(cost_of("index0 = 77", 1), looks(1));
+    EXPECT_LE(cost_of("index0 in (1, 2, 3, 1000000)", 3), looks(4));
+    EXPECT_LE(cost_of("index0 between 100 and 109", 10), looks(10));
+    EXPECT_LE(cost_of("index0 >= 19990", 10), looks(10));
+    EXPECT_LE(cost_of("index2 starts with \"name1234\"", 11), looks(11));
+    EXPECT_LE(cost_of("index0 between 100 and 104 or index0 = 7 or index2 = \"name9\"", 7),
+              looks(7));
+    /* The cheapest part is looked up, in whatever place it stands. */
+    EXPECT_LE(cost_of("index1 = 3 and index0 between 100 and 119", 2), looks(20));
+    EXPECT_LE(cost_of("index0 between 100 and 119 and index1 = 3", 2), looks(20));
+    EXPECT_LE(cost_of("size = 1 and not index1 = 3 and index0 > 19990", 8), looks(9));
+    EXPECT_LE(cost_of("index0 > 5 and index2 starts with \"name1\" and index0 < 16", 6),
+              looks(32 * 10));
+    EXPECT_LE(cost_of("(index1 = 1 or size = 1) and (index0 = 5 or index0 = 11)", 2), looks(2));
+    /* Nobody could answer these from the index. */
+    EXPECT_GE(cost_of("size = 0", 0), num_objects);
+    EXPECT_GE(cost_of("index0 = 1 or not index0 = 2", num_objects - 1), num_objects);
+}
+
+TEST_F(QueryCost, IsExplained) {
+    fill(1000);
+    EXPECT_EQ("1000 objects of app id 1\n", explained(""));
+    EXPECT_EQ("1000 objects of app id 1\n"
+              "index0 between 1 and 5: 5 objects, looked up in an index\n"
+              "index1 = 3: 100 objects, tested on the objects looked up\n"
+              "not index1 = 4: 900 objects, tested on the objects looked up\n"
+              "size >= 1: 1000 objects, tested on the objects looked up\n"
+              "sample 12.5%\n"
+              "limit 3\n",
+              explained("size >= 1 and not index1 = 4 and index1 = 3 and index0 between 1 and 5 "
+                        "limit 3 sample 12.50%"));
+    EXPECT_EQ("1000 objects of app id 1\n"
+              "any of: 2 objects, looked up in an index\n"
+              "  index0 = 7: 1 object, looked up in an index\n"
+              "  all of: 1 object, looked up in an index\n"
+              "    index2 = \"name3\": 1 object, looked up in an index\n"
+              "    size = 1: 1000 objects, tested on the objects looked up\n",
+              explained("index0 = 7 or size = 1 and index2 = \"name3\""));
+    EXPECT_EQ("1000 objects of app id 1\n"
+              "any of: 901 objects, tested on every object\n"
+              "  index0 = 7: 1 object, tested on every object\n"
+              "  not index1 = 1: 900 objects, tested on every object\n",
+              explained("not index1 = 1 or index0 = 7"));
+}
+
+} // namespace
