@@ -172,7 +172,7 @@ protected:
             return host_id == 0xABC + 5;
         };
         Completion done{};
-        std::vector<OMRA_OBJKEY> keys(n);
+        Keys keys(n);
         std::generate(keys.begin(), keys.end(), [i = 0ull]() mutable { return world::key(i++); });
         ASSERT_TRUE(
             scheduler.run(seed, {[&] { done = run_request(eval_request(5), keys); }}, 40 * n));
@@ -218,7 +218,7 @@ protected:
                 params.results_key = world::key(910 + half);
                 params.exceptions_key = world::key(920 + half);
             }
-            std::vector<OMRA_OBJKEY> keys;
+            Keys keys;
             for (unsigned int i = 0; i < 4; ++i) {
                 keys.push_back(world::key(4 * half + i));
             }
@@ -311,7 +311,7 @@ protected:
         schedules::planted.follows_script = true;
         interposer::script(failures[rng() % std::size(failures)]);
         int status[5] = {};
-        const std::vector<OMRA_OBJKEY> keys = put_objects(2);
+        const Keys keys = put_objects(2);
         Completion early = {0, 2};
         ASSERT_TRUE(
             scheduler.run(seed,
