@@ -4,10 +4,13 @@
 #include "module_test.h"
 
 #include "eval/exceptions.h"
+#include "objects/objects.h"
 
 namespace {
 
 using interposer::Answer;
+using interposer::instead;
+using interposer::real;
 using interposer::script;
 using interposer::take_log;
 using interposer::take_reports;
@@ -106,6 +109,11 @@ TEST_F(Request_test, ParametersReachTheEvals) {
             clear();
         }
     }
+    OMRALIB_INVOKE_PARAMS too_long = eval_request(5, "some parameters");
+    params_ext(too_long).immediate_params_len = 200; // more than the key holds
+    run(too_long, put_objects(1));
+    EXPECT_EQ(set_functions::seen().params.size(), 32u);
+    EXPECT_EQ(take_reports(), "*pparams_obj_len <= OMRAPMI_MAX_IMMEDIATE_PARAMS_LEN");
 }
 
 TEST_F(Request_test, ReadsOfObjects) {
@@ -189,6 +197,44 @@ TEST_F(Request_test, NonsenseFromUserFunctions) {
         EXPECT_EQ(world::bytes(900), spoilt.result);
         clear();
     }
+}
+
+// Created when it is missing or empty, and else merged under its lock, for which one waits.
+TEST_F(Request_test, TheResultsObject) {
+    const std::string store = "store_obj 640 2 900", locked = store + "|read_and_lock_obj 900|";
+    unsigned int len = 0;
+    for (const char *stored : {"none", ""}) {
+        std::string(stored).empty() ? world::put(900, "") : void();
+        EXPECT_EQ(eval(1), (Completion{1, 0}));
+        const std::string log = take_log();
+        EXPECT_NE(log.find(*stored ? store + "|complete" : locked + "update_locked_obj 1 640 900|"),
+                  std::string::npos);
+        expect_result({0});
+    }
+    put_result({1});
+    const int elsewhere = real<Omralib_read_and_lock_obj>(hdl, 0, 0, &len, world::key(900));
+    real<Omralib_flush_read_data>(hdl);
+    int num_sleeps = 0;
+    instead<Thread_sleep> = [&](unsigned int duration_ms) {
+        EXPECT_EQ(duration_ms, 10u);
+        if (++num_sleeps == 3) {
+            real<Omralib_unlock_obj>(hdl, elsewhere, 0, world::key(900));
+        }
+    };
+    EXPECT_EQ(eval(1), (Completion{1, 0}));
+    EXPECT_EQ(num_sleeps, 3);
+    expect_result({0, 1});
+    clear();
+    OMRALIB_INVOKE_PARAMS params = eval_request(5);
+    params.invoke_timeout = 0xFFFFFFFF;
+    run(params, put_objects(1));
+    EXPECT_NE(take_log().find("|store_obj 640 65535 900|"), std::string::npos);
+    // With more room than an object can have.
+    const char *pdata = nullptr;
+    const OMRA_OBJKEY key = world::key(900);
+    EXPECT_EQ(
+        Omrapmi_read_get_or_create_and_lock_obj(hdl, &key, &pdata, &len, 0xFFFFFFFF, "x", 1, 0),
+        -1351);
 }
 
 // Results, then exceptions, then the completion; a failure before it changes the counts, or is one
