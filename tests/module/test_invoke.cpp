@@ -146,6 +146,9 @@ TEST_F(Invoke_test, TheRequestsBytes) {
     EXPECT_EQ(invoke(), 1);
     EXPECT_EQ(request, header(0, 0));
 
+    EXPECT_EQ(Omrapmi_invoke(hdl, &args), 1); // on the workers of its own app id
+    EXPECT_EQ(request.substr(36, 4), std::string("\7\0\0\0", 4));
+
     set_query(1, &spec, 328); // match all of no terms
     EXPECT_EQ(invoke(), 1);
     EXPECT_EQ(request, header(1, 0));
