@@ -284,6 +284,7 @@ TEST_F(Request_test, TheEnd) {
 TEST_F(Request_test, WithoutKeys) {
     const OMRALIB_INVOKE_PARAMS once = eval_request(5, "", MGTI_APPID_INVOKE_ONCE);
     const auto always = [](auto...) { return true; };
+    EXPECT_EQ(eval(1), (Completion{1, 0})); // leaves no key behind
     put_result({1});
     EXPECT_EQ(run(once, {{}}), (Completion{1, 0}));
     expect_result({1, set_functions::no_object});
