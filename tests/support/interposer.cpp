@@ -270,7 +270,7 @@ Verdict scripted(const Call &call) {
     if (found == state.answers.end()) {
         return {};
     }
-    const Verdict verdict{Verdict::refused, found->answer};
+    Verdict verdict{Verdict::refused, found->answer};
     state.answers.erase(found);
     return verdict;
 }
