@@ -22,6 +22,10 @@ using faults::Mode;
 using faults::Point;
 using Plan = std::vector<Point>;
 
+constexpr Mode all_modes[] = {Mode::refused, Mode::reply_lost, Mode::host_1_dies, Mode::host_2_dies,
+                              Mode::host_3_dies};
+constexpr Extent all_extents[] = {Extent::once, Extent::operation, Extent::all};
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool sanitized = true; // a new process costs much more
 #else
@@ -31,6 +35,7 @@ constexpr bool sanitized = false;
 // Written by the processes of a sweep, read when they have ended.
 struct Report {
     faults::Seen seen;
+    const char *stage; // of this program's text
     char complaint[1000];
 };
 
@@ -50,9 +55,10 @@ public:
         *report_ = {};
         const pid_t child = fork();
         if (child == 0) {
-            alarm(30);
+            alarm(60);
             std::string complaint;
-            report_->seen = scenarios::run(scenario_, num_workers_, plan, complaint);
+            report_->seen =
+                scenarios::run(scenario_, num_workers_, plan, complaint, report_->stage);
             std::strncpy(report_->complaint, complaint.c_str(), sizeof report_->complaint - 1);
             _exit(complaint.empty() ? 0 : 1);
         }
@@ -73,7 +79,8 @@ private:
         num_complaints_ += 1;
         std::string what = report_->complaint;
         if (WIFSIGNALED(status)) {
-            what = WTERMSIG(status) == SIGALRM ? "hangs" : strsignal(WTERMSIG(status));
+            what += WTERMSIG(status) == SIGALRM ? "hangs" : strsignal(WTERMSIG(status));
+            what.append(" ").append(report_->stage != nullptr ? report_->stage : "at the start");
         }
         ADD_FAILURE() << "FAULT_POINTS=" << faults::to_text(plan) << ": " << what;
     }
@@ -110,7 +117,8 @@ protected:
         const Plan plan = faults::to_points(text);
         EXPECT_FALSE(plan.empty()) << text;
         std::string complaint;
-        const faults::Seen seen = scenarios::run(scenario_, num_workers_, plan, complaint);
+        const char *stage = nullptr;
+        const faults::Seen seen = scenarios::run(scenario_, num_workers_, plan, complaint, stage);
         std::printf("%u of %u calls failed\n", seen.num_fired, seen.num_calls);
         EXPECT_EQ("", complaint);
         return true;
@@ -128,8 +136,8 @@ class Singles : public FaultTest {
 public:
     using FaultTest::FaultTest;
     void sweep(const faults::Seen &calm) override {
-        for (const Mode mode : faults::all_modes) {
-            for (const Extent extent : faults::all_extents) {
+        for (const Mode mode : all_modes) {
+            for (const Extent extent : all_extents) {
                 const bool dies = mode >= Mode::host_1_dies;
                 if ((dies && extent != Extent::once) ||
                     (sanitized && extent == Extent::operation)) {
@@ -169,9 +177,9 @@ public:
 private:
     // A pair of modes, another one for each neighbour.
     static std::pair<Mode, Mode> modes(unsigned int turn) {
-        constexpr unsigned int num_modes = std::size(faults::all_modes);
+        constexpr unsigned int num_modes = std::size(all_modes);
         turn = 1 + turn % (num_modes * num_modes - 1);
-        return {faults::all_modes[turn / num_modes], faults::all_modes[turn % num_modes]};
+        return {all_modes[turn / num_modes], all_modes[turn % num_modes]};
     }
 };
 
