@@ -1,203 +1,108 @@
 #include "module_test.h"
 
-#include "dispatch/dispatcher.h"
-
-#include "sysapp.h"
-
-#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
 
 namespace {
 
-// What a failing function leaves in its outputs must not be looked at.
-char bogus_block[1];
+using interposer::instead;
 
-int eval(const char *pdata, unsigned int data_len, const char *pparams, unsigned int params_len,
-         char **ppresult_out, unsigned int *presult_len_out) {
-    const unsigned int object =
-        data_len != 0 ? static_cast<unsigned char>(*pdata) : user::no_object;
-    if (user::script().on_eval) {
-        user::script().on_eval(object);
+void poll(const std::function<bool()> &condition) {
+    for (unsigned int looks = 0; !condition(); ++looks) {
+        if (looks == 100'000) {
+            std::abort();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    sys::with_lock([&] {
-        EXPECT_EQ(pparams == nullptr, params_len == 0);
-        EXPECT_EQ(pdata == nullptr, data_len == 0);
-        EXPECT_TRUE(*ppresult_out == nullptr && *presult_len_out == 0);
-        user::script().params.assign(pparams ? pparams : "", params_len);
-    });
-    const auto code = user::script().eval_codes.find(object);
-    if (code != user::script().eval_codes.end()) {
-        *ppresult_out = bogus_block;
-        *presult_len_out = 1;
-        return code->second;
-    }
-    if (user::script().silent.count(object) == 0) {
-        const ULONGLONG bit = 1ull << object;
-        *ppresult_out = static_cast<char *>(Omrapmi_malloc(sizeof bit));
-        *presult_len_out = sizeof bit;
-        std::memcpy(*ppresult_out, &bit, sizeof bit);
-    }
-    if (user::script().spoil_eval) {
-        user::script().spoil_eval(ppresult_out, presult_len_out);
-    }
-    return 0;
 }
 
-int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_len,
-          char **ppmerged_out, unsigned int *pmerged_len_out) {
-    unsigned int nth = 0;
-    sys::with_lock([&] { nth = ++user::script().num_merges; });
-    if (user::script().on_merge) {
-        user::script().on_merge(nth);
+// The requests that are delivered and not complete, or not taken notice of. Worker threads outlive
+// main, and so does this.
+struct Book {
+    std::mutex lock;
+    std::map<unsigned int, Keys> keys;              // guarded by lock
+    std::map<unsigned int, Completion> completions; // guarded by lock
+};
+Book &book = *new Book;
+
+int get_keys(unsigned int context, OMRA_OBJKEY *pkeys, unsigned int num_keys) {
+    const std::lock_guard guard(book.lock);
+    const Keys &keys = book.keys.at(context);
+    EXPECT_EQ(keys.size(), num_keys);
+    std::copy(keys.begin(), keys.end(), pkeys);
+    return OMRALIB_RET_SUCCESS;
+}
+
+int complete(unsigned int context, const Completion &completion) {
+    if (on_complete) {
+        on_complete(context);
     }
-    EXPECT_TRUE(*ppmerged_out == nullptr && *pmerged_len_out == 0);
-    const ULONGLONG dst = user::number({pdst, dst_len});
-    const ULONGLONG src = user::number({psrc, src_len});
-    EXPECT_EQ(dst & src, 0u) << "merged twice";
-    if (user::script().failing_merges.count(nth) != 0) {
-        *ppmerged_out = bogus_block;
-        return 500 + static_cast<int>(nth);
-    }
-    *ppmerged_out = nth % 2 == 1 ? pdst : static_cast<char *>(Omrapmi_malloc(sizeof dst));
-    *pmerged_len_out = user::script().merged_len;
-    const ULONGLONG merged = dst | src;
-    std::memcpy(*ppmerged_out, &merged, sizeof merged);
-    if (user::script().spoil_merge) {
-        user::script().spoil_merge(psrc, ppmerged_out, pmerged_len_out);
-    }
-    return 0;
+    const std::lock_guard guard(book.lock);
+    EXPECT_EQ(book.keys.erase(context), 1u) << "completed twice, or unknown";
+    book.completions[context] = completion;
+    return OMRALIB_RET_SUCCESS;
 }
 
 } // namespace
 
-namespace user {
+std::function<void(const std::function<bool()> &)> &wait_until = *new auto(std::function(poll));
+std::function<void(unsigned int)> &on_complete = *new std::function<void(unsigned int)>;
 
-Script &script() {
-    static Script &the_script = *new Script;
-    return the_script;
-}
-
-const OMRAPMI_EVAL_FUNCP eval_func = eval;
-const OMRAPMI_MERGE_FUNCP merge_func = merge;
-
-std::string bits(const std::vector<unsigned int> &objects) {
-    ULONGLONG value = 0;
-    for (const unsigned int object : objects) {
-        value |= 1ull << object;
+int deliver(OMRALIB_INVOKE_PARAMS params, const Keys &keys) {
+    params.num_keys = static_cast<int>(keys.size());
+    {
+        const std::lock_guard guard(book.lock);
+        book.keys[params.context] = keys;
     }
-    return {reinterpret_cast<const char *>(&value), sizeof value};
-}
-
-ULONGLONG number(std::string_view result) {
-    ULONGLONG value = 0;
-    EXPECT_EQ(result.size(), sizeof value);
-    std::memcpy(&value, result.data(), std::min(result.size(), sizeof value));
-    return value;
-}
-
-} // namespace user
-
-void register_functions() {
-    ASSERT_EQ(Omrapmi_worker_register_eval_func(eval, user::eval_id, 7), 1);
-    ASSERT_EQ(Omrapmi_worker_register_merge_func(merge, user::merge_id, 7), 1);
-    ASSERT_EQ(Omrapmi_worker_register_invoke_once_eval_func(eval, user::once_id, 7), 1);
-}
-
-void Module_test::SetUp() {
-    sys::watch_traces();
-    hdl = Omralib_open_ext(nullptr);
-    store::take_log();
-}
-
-void Module_test::TearDown() {
-    EXPECT_EQ(sys::take_asserts(), "");
-    EXPECT_EQ(store::faults(), "");
-    for (const unsigned int tag :
-         {OMRAPMI_TAG_NEW_OBJECT, OMRAPMI_TAG_OBJECT, OMRAPMI_TAG_LOCKED_OBJECT,
-          OMRAPMI_TAG_REQUEST, OMRAPMI_TAG_USER}) {
-        EXPECT_EQ(Sys_get_mem_use(tag).blocks, 0u) << "left under tag " << tag;
+    const unsigned int context = params.context;
+    const int result = Omrapmi_invoke_ext_cb("pmicli\0\0\0\0\0\0\0\0\0", &params);
+    std::memset(&params, 0xEE, sizeof params); // the module must have made its own copy
+    if (result != OMRALIB_INVOKE_ACCEPTED) {
+        const std::lock_guard guard(book.lock);
+        book.keys.erase(context);
     }
+    return result;
 }
 
-void Stepped_test::SetUp() {
-    Module_test::SetUp();
-    sys::script.threads_held = true;
-    ASSERT_EQ(Omrapmi_worker_init_ext(2), 1);
-    register_functions();
-    sys::take_traces();
+Completion run_request(const OMRALIB_INVOKE_PARAMS &params, const Keys &keys) {
+    EXPECT_EQ(deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
+    Completion result = {};
+    wait_until([&] {
+        const std::lock_guard guard(book.lock);
+        const auto completion = book.completions.extract(params.context);
+        return !completion.empty() && (result = completion.mapped(), true);
+    });
+    return result;
 }
 
-OMRAPMI_IDSC *Stepped_test::next_request() {
-    return reinterpret_cast<OMRAPMI_IDSC *>(Blockq_deq(&omrapmi_worker_state.idsc_blockq, 0));
-}
-
-OMRAPMI_WDSC *Stepped_test::next_work() {
-    return reinterpret_cast<OMRAPMI_WDSC *>(Blockq_deq(&omrapmi_worker_state.wdsc_blockq, 0));
-}
-
-std::vector<OMRAPMI_WDSC *> Stepped_test::dispatch(const OMRALIB_INVOKE_PARAMS &params,
-                                                   const std::vector<OMRA_OBJKEY> &keys) const {
-    EXPECT_EQ(store::deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
-    OMRAPMI_IDSC *pidsc = next_request();
-    EXPECT_TRUE(Omrapmi_dispatcher(hdl, pidsc));
-    std::vector<OMRAPMI_WDSC *> work;
-    while (OMRAPMI_WDSC *pwdsc = next_work()) {
-        EXPECT_EQ(pwdsc->pidsc, pidsc);
-        work.push_back(pwdsc);
-    }
-    return work;
-}
-
-void Live_test::SetUp() {
-    Module_test::SetUp();
-    ASSERT_EQ(Omrapmi_worker_init_ext(4), 1);
-    register_functions();
-    sys::take_traces();
-}
-
-store::Completion Live_test::run(const OMRALIB_INVOKE_PARAMS &params,
-                                 const std::vector<OMRA_OBJKEY> &keys) {
-    EXPECT_EQ(store::deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
-    const store::Completion completion = store::wait_complete(params.context);
-    sys::wait_for("the descriptors", [] { return sys::free_descriptors() == sys::all_free; });
-    return completion;
-}
-
-OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params) {
+OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params,
+                                   unsigned int app_id) {
+    const bool is_once = app_id == MGTI_APPID_INVOKE_ONCE;
     OMRALIB_INVOKE_PARAMS request = {};
-    request.app_id = 7;
-    request.invoke_op = user::eval_id;
-    request.merge_op = user::merge_id;
+    request.app_id = app_id;
+    request.invoke_op = is_once ? set_functions::once_id : set_functions::eval_id;
+    request.merge_op = set_functions::merge_id;
     request.context = context;
     request.invoke_timeout = 30;
-    request.svr_host_id = 0xABC;
-    request.results_key = store::key(900);
-    request.exceptions_key = store::key(901);
+    request.svr_host_id = 0xABC + context;
+    request.results_key = world::key(900);
+    request.exceptions_key = world::key(901);
     request.immediate_params = 1;
-    params_ext(request).event_app_id = 7;
+    params_ext(request).event_app_id = world::app;
     params_ext(request).immediate_params_len = static_cast<UCHAR>(params.size());
     std::memcpy(reinterpret_cast<char *>(&request.params_key) + 8, params.data(), params.size());
     return request;
 }
 
-OMRALIB_INVOKE_PARAMS stored_params_request(unsigned int context) {
-    OMRALIB_INVOKE_PARAMS request = eval_request(context);
+OMRALIB_INVOKE_PARAMS merge_request(unsigned long long object, UCHAR is_merge) {
+    OMRALIB_INVOKE_PARAMS request = eval_request(5);
     request.immediate_params = 0;
-    request.params_key = store::key(50);
-    return request;
-}
-
-OMRALIB_INVOKE_PARAMS once_request(unsigned int context) {
-    OMRALIB_INVOKE_PARAMS request = eval_request(context);
-    request.app_id = MGTI_APPID_INVOKE_ONCE;
-    request.invoke_op = user::once_id;
-    return request;
-}
-
-OMRALIB_INVOKE_PARAMS merge_request(unsigned int context, ULONGLONG source) {
-    OMRALIB_INVOKE_PARAMS request = stored_params_request(context);
-    request.merge_request = 1;
-    request.params_key = store::key(source);
+    request.merge_request = is_merge;
+    request.params_key = world::key(object);
     return request;
 }
 
@@ -205,25 +110,62 @@ OMRAPMI_PARAMS_EXT &params_ext(OMRALIB_INVOKE_PARAMS &params) {
     return *reinterpret_cast<OMRAPMI_PARAMS_EXT *>(&params.params_key);
 }
 
-std::vector<OMRA_OBJKEY> put_objects(unsigned int num_objects) {
-    std::vector<OMRA_OBJKEY> keys;
+Keys put_objects(unsigned int num_objects) {
+    Keys keys;
     for (unsigned int i = 0; i < num_objects; ++i) {
-        keys.push_back(store::key(i));
-        store::put(i, std::string(1, static_cast<char>(i)));
+        keys.push_back(world::key(i));
+        world::put(i, set_functions::object_bytes(i));
     }
     return keys;
 }
 
-std::vector<OMRAPMI_EXCEPTION> exceptions() {
-    const std::string bytes = store::bytes(901);
-    std::vector<OMRAPMI_EXCEPTION> records(
-        bytes == "none" ? 0 : bytes.size() / sizeof(OMRAPMI_EXCEPTION));
-    if (!records.empty()) {
-        std::memcpy(records.data(), bytes.data(), records.size() * sizeof records[0]);
-    }
-    return records;
+std::vector<OMRAPMI_EXCEPTION> exceptions(unsigned long long object) {
+    const std::string bytes = world::bytes(object);
+    std::vector<OMRAPMI_EXCEPTION> list(bytes.size() / sizeof(OMRAPMI_EXCEPTION)); // none of "none"
+    std::memcpy(static_cast<void *>(list.data()), bytes.data(), list.size() * sizeof list[0]);
+    return list;
 }
 
-bool same_key(const OMRA_OBJKEY &a, const OMRA_OBJKEY &b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
+void check_outcome(const Completion &done, const set_functions::Invocation &invocation,
+                   unsigned long long results, unsigned long long exceptions_object) {
+    std::string result = world::bytes(results);
+    std::vector<OMRAPMI_EXCEPTION> list = exceptions(exceptions_object);
+    OMRAPMI_INVOKE_ARGS answer = {};
+    answer.use_exceptions = TRUE;
+    answer.num_successful_out = done.num_successful;
+    answer.num_failed_out = done.num_failed;
+    answer.presults_obj_out = result == "none" ? nullptr : result.data();
+    answer.results_obj_len_out = result == "none" ? 0 : static_cast<ULONG>(result.size());
+    answer.pexceptions_out = list.data();
+    answer.num_exceptions_out = static_cast<ULONG>(list.size());
+    EXPECT_EQ(set_functions::check_answer(answer, invocation), "");
+    world::remove(results);
+    world::remove(exceptions_object);
+}
+
+// Fixtures ----------------------------------------------------------------------------------------
+
+void check_nothing_left() {
+    EXPECT_EQ(interposer::take_reports(), "");
+    EXPECT_EQ(interposer::take_misuse(), "");
+    EXPECT_EQ(set_functions::take_complaints(), "");
+    const interposer::Ledger left = interposer::ledger();
+    EXPECT_TRUE(left.reads == 0 && left.object_locks == 0 && left.mutexes == 0);
+    EXPECT_EQ(interposer::num_blocks(), 0u);
+    EXPECT_TRUE(book.keys.empty() && book.completions.empty()) << "a request left open";
+}
+
+void Module_test::SetUp() {
+    world::open(*new TestClock);
+    instead<Omralib_get_invoke_keys> = get_keys;
+    instead<Omralib_complete_invoke> = [](OMRALIB_HANDLE, unsigned int context,
+                                          unsigned int num_successful, unsigned int num_failed) {
+        return complete(context, {num_successful, num_failed});
+    };
+    instead<Omralib_flush_invoke> = [](unsigned int context) {
+        return complete(context, {0, 0, true});
+    };
+    interposer::before = interposer::scripted;
+    interposer::collect_traces();
+    hdl = interposer::real<Omralib_open_ext>(nullptr);
 }

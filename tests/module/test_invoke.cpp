@@ -7,6 +7,11 @@
 
 namespace {
 
+using interposer::instead;
+using interposer::real;
+using interposer::script;
+using interposer::take_log;
+using interposer::take_reports;
 using Args = OMRAPMI_INVOKE_ARGS;
 using Ext_args = OMRAPMI_INVOKE_EXT_ARGS;
 using Query = OMRAPMI_QUERY_SPEC;
@@ -19,10 +24,11 @@ protected:
         args.func_id_eval = 1;
         args.func_id_merge = 2;
         args.timeout_s = 0x12345;
-        store::script.on_invoke = [this](std::string_view sent, std::string &reply_bytes) {
-            request = sent;
-            reply_bytes.assign(reinterpret_cast<const char *>(&reply), reply_len);
-            return 1;
+        instead<Omralib_invoke> = [this](OMRALIB_HANDLE its_hdl, unsigned int, const void *preq,
+                                         unsigned int req_len, unsigned int *plen_out) {
+            request.assign(static_cast<const char *>(preq), req_len);
+            world::put(999, std::string(reinterpret_cast<const char *>(&reply), reply_len));
+            return real<Omralib_read_obj>(its_hdl, 0, plen_out, world::key(999)); // now pending
         };
     }
     int invoke() { return Omrapmi_invoke_ext(hdl, &args, &args_ext); }
@@ -36,10 +42,10 @@ protected:
         args.query_spec_len = len;
     }
     // The objects of an invocation with 2 failures.
-    void put_outcome(std::string_view exceptions) {
-        reply = {2, 10, 2, 0, store::key(900), store::key(901)};
-        store::put(900, "merged");
-        store::put(901, exceptions);
+    void put_outcome(std::size_t exceptions_len) {
+        reply = {2, 10, 2, 0, world::key(900), world::key(901)};
+        world::put(900, "merged");
+        world::put(901, std::string(exceptions_len, 'e'));
     }
     auto outputs() const {
         return std::tuple(args.num_successful_out, args.num_failed_out, args.presults_obj_out,
@@ -54,6 +60,7 @@ protected:
     Args args = {};
     Ext_args args_ext = {7, 0, 0};
     OMRA_INVOKE_RESULT reply = {2, 5, 0, 0, {}, {}};
+    char behind_reply[4] = {};
     std::size_t reply_len = sizeof reply;
     std::string request;
     const char *const long_params = "0123456789012345678901234567890123";
@@ -61,13 +68,12 @@ protected:
 
 TEST_F(Invoke_test, WhatComesBeforeTheArguments) {
     args.app_id = 0xFFFFFFFF;
+    script({{"init", -101}});
     EXPECT_EQ(Omrapmi_invoke(hdl, nullptr), -106);
     EXPECT_EQ(Omrapmi_invoke(hdl, &args), -106);
-    EXPECT_EQ(store::script.num_calls["init"], 0u);
-    store::script.answers = {{"init", -101}};
     EXPECT_EQ(Omrapmi_invoke_ext(hdl, nullptr, nullptr), -101);
     EXPECT_EQ(Omrapmi_invoke_ext(4711, nullptr, nullptr), -102);
-    EXPECT_EQ(sys::take_traces(), "Tr [br-iai 0] -101|[ie 0] -101|[ie 1] 4711 -102");
+    EXPECT_EQ(interposer::take_traces(), "Tr [br-iai 0] -101|[ie 0] -101|[ie 1] 4711 -102");
     EXPECT_EQ(Omrapmi_invoke_ext(hdl, nullptr, &args_ext), -1306);
     EXPECT_EQ(Omrapmi_invoke_ext(hdl, &args, nullptr), -1306);
 }
@@ -164,7 +170,7 @@ TEST_F(Invoke_test, TheRequestsBytes) {
     set_query(2, query.data(), 1000);
     EXPECT_EQ(invoke(), 1);
     EXPECT_EQ(request, header(2, 1000) + query);
-    sys::script.malloc_countdown[OMRAPMI_TAG_USER] = 1;
+    script({{"Sys_malloc", 0, std::to_string(OMRAPMI_TAG_USER)}});
     EXPECT_EQ(invoke(), -114);
     args.query_spec_len = 0xFFFFFFFF; // more than a request can hold
     EXPECT_EQ(invoke(), -114);
@@ -172,62 +178,78 @@ TEST_F(Invoke_test, TheRequestsBytes) {
 
 TEST_F(Invoke_test, HandsOutWhatThereIs) {
     set_params(long_params);
-    put_outcome(std::string(100, 'e')); // torn: two records and a rest
+    OMRA_OBJKEY stored = {};
+    instead<Omralib_remove_obj> = [&](OMRALIB_HANDLE its_hdl, unsigned int, OMRA_OBJKEY key) {
+        stored = key.app_id == 0x30000000 ? key : stored;
+        return real<Omralib_remove_obj>(its_hdl, 0, key);
+    };
     for (const bool use_exceptions : {true, false}) {
+        put_outcome(100); // torn: two records and a rest
         args.use_exceptions = use_exceptions;
-        store::take_log();
         EXPECT_EQ(invoke(), 1);
-        EXPECT_EQ(request[40], 0);
-        EXPECT_EQ(std::memcmp(&request[48], &store::script.stored.back().first, 40), 0);
-        EXPECT_EQ(store::take_log(), "handle_ready|store_obj params|invoke 104|get_read_data 96|"
-                                     "remove_obj params|read_obj 900|get_read_data 6|"
-                                     "remove_obj 900|read_obj 901|get_read_data 100|"
-                                     "remove_obj 901");
-        EXPECT_EQ(sys::take_asserts(), "exceptions_obj_len % sizeof *pexceptions == 0");
+        EXPECT_TRUE(request[40] == 0 && std::memcmp(&request[48], &stored, sizeof stored) == 0);
+        EXPECT_EQ(take_log(), "handle_ready|store_obj 42 1244 params|invoke 104|get_read_data 96|"
+                              "remove_obj params|read_obj 900|get_read_data 6|remove_obj 900|"
+                              "read_obj 901|get_read_data 100|remove_obj 901");
+        EXPECT_EQ(take_reports(), "exceptions_obj_len % sizeof *pexceptions == 0");
         EXPECT_TRUE(args.num_successful_out == 10 && args.num_failed_out == 2);
         EXPECT_EQ(std::string(args.presults_obj_out, args.results_obj_len_out), "merged");
         EXPECT_EQ(args.num_exceptions_out, 2u); // counted in any case
         EXPECT_EQ(args.pexceptions_out ? args.pexceptions_out[1].code : 0,
                   use_exceptions ? 0x65656565 : 0);
         free_outputs();
-        put_outcome(std::string(100, 'e'));
-    }
-    // What is absent costs no call: no failure, or a key that is null in all that counts.
-    set_params("few");
-    reply.results_key = OMRA_OBJKEY{0, 0, 9, 9, {}, {}};
-    for (const unsigned int num_failed : {0u, 1u}) {
-        reply.num_failed = num_failed;
-        reply.exceptions_key = num_failed == 0 ? store::key(901) : OMRA_OBJKEY{};
-        store::take_log();
-        EXPECT_EQ(invoke(), 1);
-        EXPECT_TRUE(!args.presults_obj_out && args.results_obj_len_out == 0 &&
-                    !args.pexceptions_out && args.num_exceptions_out == 0);
-        EXPECT_EQ(store::take_log(), "handle_ready|invoke 104|get_read_data 96");
     }
 }
 
-// One part that is not null is enough for a key that names an object.
-TEST_F(Invoke_test, AnyPartOfAKeyCounts) {
-    for (unsigned int part = 0; part < 6; ++part) {
-        OMRA_OBJKEY key = {};
-        key.app_id = part == 0 ? 1 : 0;
-        key.flags = part == 1 ? 1 : 0;
-        key.ext_obj_id.u64_comp[0] = part == 2 ? 1 : 0;
-        key.ext_obj_id.u64_comp[1] = part == 3 ? 1 : 0;
-        key.obj_id.u64_comp[0] = part == 4 ? 1 : 0;
-        key.obj_id.u64_comp[1] = part == 5 ? 1 : 0;
-        reply = {2, 10, 2, 0, key, key};
-        store::script.num_calls["read_obj"] = 0;
-        EXPECT_EQ(invoke(), -109);
-        EXPECT_EQ(store::script.num_calls["read_obj"], 2u) << part;
+// Replies without objects to fetch: keys that are null, or null in all that counts; no failure that
+// the exceptions could be of; and what is no reply at all.
+TEST_F(Invoke_test, RepliesWithoutObjects) {
+    const OMRA_OBJKEY null_in_effect{0, 0, 9, 9, {}, {}}, none{}, some = world::key(901);
+    struct Case {
+        OMRA_INVOKE_RESULT reply;
+        std::size_t reply_len;
+        int expected;
+        const char *log, *reports;
+    };
+    const Case cases[] = {
+        {{2, 5, 0, 0, null_in_effect, some}, 96, 1, "get_read_data 96", ""},
+        {{2, 5, 1, 0, none, none}, 96, 1, "get_read_data 96", ""},
+        {{3, 5, 4, 0, none, none},
+         96,
+         1,
+         "get_read_data 96",
+         "inv_result.reserved == OMRALIB_INDEX_OP_INVOKE"},
+        // The counts alone: no keys, whatever the stack held.
+        {{2, 5, 4, 0, some, some},
+         16,
+         1,
+         "get_read_data 16",
+         "inv_result_len == sizeof inv_result"},
+        // Too long: dropped, so that the handle is ready again.
+        {{2, 5, 0, 0, none, none},
+         97,
+         OMRALIB_ERR_BAD_ARGS,
+         "get_read_data 96|flush_read_data",
+         "inv_result_len == sizeof inv_result|ret != OMRALIB_ERR_BAD_ARGS"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        reply = c.reply;
+        reply_len = c.reply_len;
+        args.presults_obj_out = nullptr;
+        EXPECT_EQ(invoke(), c.expected);
+        EXPECT_EQ(take_log(), std::string("handle_ready|invoke 104|") + c.log);
+        EXPECT_EQ(take_reports(), c.reports);
+        if (c.expected == 1) {
+            EXPECT_EQ(outputs(), std::tuple(5, c.reply.num_failed, nullptr, 0, nullptr, 0));
+        }
     }
-    sys::take_asserts();
 }
 
 // The first failure decides, the rest is still collected, and nothing is handed out.
 TEST_F(Invoke_test, FailuresOfTheStore) {
     struct Case {
-        std::vector<store::Answer> answers;
+        std::vector<interposer::Answer> answers;
         int expected;
         const char *left; // in the store
     };
@@ -246,17 +268,16 @@ TEST_F(Invoke_test, FailuresOfTheStore) {
     };
     set_params(long_params);
     set_query(2, "query", 5); // its block must be freed whatever happens
+    unsigned long long num_params = 0;
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.answers[0].op + std::to_string(c.expected) + c.left);
-        store::script.objects.clear();
-        put_outcome(std::string(96, 'e'));
-        store::script.answers = c.answers;
+        SCOPED_TRACE(c.answers[0].operation + std::to_string(c.expected) + c.left);
+        put_outcome(96);
+        script(c.answers);
         const auto before = outputs();
         EXPECT_EQ(invoke(), c.expected);
-        std::string left;
-        for (const auto &[name, object] : store::script.objects) {
-            left += name + " ";
-        }
+        std::string left = world::bytes(900) == "none" ? "" : "900 ";
+        left += world::bytes(901) == "none" ? "" : "901 ";
+        left += std::exchange(num_params, world::count(0x30000000)) == num_params ? "" : "params ";
         EXPECT_EQ(left, c.left);
         if (c.expected == 1) {
             free_outputs();
@@ -264,33 +285,8 @@ TEST_F(Invoke_test, FailuresOfTheStore) {
             EXPECT_TRUE(outputs() == before);
         }
     }
-    EXPECT_EQ(sys::take_asserts(), "ret != OMRALIB_ERR_NOT_READING|ret != OMRALIB_ERR_BAD_KEY|"
-                                   "ret != OMRALIB_ERR_OBJ_NOT_FOUND");
-}
-
-TEST_F(Invoke_test, ARepliesLengthAndKindAreChecked) {
-    reply_len = 16; // the counts alone: no keys, whatever the stack held
-    reply.num_failed = 4;
-    EXPECT_EQ(invoke(), 1);
-    EXPECT_EQ(sys::take_asserts(), "inv_result_len == sizeof inv_result");
-    EXPECT_TRUE(args.num_successful_out == 5 && args.num_failed_out == 4 &&
-                !args.presults_obj_out && !args.pexceptions_out);
-    reply_len = sizeof reply;
-    reply.reserved = 3;
-    EXPECT_EQ(invoke(), 1);
-    EXPECT_EQ(sys::take_asserts(), "inv_result.reserved == OMRALIB_INDEX_OP_INVOKE");
-}
-
-TEST_F(Invoke_test, AReplyThatIsTooLongIsDropped) {
-    store::script.on_invoke = [](std::string_view, std::string &reply_bytes) {
-        reply_bytes.assign(97, '\0');
-        return 1;
-    };
-    store::script.answers = {{"get_read_data", OMRALIB_ERR_BAD_ARGS}, {"flush_read_data", 1}};
-    EXPECT_EQ(invoke(), OMRALIB_ERR_BAD_ARGS);
-    EXPECT_EQ(sys::take_asserts(),
-              "inv_result_len == sizeof inv_result|ret != OMRALIB_ERR_BAD_ARGS");
-    EXPECT_EQ(store::take_log(), "handle_ready|invoke 104|get_read_data 96|flush_read_data");
+    EXPECT_EQ(take_reports(), "ret != OMRALIB_ERR_NOT_READING|ret != OMRALIB_ERR_BAD_KEY|"
+                              "ret != OMRALIB_ERR_OBJ_NOT_FOUND");
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// Objects of the store as the module uses them: the object helpers and the two forms of the
-// parameters.
+// Objects of the store as the module uses them: created or locked, and the two forms of the
+// parameters. What becomes of failures is the matter of the fault sweeps.
 #include "module_test.h"
 
 #include "objects/objects.h"
@@ -10,113 +10,54 @@
 
 namespace {
 
+using interposer::instead;
+using interposer::real;
+using interposer::take_log;
+
 class Objects_test : public Module_test {
 protected:
-    int read() { return Omrapmi_read_get_obj(hdl, &key5, FALSE, &pdata, &data_len); }
-    int read_delete() { return Omrapmi_read_get_delete_obj(hdl, &key5, &pdata, &data_len); }
     int create_or_lock(unsigned int extra_len = 0, unsigned int timeout_s = 30) {
-        return Omrapmi_read_get_or_create_and_lock_obj(hdl, &key5, &plocked, &data_len, extra_len,
-                                                       defaults, 3, timeout_s);
+        return Omrapmi_read_get_or_create_and_lock_obj(hdl, &key5, &pdata, &data_len, extra_len,
+                                                       "def", 3, timeout_s);
     }
-    // After a failure the outputs are as before, and neither a lock nor a read is left.
-    void expect_untouched() const {
-        EXPECT_TRUE(pdata == untouched && plocked == untouched && data_len == 77);
-        EXPECT_EQ(store::faults(), "");
-    }
-    // What the caller owns.
-    std::string take_data() {
-        std::string result(pdata ? pdata : "", data_len);
-        Sys_free(std::exchange(pdata, untouched));
-        return result;
-    }
+    std::string data() const { return {pdata, data_len}; }
 
-    char untouched[1] = {'u'};
-    char *pdata = untouched;
-    const char *plocked = untouched;
-    const char *const defaults = "def";
-    unsigned int data_len = 77;
-    const OMRA_OBJKEY key5 = store::key(5);
+    const char *pdata = nullptr;
+    unsigned int data_len = 0;
+    const OMRA_OBJKEY key5 = world::key(5);
 };
-
-TEST_F(Objects_test, ReadAndDelete) {
-    EXPECT_EQ(read(), -109);
-    EXPECT_EQ(sys::take_traces(), ""); // nothing uncommon
-    EXPECT_EQ(read_delete(), -109);
-    EXPECT_EQ(sys::take_traces(), "[rgo 0] -109|[rgdo 0] -109");
-    store::put(5, "hello");
-    store::take_log();
-    sys::script.malloc_countdown[OMRAPMI_TAG_OBJECT] = 1;
-    EXPECT_EQ(read(), -1351);
-    EXPECT_EQ(store::take_log(), "read_obj 5|flush_read_data");
-    store::script.answers = {{"get_read_data", -110}};
-    EXPECT_EQ(read(), -110);
-    EXPECT_EQ(sys::take_asserts(), "ret != OMRALIB_ERR_NOT_READING");
-    store::script.answers = {{"remove_obj", -112}};
-    EXPECT_EQ(read_delete(), -112);
-    expect_untouched();
-    EXPECT_EQ(read(), 1);
-    EXPECT_EQ(take_data(), "hello");
-    EXPECT_EQ(read_delete(), 1);
-    EXPECT_EQ(take_data(), "hello");
-    EXPECT_EQ(store::bytes(5), "none");
-
-    store::put(5, "");
-    EXPECT_EQ(read_delete(), 1);
-    EXPECT_TRUE(pdata == nullptr && data_len == 0);
-}
 
 TEST_F(Objects_test, CreatedWhenMissingOrEmptyAndElseLocked) {
     EXPECT_EQ(create_or_lock(), 1);
-    EXPECT_TRUE(plocked == defaults && data_len == 3 && store::bytes(5) == "def");
-    EXPECT_EQ(store::script.objects.at("5").timeout_m, 2u); // 90 seconds, rounded up
-    EXPECT_EQ(store::take_log(), "store_obj 5");
+    EXPECT_TRUE(data() == "def" && world::bytes(5) == "def");
+    EXPECT_EQ(take_log(), "store_obj 3 2 5"); // 90 seconds are 2 minutes
+    world::put(5, "");
+    EXPECT_EQ(create_or_lock(0, 0xFFFFFFFF), 1);
+    EXPECT_TRUE(data() == "def" && world::bytes(5) == "def");
+    EXPECT_EQ(take_log(), "store_obj 3 65535 5|read_and_lock_obj 5|update_locked_obj 1 3 5");
 
-    store::put(5, "");
-    EXPECT_EQ(create_or_lock(), 1);
-    EXPECT_TRUE(plocked == defaults && data_len == 3 && store::bytes(5) == "def");
-    EXPECT_EQ(store::take_log(), "store_obj 5|read_and_lock_obj 5|update_locked_obj 5");
-
-    store::put(5, "contents");
-    store::script.objects.at("5").ticket = store::elsewhere;
+    world::put(5, "contents");
+    const int elsewhere =
+        real<Omralib_read_and_lock_obj>(world::handle(), 0, 0, &data_len, world::key(5));
     int num_sleeps = 0;
-    sys::script.on_sleep = [&](unsigned int duration_ms) {
+    instead<Thread_sleep> = [&](unsigned int duration_ms) {
         EXPECT_EQ(duration_ms, 10u);
-        store::script.objects.at("5").ticket = ++num_sleeps == 3 ? 0 : store::elsewhere;
+        if (++num_sleeps == 3) {
+            real<Omralib_unlock_obj>(world::handle(), elsewhere, 0, world::key(5));
+        }
     };
     const int ticket = create_or_lock(4);
+    real<Omralib_flush_read_data>(world::handle());
     EXPECT_EQ(num_sleeps, 3);
-    EXPECT_EQ(std::string(plocked, data_len), "contents");
-    char *pbuffer = const_cast<char *>(plocked);
+    EXPECT_EQ(data(), "contents");
+    char *pbuffer = const_cast<char *>(pdata);
     std::fill_n(pbuffer + data_len, 4, '+'); // there is room
     EXPECT_EQ(Omralib_update_locked_obj(hdl, ticket, 1, 0, pbuffer, 12, key5), 1);
     Sys_free(pbuffer);
-
-    store::script.objects.clear();
-    EXPECT_EQ(create_or_lock(0, 0xFFFFFFFF), 1);
-    EXPECT_EQ(store::script.objects.at("5").timeout_m, 65535u);
-}
-
-TEST_F(Objects_test, FailuresToLockLeaveNeitherLockNorBuffer) {
-    const std::pair<store::Answer, const char *> cases[] = {
-        {{"store_obj", -123}, "contents"},
-        {{"read_and_lock_obj", -109}, "contents"},
-        {{"get_read_data", -110}, "contents"},
-        {{"update_locked_obj", -123}, ""},
-    };
-    for (const auto &[answer, contents] : cases) {
-        store::put(5, contents);
-        store::script.answers = {answer};
-        EXPECT_EQ(create_or_lock(), answer.result);
-        expect_untouched();
-    }
-    EXPECT_EQ(sys::take_asserts(), "ret != OMRALIB_ERR_NOT_READING");
-    // No memory, and a length that no block can have.
-    store::put(5, "contents");
-    for (const unsigned int extra_len : {4u, 0xFFFFFFFFu}) {
-        sys::script.malloc_countdown[OMRAPMI_TAG_LOCKED_OBJECT] = extra_len == 4;
-        EXPECT_EQ(create_or_lock(extra_len), -1351);
-        expect_untouched();
-    }
+    // Lengths that no block can have.
+    EXPECT_EQ(create_or_lock(0xFFFFFFFF), -1351);
+    EXPECT_EQ(Omrapmi_create_obj(hdl, &key5, 0, "12345678", 8, "x", 0xFFFFFFFC), -1351);
+    EXPECT_EQ(world::bytes(5), "contents++++");
 }
 
 class Params_test : public Module_test {
@@ -132,14 +73,13 @@ protected:
     OMRAPMI_PARAMS_EXT ext = {0x01020304, 0, 1, 1, 0};
     OMRA_OBJKEY key = {};
     BOOLEAN immediate = 9;
-    const std::string long_params = std::string(33, 'p');
 };
 
 TEST_F(Params_test, UpTo32BytesTravelInTheKey) {
     OMRAPMI_PARAMS_EXT *pext = nullptr;
     char *pdata = nullptr;
     unsigned int data_len = 0;
-    for (const std::size_t len : {0u, 1u, 31u, 32u}) {
+    for (const std::size_t len : {0u, 1u, 32u}) {
         const std::string params = std::string("0123456789abcdefghijklmnopqrstuv").substr(0, len);
         std::memset(&key, 0xEE, sizeof key);
         EXPECT_EQ(pre(params), 1);
@@ -151,44 +91,36 @@ TEST_F(Params_test, UpTo32BytesTravelInTheKey) {
         EXPECT_TRUE(static_cast<void *>(pext) == &key && data_len == len);
         EXPECT_EQ(pdata, len != 0 ? reinterpret_cast<char *>(&key) + 8 : nullptr);
     }
-    EXPECT_EQ(store::take_log(), "");
+    EXPECT_EQ(take_log(), "");
     key.flags = 200; // more than the key holds
     Omrapmi_immediate_params_get(&key, &pext, &pdata, &data_len);
     EXPECT_EQ(data_len, 32u);
-    EXPECT_EQ(sys::take_asserts(), "*pparams_obj_len <= OMRAPMI_MAX_IMMEDIATE_PARAMS_LEN");
+    EXPECT_EQ(interposer::take_reports(), "*pparams_obj_len <= OMRAPMI_MAX_IMMEDIATE_PARAMS_LEN");
 }
 
 TEST_F(Params_test, LongerOnesAreStoredUnderAFreshKey) {
-    store::script.answers = {{"store_obj", -108}, {"store_obj", -108}}; // taken
-    EXPECT_EQ(pre(long_params), 1);
+    std::vector<std::string> keys;
+    instead<Omralib_store_obj> = [&](OMRALIB_HANDLE, unsigned int, const void *pdata,
+                                     unsigned int len, unsigned int, OMRA_OBJKEY stored) {
+        EXPECT_EQ(std::string(static_cast<const char *>(pdata), len),
+                  std::string("\x04\x03\x02\x01\0\x01\x01\0", 8) + std::string(33, 'p'));
+        keys.push_back(bytes_of(stored));
+        return keys.size() < 3 ? OMRALIB_ERR_OBJ_EXISTS : 1;
+    };
+    EXPECT_EQ(pre(std::string(33, 'p')), 1);
     EXPECT_EQ(immediate, FALSE);
-    const auto &stored = store::script.stored;
-    ASSERT_EQ(stored.size(), 3u);
-    for (const auto &[stored_key, object] : stored) {
-        EXPECT_EQ(object.bytes, std::string("\x04\x03\x02\x01\0\x01\x01\0", 8) + long_params);
-        EXPECT_EQ(object.timeout_m, 2u);
-        EXPECT_EQ(bytes_of(stored_key).substr(0, 8), std::string("\0\0\0\x30\x02\0\0\0", 8));
-        EXPECT_EQ(bytes_of(stored_key).substr(24, 8), std::string("\x21\x21\xBD\xBD\x03\0\0\0", 8));
-    }
-    EXPECT_FALSE(same_key(stored[0].first, stored[1].first));
-    EXPECT_FALSE(same_key(stored[1].first, stored[2].first));
-    EXPECT_TRUE(same_key(stored[2].first, key));
-    store::script.objects.clear();
-    EXPECT_EQ(pre(long_params, 0xFFFFFFFF), 1);
-    EXPECT_EQ(stored.back().second.timeout_m, 65535u);
-}
-
-TEST_F(Params_test, FailuresToStore) {
+    EXPECT_EQ(take_log(), "store_obj 41 2 params|store_obj 41 2 params|store_obj 41 2 params");
+    ASSERT_EQ(keys.size(), 3u);
+    EXPECT_TRUE(keys[0] != keys[1] && keys[1] != keys[2] && keys[2] == bytes_of(key));
+    EXPECT_EQ(keys[2].substr(0, 8), std::string("\0\0\0\x30\x02\0\0\0", 8));
+    EXPECT_EQ(keys[2].substr(24, 8), std::string("\x21\x21\xBD\xBD\x03\0\0\0", 8));
+    EXPECT_EQ(pre(std::string(33, 'p'), 0xFFFFFFFF), 1);
+    EXPECT_EQ(take_log(), "store_obj 41 65535 params");
     for (const auto &[answer, expected] : {std::pair(-106, -106), {-1351, -1303}, {-123, -123}}) {
-        store::script.answers = {{"store_obj", answer}};
-        EXPECT_EQ(pre(long_params), expected);
+        interposer::script({{"store_obj", answer}});
+        EXPECT_EQ(pre(std::string(33, 'p')), expected);
     }
-    EXPECT_EQ(sys::take_asserts(), "ret != OMRALIB_ERR_BAD_ARGS");
-    sys::script.malloc_countdown[OMRAPMI_TAG_NEW_OBJECT] = 1;
-    EXPECT_EQ(pre(long_params), -1303);
-    // A length that no block can have: the bytes are not looked at.
-    EXPECT_EQ(Omrapmi_create_obj(hdl, &key, 0, "12345678", 8, "x", 0xFFFFFFFC), -1351);
-    EXPECT_EQ(store::script.num_calls["store_obj"], 3u);
+    EXPECT_EQ(interposer::take_reports(), "ret != OMRALIB_ERR_BAD_ARGS");
 }
 
 } // namespace

@@ -83,4 +83,15 @@ private:
 
 extern Scheduler &scheduler;
 
+// Has every call of the module made under the scheduler, in this process from now on.
+void schedule_calls();
+
+// What a test may plant to see that the search finds it, or to see what the module does about it.
+struct Planted {
+    bool open_mutexes = false; // entering one excludes nobody
+    bool open_process_cs = false;
+    bool follows_script = false; // of the interposer
+};
+extern Planted planted;
+
 } // namespace schedules

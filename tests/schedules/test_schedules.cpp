@@ -4,7 +4,6 @@
 // SCHEDULES=N runs N seeds a test instead of its own number; SCHEDULE_SEED=S runs the one that a
 // failure has printed.
 #include "module/module_test.h"
-#include "scheduled_sys.h"
 #include "scheduler.h"
 
 #include "sysapp.h"
@@ -12,13 +11,19 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <memory>
 #include <numeric>
+#include <random>
+#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 using schedules::scheduler;
+using set_functions::Invocation;
+using set_functions::script;
 using Seed = std::uint64_t;
 using Rng = std::mt19937_64;
 
@@ -55,6 +60,13 @@ bool passes_apart(const std::function<void()> &body, bool is_quiet) {
 
 class Schedules : public Module_test {
 protected:
+    void SetUp() override {
+        Module_test::SetUp();
+        sys_trace_level = -1;
+        wait_until = [](const auto &condition) { scheduler.wait_until(condition); };
+        schedules::schedule_calls();
+    }
+
     using Run = std::function<void(Seed)>;
 
     // Runs seed after seed until one fails. What the number is comes from the environment.
@@ -91,45 +103,28 @@ protected:
     static void set_up_workers() {
         ASSERT_TRUE(scheduler.run(0, {[] {
                                       ASSERT_EQ(Omrapmi_worker_init_ext(num_workers), 1);
-                                      store::script.objects.erase("900");
-                                      register_functions();
+                                      ASSERT_TRUE(set_functions::register_all(world::app));
                                       run_request(eval_request(1), put_objects(1));
                                   }}));
-    }
-
-    // Delivers, in a fiber, and waits for the completion.
-    static store::Completion run_request(const OMRALIB_INVOKE_PARAMS &params,
-                                         const std::vector<OMRA_OBJKEY> &keys) {
-        EXPECT_EQ(store::deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
-        return store::wait_complete(params.context);
+        check_quiet();
     }
 
     // What holds after every run, whatever happened in it.
     static void check_quiet() {
-        ASSERT_EQ(sys::take_asserts(), "");
-        ASSERT_EQ(store::faults(), "");
-        ASSERT_EQ(Sys_get_mem_use(OMRAPMI_TAG_REQUEST).blocks, 0u);
-        ASSERT_EQ(Sys_get_mem_use(OMRAPMI_TAG_USER).blocks, 0u);
-        ASSERT_EQ(sys::free_descriptors(), sys::all_free);
-        store::take_log();
-        for (const char *left : {"900", "901"}) {
-            store::script.objects.erase(left);
-        }
-        user::script() = {};
+        check_nothing_left();
+        ASSERT_EQ(interposer::ledger(), interposer::Ledger{});
+        world::remove(900);
+        world::remove(901);
+        set_functions::reset();
     }
 };
-
-unsigned int num_bits(const std::string &result) {
-    return result == "none" ? 0
-                            : static_cast<unsigned int>(__builtin_popcountll(user::number(result)));
-}
 
 // The merge tree ----------------------------------------------------------------------------------
 
 // Lets evals go on in this order of their objects only.
 void force_order(std::vector<unsigned int> order) {
     auto turn = std::make_shared<std::size_t>(0);
-    user::script().on_eval = [order = std::move(order), turn](unsigned int object) {
+    script().on_eval = [order = std::move(order), turn](unsigned int object) {
         scheduler.wait_until([&] { return order[*turn] == object; });
         ++*turn;
     };
@@ -140,23 +135,24 @@ protected:
     void SetUp() override {
         Schedules::SetUp();
         set_up_workers();
-        check_quiet();
+        put_objects(9);
     }
 
-    // One request of 2 to 9 keys, with failing and silent functions.
+    // One request of 2 to 9 keys, with failing and silent functions. Each function knows where it
+    // runs, also when it merges for another key than its thread has evaluated.
     static void run_one(Seed seed) {
         Rng rng(seed);
         const unsigned int n = 2 + static_cast<unsigned int>(rng() % 8);
-        user::Script &script = user::script();
         const bool may_fail = chance(rng, 2);
+        std::set<unsigned int> failing, silent, failing_merges;
         for (unsigned int i = 0; i < n && may_fail; ++i) {
             if (chance(rng, 4)) {
-                script.eval_codes[i] = 70 + static_cast<int>(i);
+                failing.insert(i);
             } else if (chance(rng, 4)) {
-                script.silent.insert(i);
+                silent.insert(i);
             }
             if (chance(rng, 8)) {
-                script.failing_merges.insert(i + 1);
+                failing_merges.insert(i);
             }
         }
         if (chance(rng, 2)) {
@@ -165,23 +161,28 @@ protected:
             std::shuffle(order.begin(), order.end(), rng);
             force_order(order);
         }
-        store::Completion done{};
-        ASSERT_TRUE(scheduler.run(
-            seed, {[&] { done = run_request(eval_request(5), put_objects(n)); }}, 40 * n));
-
-        ASSERT_EQ(done.num_successful + done.num_failed, n);
-        const unsigned int num_merged = num_bits(store::bytes(900));
-        const auto num_silent = static_cast<unsigned int>(script.silent.size());
-        ASSERT_LE(num_merged, done.num_successful);
-        ASSERT_LE(done.num_successful, num_merged + num_silent);
-        const auto num_merge_failures = static_cast<std::size_t>(
-            std::count_if(script.failing_merges.begin(), script.failing_merges.end(),
-                          [&](unsigned int nth) { return nth <= script.num_merges; }));
-        ASSERT_EQ(exceptions().size(), script.eval_codes.size() + num_merge_failures);
-        if (num_merge_failures == 0) {
-            ASSERT_EQ(done.num_failed, script.eval_codes.size());
-            ASSERT_EQ(num_merged, done.num_successful - num_silent);
-        }
+        script().fails = [&](unsigned int object, unsigned int) {
+            return failing.contains(object);
+        };
+        script().is_silent = [&](unsigned int object) { return silent.contains(object); };
+        script().merge_fails = [&, nth = 0u](const auto &, const auto &) mutable {
+            return failing_merges.contains(nth++);
+        };
+        script().is_sender = [](unsigned int host_id, unsigned int) {
+            return host_id == 0xABC + 5;
+        };
+        Completion done{};
+        Keys keys(n);
+        std::generate(keys.begin(), keys.end(), [i = 0ull]() mutable { return world::key(i++); });
+        ASSERT_TRUE(
+            scheduler.run(seed, {[&] { done = run_request(eval_request(5), keys); }}, 40 * n));
+        const set_functions::Seen seen = set_functions::seen();
+        ASSERT_EQ(seen.num_keyless_merges, 0u);
+        check_outcome(done, {.asked = set_functions::first_objects(n),
+                             .fails = [&](unsigned int object) { return failing.contains(object); },
+                             .is_silent = script().is_silent,
+                             .merges_may_fail = true,
+                             .num_failed_merges = seen.num_failed_merges});
         check_quiet();
     }
 };
@@ -199,37 +200,62 @@ TEST_F(MergeTree, WithoutItsLockIsFoundWrong) {
 
 class TwoRequests : public MergeTree {
 protected:
-    // Both merge into the same results and exceptions objects, as those of two hosts may.
+    // Two halves of eight objects, of which 2 and 5 fail. As those of two hosts may, both merge
+    // into the same results and exceptions objects; or they are of two invocations.
     static void run_both(Seed seed) {
-        const std::vector<OMRA_OBJKEY> keys = put_objects(8);
-        user::script().eval_codes[2] = 72;
-        user::script().eval_codes[5] = 75;
-        store::Completion done[2] = {};
+        const bool is_shared = seed % 2 == 0;
+        const auto fails = [](unsigned int object) { return object == 2 || object == 5; };
+        script().fails = [=](unsigned int object, unsigned int) { return fails(object); };
+        script().is_sender = [=](unsigned int host_id, unsigned int label) {
+            return is_shared || host_id == 0xABC + label;
+        };
+        Completion done[2] = {};
         const auto run_half = [&](unsigned int half) {
-            done[half] = run_request(eval_request(5 + half),
-                                     {keys.begin() + 4 * half, keys.begin() + 4 * half + 4});
+            const unsigned int label = is_shared ? 0 : 5 + half;
+            OMRALIB_INVOKE_PARAMS params =
+                eval_request(5 + half, set_functions::object_bytes(label));
+            if (!is_shared) {
+                params.results_key = world::key(910 + half);
+                params.exceptions_key = world::key(920 + half);
+            }
+            Keys keys;
+            for (unsigned int i = 0; i < 4; ++i) {
+                keys.push_back(world::key(4 * half + i));
+            }
+            done[half] = run_request(params, keys);
         };
         ASSERT_TRUE(scheduler.run(seed, {[&] { run_half(0); }, [&] { run_half(1); }}));
-        for (const store::Completion &half : done) {
-            ASSERT_EQ(half, (store::Completion{3, 1}));
+        ASSERT_EQ(set_functions::seen().num_keyless_merges, 0u);
+        for (const Completion &half : done) {
+            ASSERT_EQ(half, (Completion{3, 1}));
         }
-        ASSERT_EQ(store::bytes(900), user::bits({0, 1, 3, 4, 6, 7}));
-        ASSERT_EQ(exceptions().size(), 2u);
+        if (is_shared) {
+            check_outcome({6, 2}, {.asked = set_functions::first_objects(8), .fails = fails});
+        } else {
+            const set_functions::Objects first = set_functions::first_objects(4);
+            check_outcome(done[0], {.asked = first, .fails = fails}, 910, 920);
+            check_outcome(done[1], {.asked = first << 4, .fails = fails}, 911, 921);
+        }
         check_quiet();
     }
 
-    // Only one of them runs while the other has the place; a refused one fails as a whole.
+    // Only one of them runs while the other has the place; a refused one fails as a whole. Whoever
+    // is told that one is complete may start the next: the place is free by then.
     static void run_singletons(Seed seed) {
-        store::Completion done[2] = {};
+        static const OMRAPMI_IDSC *const &place =
+            omrapmi_worker_state.singleton_state.pidsc_singleton;
+        Completion done[2] = {};
         const auto run_one_of_two = [&](unsigned int which) {
             OMRALIB_INVOKE_PARAMS params = eval_request(5 + which);
             params_ext(params).is_singleton = 1;
-            params.results_key = store::key(910 + which);
-            done[which] = run_request(params, {store::key(which * 2), store::key(which * 2 + 1)});
+            params.results_key = world::key(910 + which);
+            done[which] = run_request(params, {world::key(which * 2), world::key(which * 2 + 1)});
         };
-        put_objects(4);
+        on_complete = [](unsigned int context) {
+            EXPECT_TRUE(place == nullptr || place->params.context != context);
+        };
         unsigned int num_running = 0, num_evals = 0;
-        user::script().on_eval = [&](unsigned int object) {
+        script().on_eval = [&](unsigned int object) {
             static unsigned int runs = 0; // the bit of a request that has a running eval
             const unsigned int bit = 1 + object / 2;
             if (num_running == 0) {
@@ -242,17 +268,18 @@ protected:
             --num_running;
         };
         ASSERT_TRUE(scheduler.run(seed, {[&] { run_one_of_two(0); }, [&] { run_one_of_two(1); }}));
-        ASSERT_EQ(omrapmi_worker_state.singleton_state.pidsc_singleton, nullptr);
+        ASSERT_EQ(place, nullptr);
+        on_complete = {};
         unsigned int num_successful = 0;
-        for (const store::Completion &one : done) {
+        for (const Completion &one : done) {
             ASSERT_EQ(one.num_successful + one.num_failed, 2u);
             ASSERT_NE(one.num_successful, 1u);
             num_successful += one.num_successful;
         }
         ASSERT_NE(num_successful, 0u);
         ASSERT_EQ(num_successful, num_evals);
-        store::script.objects.erase("910");
-        store::script.objects.erase("911");
+        world::remove(910);
+        world::remove(911);
         check_quiet();
     }
 };
@@ -265,8 +292,7 @@ TEST_F(TwoRequests, SingletonsTakeTurns) {
     explore(30'000 / share, run_singletons);
 }
 
-// First calls
-// ---------------------------------------------------------------------------------------
+// First calls -------------------------------------------------------------------------------------
 
 class FirstCalls : public Schedules {
 protected:
@@ -274,57 +300,56 @@ protected:
     // request that comes while its functions are being registered. In a new process.
     static void race(Seed seed) {
         Rng rng(seed);
-        switch (rng() % 6) {
-        case 0:
-            schedules::failures.malloc_tag = OMRAPMI_TAG_FUNCTBL;
-            break;
-        case 1:
-            schedules::failures.malloc_tag = OMRAPMI_TAG_WORKER_THRDS;
-            break;
-        case 2:
-            schedules::failures.thread_fork = true;
-            break;
-        case 3:
-            store::script.answers = {{"register_cb", -199}};
-            break;
-        default:
-            break;
-        }
+        const std::vector<interposer::Answer> failures[] = {
+            {{"Sys_malloc", 0, std::to_string(OMRAPMI_TAG_FUNCTBL)}},
+            {{"Sys_malloc", 0, std::to_string(OMRAPMI_TAG_WORKER_THRDS)}},
+            {{"Thread_fork", 0}},
+            {{"register_cb", -199}},
+            {},
+            {},
+        };
+        schedules::planted.follows_script = true;
+        interposer::script(failures[rng() % std::size(failures)]);
         int status[5] = {};
-        const std::vector<OMRA_OBJKEY> keys = put_objects(2);
-        store::Completion early = {0, 2};
-        ASSERT_TRUE(scheduler.run(
-            seed,
-            {[&] { status[0] = Omrapmi_worker_init_ext(3); },
-             [&] { status[1] = Omrapmi_worker_start(7); },
-             [&] { status[2] = Omrapmi_worker_register_merge_func(user::merge_func, 2, 7); },
-             [&] { status[3] = Omrapmi_worker_register_eval_func(user::eval_func, 1, 7); },
-             [&] { status[4] = Omrapmi_get_worker_thread_count() > 0 ? 1 : -1; },
-             [&] {
-                 // The store has the callback when it delivers.
-                 scheduler.wait_until([&] { return status[1] != 0; });
-                 if (status[1] == 1) {
-                     early = run_request(eval_request(5), keys);
-                 }
-             }},
-            150));
+        const Keys keys = put_objects(2);
+        Completion early = {0, 2};
+        ASSERT_TRUE(
+            scheduler.run(seed,
+                          {[&] { status[0] = Omrapmi_worker_init_ext(3); },
+                           [&] { status[1] = Omrapmi_worker_start(world::app); },
+                           [&] {
+                               status[2] = Omrapmi_worker_register_merge_func(
+                                   set_functions::merge, set_functions::merge_id, world::app);
+                           },
+                           [&] {
+                               status[3] = Omrapmi_worker_register_eval_func(
+                                   set_functions::eval, set_functions::eval_id, world::app);
+                           },
+                           [&] { status[4] = Omrapmi_get_worker_thread_count() > 0 ? 1 : -1; },
+                           [&] {
+                               // The store has the callback when it delivers.
+                               scheduler.wait_until([&] { return status[1] != 0; });
+                               if (status[1] == 1) {
+                                   early = run_request(eval_request(5), keys);
+                               }
+                           }},
+                          150));
         ASSERT_LE(
             std::count_if(std::begin(status), std::end(status), [](int one) { return one != 1; }),
             1)
             << "one failure failed several calls";
-        ASSERT_TRUE(early == (store::Completion{2, 0}) || early == (store::Completion{0, 2}));
+        ASSERT_TRUE(early == (Completion{2, 0}) || early == (Completion{0, 2}));
 
-        ASSERT_TRUE(scheduler.run(
-            seed, {[&] {
-                store::script.objects.erase("900");
-                register_functions();
-                EXPECT_EQ(Omrapmi_worker_start(7), 1);
-                EXPECT_EQ(run_request(eval_request(6), keys), (store::Completion{2, 0}));
-            }}));
-        ASSERT_EQ(schedules::num_forks(), 1u + 3u);
+        ASSERT_TRUE(
+            scheduler.run(seed, {[&] {
+                              world::remove(900);
+                              EXPECT_TRUE(set_functions::register_all(world::app));
+                              EXPECT_EQ(Omrapmi_worker_start(world::app), 1);
+                              EXPECT_EQ(run_request(eval_request(6), keys), (Completion{2, 0}));
+                          }}));
+        ASSERT_EQ(interposer::num_forks(), 1u + 3u);
         ASSERT_EQ(Sys_get_mem_use(OMRAPMI_TAG_FUNCTBL).blocks, 1u);
         ASSERT_EQ(Sys_get_mem_use(OMRAPMI_TAG_WORKER_THRDS).blocks, 1u);
-        store::script.answers.clear();
         check_quiet();
     }
 

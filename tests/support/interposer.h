@@ -23,47 +23,22 @@
 #include <vector>
 
 // X(number of parameters, name)
-#define INTERPOSED_OPERATIONS(X)                                                                   \
-    X(0, Omralib_init)                                                                             \
-    X(1, Omralib_open_ext)                                                                         \
-    X(1, Omralib_close)                                                                            \
-    X(1, Omralib_handle_ready)                                                                     \
-    X(2, Omralib_register_cb)                                                                      \
-    X(4, Omralib_register_appname_hdl)                                                             \
-    X(2, Omralib_start_app_event_handling)                                                         \
-    X(2, Omralib_stop_app_event_handling)                                                          \
-    X(6, Omralib_store_obj)                                                                        \
-    X(4, Omralib_read_obj)                                                                         \
-    X(3, Omralib_get_read_data)                                                                    \
-    X(1, Omralib_flush_read_data)                                                                  \
-    X(5, Omralib_read_and_lock_obj)                                                                \
-    X(7, Omralib_update_locked_obj)                                                                \
-    X(4, Omralib_unlock_obj)                                                                       \
-    X(3, Omralib_remove_obj)                                                                       \
-    X(5, Omralib_invoke)                                                                           \
-    X(3, Omralib_get_invoke_keys)                                                                  \
-    X(4, Omralib_complete_invoke)                                                                  \
-    X(1, Omralib_flush_invoke)                                                                     \
-    X(2, Sys_malloc)                                                                               \
-    X(1, Sys_free)                                                                                 \
-    X(0, Sys_get_num_lprocs)                                                                       \
-    X(3, Sys_log_assert)                                                                           \
-    X(2, Thread_fork)                                                                              \
-    X(0, Thread_end)                                                                               \
-    X(0, Thread_myid)                                                                              \
-    X(1, Thread_sleep)                                                                             \
-    X(1, Thread_datap_set)                                                                         \
-    X(0, Thread_datap_get)                                                                         \
-    X(2, Queue_enq)                                                                                \
-    X(1, Queue_deq)                                                                                \
-    X(2, Blockq_enq)                                                                               \
-    X(2, Blockq_deq)                                                                               \
-    X(2, Lock_enter)                                                                               \
-    X(1, Lock_exit)                                                                                \
-    X(1, Spinlock_enter)                                                                           \
-    X(1, Spinlock_exit)                                                                            \
-    X(0, Enter_cs)                                                                                 \
-    X(0, Exit_cs)
+// clang-format off
+#define INTERPOSED_OPERATIONS(X) \
+    X(0, Omralib_init) X(1, Omralib_open_ext) X(1, Omralib_close) X(1, Omralib_handle_ready) \
+    X(2, Omralib_register_cb) X(4, Omralib_register_appname_hdl) \
+    X(2, Omralib_start_app_event_handling) X(2, Omralib_stop_app_event_handling) \
+    X(6, Omralib_store_obj) X(4, Omralib_read_obj) X(3, Omralib_get_read_data) \
+    X(1, Omralib_flush_read_data) X(5, Omralib_read_and_lock_obj) X(7, Omralib_update_locked_obj) \
+    X(4, Omralib_unlock_obj) X(3, Omralib_remove_obj) X(5, Omralib_invoke) \
+    X(3, Omralib_get_invoke_keys) X(4, Omralib_complete_invoke) X(1, Omralib_flush_invoke) \
+    X(2, Sys_malloc) X(1, Sys_free) X(0, Sys_get_num_lprocs) X(3, Sys_log_assert) \
+    X(2, Thread_fork) X(0, Thread_end) X(0, Thread_myid) X(1, Thread_sleep) \
+    X(1, Thread_datap_set) X(0, Thread_datap_get) \
+    X(2, Queue_enq) X(1, Queue_deq) X(2, Blockq_enq) X(2, Blockq_deq) \
+    X(2, Lock_enter) X(1, Lock_exit) X(1, Spinlock_enter) X(1, Spinlock_exit) \
+    X(0, Enter_cs) X(0, Exit_cs)
+// clang-format on
 
 namespace interposer {
 
@@ -83,14 +58,14 @@ struct Call {
     // Left out are the handle, pointers to memory and zeros. An object is its number, with its app
     // id in front when that is not 7; a parameters object is "params".
     std::function<std::string()> text;
-
-    bool is_store() const { return name.starts_with("Omralib_"); }
+    bool is_store;
 };
 
 // What becomes of a call.
 struct Verdict {
     enum Kind { carried_out, refused, answer_lost } kind = carried_out;
-    // Of a call that is refused or whose answer is lost: what the caller is told; 0 is NULL, too.
+    // What the caller of the latter two is told; 0 is NULL, too. Nothing stays pending on the
+    // handle: bytes are on this side of the network.
     long answer = 0;
     std::function<void()> then = {};
 };

@@ -31,16 +31,10 @@ char bogus_block[1];
 
 constexpr std::size_t max_complaints_len = 1000;
 
-void complain(const std::string &what) {
-    const std::lock_guard guard(state.lock);
-    if (state.complaints.size() < max_complaints_len) {
-        state.complaints += (state.complaints.empty() ? "" : "|") + what;
-    }
-}
-
 void expect(bool holds, const char *what) {
-    if (!holds) {
-        complain(what);
+    const std::lock_guard guard(state.lock);
+    if (!holds && state.complaints.size() < max_complaints_len) {
+        state.complaints.append(state.complaints.empty() ? "" : "|").append(what);
     }
 }
 
@@ -68,50 +62,23 @@ Result read(const char *pbytes, std::size_t len) {
     return result;
 }
 
-// Where a function runs: on which thread, for which key.
-struct Place {
-    unsigned int thread = 0;
-    OMRA_OBJKEY key{};
-};
-
-Place ask(unsigned int label) {
-    Place place;
+// Asks where the function runs: for which key, which goes to `key_out`. Returns that of the eval
+// that the thread ran last, or runs now.
+OMRA_OBJKEY ask(bool is_eval, unsigned int label, OMRA_OBJKEY &key_out) {
     unsigned int host_id = 0;
     asks = true;
     const int num_threads = Omrapmi_get_worker_thread_count();
     const int index = Omrapmi_get_worker_thread_index();
-    expect(Omrapmi_get_key(&place.key) == OMRALIB_RET_SUCCESS, "no key");
+    expect(Omrapmi_get_key(&key_out) == OMRALIB_RET_SUCCESS, "no key");
     expect(Omrapmi_worker_get_svr_host_id(&host_id) == OMRALIB_RET_SUCCESS, "no sender");
     asks = false;
     expect(index >= 0 && index < num_threads, "no worker thread");
     expect(!state.script.is_sender || state.script.is_sender(host_id, label), "another sender");
-    place.thread = static_cast<unsigned int>(index) % max_threads;
-    return place;
-}
-
-bool same_key(const OMRA_OBJKEY &a, const OMRA_OBJKEY &b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
-void ask_in_eval(unsigned int object, unsigned int label) {
-    const Place place = ask(label);
-    const bool has_object = !OMRA_OBJKEY_IS_NULL(place.key);
-    expect(object == no_object || (has_object && place.key.obj_id.u64_comp[0] == object),
-           "an eval knows another key");
     const std::lock_guard guard(state.lock);
-    state.evaluated.at(place.thread) = place.key;
-}
-
-// A thread that merges still has the key that it evaluated before, if there was one.
-void ask_in_merge(unsigned int label) {
-    const Place place = ask(label);
-    std::unique_lock guard(state.lock);
-    if (OMRA_OBJKEY_IS_NULL(place.key)) {
-        ++state.seen.num_keyless_merges;
-    } else if (!same_key(place.key, state.evaluated.at(place.thread))) {
-        guard.unlock();
-        complain("a merge knows another key");
-    }
+    OMRA_OBJKEY &evaluated = state.evaluated.at(static_cast<unsigned int>(index) % max_threads);
+    evaluated = is_eval ? key_out : evaluated;
+    state.seen.num_keyless_merges += !is_eval && OMRA_OBJKEY_IS_NULL(key_out) ? 1 : 0;
+    return evaluated;
 }
 
 } // namespace
@@ -133,9 +100,7 @@ std::string object_bytes(unsigned int object) {
 }
 
 std::string result_bytes(const Objects &objects, unsigned int label) {
-    Result result{};
-    result.label = label;
-    result.objects = objects;
+    const Result result{label, {}, objects};
     return {reinterpret_cast<const char *>(&result), sizeof result};
 }
 
@@ -195,8 +160,9 @@ int eval(const char *pdata, unsigned int data_len, const char *pparams, unsigned
     if (its.on_eval) {
         its.on_eval(object);
     }
-    if (its.ask) {
-        ask_in_eval(object, label);
+    if (OMRA_OBJKEY key{}; its.ask && data_len != 0) {
+        ask(true, label, key);
+        expect(key.app_id != 0 && key.obj_id.u64_comp[0] == object, "an eval knows another key");
     }
     {
         const std::lock_guard guard(state.lock);
@@ -208,11 +174,11 @@ int eval(const char *pdata, unsigned int data_len, const char *pparams, unsigned
     if (its.is_silent && its.is_silent(object)) {
         return 0;
     }
-    Result result{label, {}};
+    Result result{label, {}, {}};
     result.objects.set(object % max_objects);
     const int code = give(result, ppresult_out, presult_len_out);
     if (code == 0 && its.spoil_eval) {
-        its.spoil_eval(ppresult_out, presult_len_out);
+        its.spoil_eval(nullptr, ppresult_out, presult_len_out);
     }
     return code;
 }
@@ -228,8 +194,11 @@ int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_l
     expect(*ppmerged_out == nullptr && *pmerged_len_out == 0, "outputs that are not preset");
     expect((dst.objects & src.objects).none(), "an object is merged twice");
     expect(dst.label == src.label, "results of two invocations are merged");
-    if (its.ask) {
-        ask_in_merge(dst.label);
+    // A thread that merges still has the key that it evaluated before, if there was one.
+    if (OMRA_OBJKEY key{}; its.ask) {
+        const OMRA_OBJKEY evaluated = ask(false, dst.label, key);
+        expect(key.app_id == 0 || std::memcmp(&key, &evaluated, sizeof key) == 0,
+               "a merge knows another key");
     }
     const bool fails = its.merge_fails && its.merge_fails(dst, src);
     {
@@ -240,7 +209,7 @@ int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_l
     if (fails) {
         return fail(merge_failure, ppmerged_out, pmerged_len_out);
     }
-    const Result merged{dst.label, dst.objects | src.objects};
+    const Result merged{dst.label, {}, dst.objects | src.objects};
     int code = 0;
     if (merged.objects.count() % 2 == 0) {
         code = give(merged, ppmerged_out, pmerged_len_out);
@@ -257,121 +226,59 @@ int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_l
 
 // Answers -----------------------------------------------------------------------------------------
 
-namespace {
-
-class Check {
-public:
-    Check(const OMRAPMI_INVOKE_ARGS &answer, const Invocation &invocation)
-        : answer_(answer), invocation_(invocation),
-          is_disturbed_(invocation.objects_may_be_lost || invocation.answers_may_be_lost) {
-        for (unsigned int object = 0; object < max_objects; ++object) {
-            if (invocation.asked[object]) {
-                failing_[object] = invocation.fails && invocation.fails(object);
-                silent_[object] =
-                    !failing_[object] && invocation.is_silent && invocation.is_silent(object);
-            }
-        }
+std::string check_answer(const OMRAPMI_INVOKE_ARGS &answer, const Invocation &its) {
+    std::string what;
+    const auto check = [&](bool holds, const std::string &complaint) {
+        what += holds ? "" : complaint + "|";
+    };
+    Objects failing, silent, result, named;
+    for (unsigned int object = 0; object < max_objects; ++object) {
+        failing[object] = its.asked[object] && its.fails && its.fails(object);
+        silent[object] =
+            its.asked[object] && !failing[object] && its.is_silent && its.is_silent(object);
     }
-
-    std::string run() {
-        if (answer_.presults_obj_out != nullptr) {
-            result_ = objects_of({answer_.presults_obj_out, answer_.results_obj_len_out});
-        }
-        expect(answer_.presults_obj_out != nullptr || answer_.results_obj_len_out == 0,
-               "the length of no result");
-        expect((result_ & ~(invocation_.asked & ~failing_ & ~silent_)).none(),
-               "a result from an object that gives none");
-        check_exceptions();
-        check_counts();
-        check_losses();
-        return what_;
+    if (answer.presults_obj_out != nullptr) {
+        result = objects_of({answer.presults_obj_out, answer.results_obj_len_out});
     }
+    check((answer.presults_obj_out == nullptr) == (answer.results_obj_len_out == 0), "no result");
+    check((result & ~(its.asked & ~failing & ~silent)).none(), "a result of what gives none");
 
-private:
-    void expect(bool holds, const std::string &what) {
-        if (!holds) {
-            what_ += (what_.empty() ? "" : "|") + what;
-        }
-    }
-
-    void check_exceptions() {
-        const ULONG num = answer_.pexceptions_out != nullptr ? answer_.num_exceptions_out : 0;
-        expect(answer_.use_exceptions ? num == answer_.num_exceptions_out
-                                      : answer_.pexceptions_out == nullptr,
-               "exceptions that are not handed out, or that nobody asked for");
-        for (ULONG i = 0; i < num; ++i) {
-            const OMRAPMI_EXCEPTION &exception = answer_.pexceptions_out[i];
-            if (exception.is_eval) {
-                check_exception(exception);
-                continue;
-            }
-            ++num_merges_;
-            expect(OMRA_OBJKEY_IS_NULL(exception.key), "a merge exception with a key");
-            expect(is_disturbed_ ||
-                       (invocation_.merges_may_fail && exception.code == merge_failure),
-                   "a merge exception with code " + std::to_string(exception.code));
-        }
-        expect(num_merges_ == invocation_.num_failed_merges.value_or(num_merges_),
-               std::to_string(num_merges_) + " merge exceptions");
-    }
-
-    void check_exception(const OMRAPMI_EXCEPTION &exception) {
+    const bool is_disturbed = its.objects_may_be_lost || its.answers_may_be_lost;
+    unsigned int num_merges = 0;
+    check(answer.use_exceptions || answer.pexceptions_out == nullptr, "unwanted exceptions");
+    for (ULONG i = 0; i < answer.num_exceptions_out && answer.use_exceptions; ++i) {
+        const OMRAPMI_EXCEPTION &exception = answer.pexceptions_out[i];
         const bool has_key = !OMRA_OBJKEY_IS_NULL(exception.key);
         const ULONGLONG number = has_key ? exception.key.obj_id.u64_comp[0] : no_object;
-        const ULONG app_id = exception.key.app_id & ~OMRA_APPID_NO_RENEW;
-        const std::string what = "an exception for object " + std::to_string(number) +
-                                 " with code " + std::to_string(exception.code);
-        if (number >= max_objects || !invocation_.asked[number] ||
-            (has_key && app_id != invocation_.app_id)) {
-            expect(false, what);
-            return;
+        bool is_right = !has_key;
+        int code = merge_failure;
+        if (exception.is_eval) {
+            is_right = number < max_objects && its.asked[number] && !named[number] &&
+                       !result[number] && (is_disturbed || failing[number]) &&
+                       (!has_key || (exception.key.app_id & 0x0FFFFFFF) == its.app_id);
+            code = eval_failure + static_cast<int>(number);
+            named.set(number % max_objects);
+        } else {
+            ++num_merges;
         }
-        expect(is_disturbed_ ||
-                   (failing_[number] && exception.code == eval_failure + static_cast<int>(number)),
-               what);
-        expect(!named_[number], what + " once more");
-        expect(!result_[number], what + ", which is in the result");
-        named_.set(number);
+        check(is_right && (is_disturbed || exception.code == code),
+              "exception " + std::to_string(exception.code) + " of " + std::to_string(number));
     }
+    check(num_merges == its.num_failed_merges.value_or(num_merges), "other merge exceptions");
+    check(num_merges == 0 || its.merges_may_fail || is_disturbed, "failed merges");
 
-    void check_counts() {
-        const std::size_t num_in_result = result_.count();
-        expect(answer_.num_successful_out + answer_.num_failed_out == invocation_.asked.count(),
-               "counts do not add up");
-        expect(named_.count() <= answer_.num_failed_out, "more exceptions than failures");
-        expect(invocation_.answers_may_be_lost || answer_.num_successful_out >= num_in_result,
-               "a failed object is in the result");
-        expect((merge_failed() && is_disturbed_) ||
-                   answer_.num_successful_out <= num_in_result + silent_.count(),
-               "a successful object is not in the result");
-        expect(merge_failed() || is_disturbed_ || answer_.num_failed_out == failing_.count(),
-               "another number of failures");
-    }
-
-    void check_losses() {
-        expect(!answer_.use_exceptions || is_disturbed_ || named_ == failing_,
-               "a failure without an exception");
-        expect(merge_failed() || invocation_.objects_may_be_lost ||
-                   (result_ | failing_ | silent_) == invocation_.asked,
-               "objects are lost");
-    }
-
-    bool merge_failed() const {
-        return num_merges_ != 0 || (!answer_.use_exceptions && invocation_.merges_may_fail);
-    }
-
-    const OMRAPMI_INVOKE_ARGS &answer_;
-    const Invocation &invocation_;
-    const bool is_disturbed_;
-    Objects failing_, silent_, result_, named_;
-    unsigned int num_merges_ = 0;
-    std::string what_;
-};
-
-} // namespace
-
-std::string check_answer(const OMRAPMI_INVOKE_ARGS &answer, const Invocation &invocation) {
-    return Check(answer, invocation).run();
+    const bool merge_failed = num_merges != 0 || (!answer.use_exceptions && its.merges_may_fail);
+    const std::size_t num_in_result = result.count(), num_successful = answer.num_successful_out;
+    check(num_successful + answer.num_failed_out == its.asked.count(), "counts do not add up");
+    check(named.count() <= answer.num_failed_out, "more exceptions than failures");
+    check(its.answers_may_be_lost || num_successful >= num_in_result, "a failure in the result");
+    check((merge_failed && is_disturbed) || num_successful <= num_in_result + silent.count(),
+          "a success that is not in the result");
+    check(merge_failed || is_disturbed || answer.num_failed_out == failing.count(), "failures");
+    check(is_disturbed || !answer.use_exceptions || named == failing, "exceptions are missing");
+    check(merge_failed || its.objects_may_be_lost || (result | failing | silent) == its.asked,
+          "objects are lost");
+    return what;
 }
 
 } // namespace set_functions

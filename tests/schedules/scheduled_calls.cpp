@@ -1,0 +1,76 @@
+// The module's calls in the hands of the scheduler: each is a scheduling point, threads are fibers,
+// and whoever would wait gives way. The store itself never waits here, and never gives way.
+#include "scheduler.h"
+
+#include "support/interposer.h"
+#include "support/set_functions.h"
+
+#include <set>
+
+namespace schedules {
+
+Planted planted;
+
+namespace {
+
+using interposer::instead;
+using interposer::real;
+
+std::set<const void *> held; // locks of all kinds
+int process_cs;
+
+void enter(const void *lock, bool excludes = true) {
+    scheduler.wait_until([=] { return !excludes || held.count(lock) == 0; });
+    held.insert(lock);
+}
+
+void leave(const void *lock) {
+    held.erase(lock);
+    scheduler.point();
+}
+
+} // namespace
+
+void schedule_calls() {
+    interposer::before = [](const interposer::Call &call) {
+        if (set_functions::is_asking()) { // as part of the user's function
+            return interposer::Verdict();
+        }
+        scheduler.point();
+        return planted.follows_script ? interposer::scripted(call) : interposer::Verdict();
+    };
+    instead<Thread_fork> = [](void *(*pfunc)(void *), void *parg) {
+        return scheduler.start([=] { pfunc(parg); });
+    };
+    instead<Thread_end> = [] { scheduler.end(); };
+    instead<Thread_myid> = [] { return scheduler.current(); };
+    instead<Thread_sleep> = [](unsigned int) {};
+    instead<Thread_datap_set> = [](void *pdata) {
+        scheduler.datap() = pdata;
+        return 1;
+    };
+    instead<Thread_datap_get> = [] { return scheduler.datap(); };
+    instead<Sys_get_num_lprocs> = [] { return 2u; };
+    instead<Blockq_deq> = [](BLOCKQ *pbq, unsigned int) {
+        LINK *plink = nullptr;
+        scheduler.wait_until([&] {
+            plink = real<Blockq_deq>(pbq, 0);
+            return plink != nullptr;
+        });
+        return plink;
+    };
+    instead<Lock_enter> = [](THREADLOCK *plock, unsigned int) {
+        enter(plock, !planted.open_mutexes);
+        return 1;
+    };
+    instead<Lock_exit> = [](THREADLOCK *plock) {
+        leave(plock);
+        return 1;
+    };
+    instead<Spinlock_enter> = [](THREADSPINL *pslock) { enter(pslock); };
+    instead<Spinlock_exit> = [](THREADSPINL *pslock) { leave(pslock); };
+    instead<Enter_cs> = [] { enter(&process_cs, !planted.open_process_cs); };
+    instead<Exit_cs> = [] { leave(&process_cs); };
+}
+
+} // namespace schedules
