@@ -46,7 +46,7 @@ std::optional<long> failure(const Call &call) {
     };
     const auto found = own.find(call.name);
     return found != own.end() ? std::optional(found->second)
-           : call.is_store()  ? std::optional<long>(connection_lost)
+           : call.is_store  ? std::optional<long>(connection_lost)
                               : std::nullopt;
 }
 
@@ -57,13 +57,13 @@ std::optional<Mode> next_call(const Call &call) {
         operation.append(" ").append(std::to_string(call.number));
     }
     armed.seen.num_calls += 1;
-    armed.seen.num_store_calls += call.is_store() ? 1 : 0;
+    armed.seen.num_store_calls += call.is_store ? 1 : 0;
     for (std::size_t i = 0; i < armed.points.size(); ++i) {
         const auto &[number, mode, extent] = armed.points[i];
         std::string &started = armed.started[i];
         const unsigned int own_number =
             mode == Mode::refused ? armed.seen.num_calls : armed.seen.num_store_calls;
-        if (mode != Mode::refused && !call.is_store()) {
+        if (mode != Mode::refused && !call.is_store) {
             continue;
         }
         if (own_number == number) {
