@@ -15,6 +15,7 @@ void open(TestClock &clock, const Options &options) {
     configuration.num_hosts = options.num_hosts;
     configuration.lock_lease = options.lock_lease;
     configuration.lock_patience = options.lock_patience;
+    configuration.deliver_inline = options.deliver_inline;
     auto engine = std::make_unique<store::EmbeddedEngine>(clock, configuration);
     store::exchange_store(new store::Store(std::move(engine), clock, configuration));
 }
