@@ -4,10 +4,13 @@
 #include "module_test.h"
 
 #include "eval/exceptions.h"
+#include "objects/objects.h"
 
 namespace {
 
 using interposer::Answer;
+using interposer::instead;
+using interposer::real;
 using interposer::script;
 using interposer::take_log;
 using interposer::take_reports;
@@ -106,6 +109,11 @@ TEST_F(Request_test, ParametersReachTheEvals) {
             clear();
         }
     }
+    OMRALIB_INVOKE_PARAMS too_long = eval_request(5, "some parameters");
+    params_ext(too_long).immediate_params_len = 200; // more than the key holds
+    run(too_long, put_objects(1));
+    EXPECT_EQ(set_functions::seen().params.size(), 32u);
+    EXPECT_EQ(take_reports(), "*pparams_obj_len <= OMRAPMI_MAX_IMMEDIATE_PARAMS_LEN");
 }
 
 TEST_F(Request_test, ReadsOfObjects) {
@@ -191,6 +199,50 @@ TEST_F(Request_test, NonsenseFromUserFunctions) {
     }
 }
 
+// Created when it is missing or empty, and else merged under its lock, for which one waits.
+TEST_F(Request_test, TheResultsObject) {
+    const std::string store = "store_obj 640 2 900", locked = store + "|read_and_lock_obj 900|";
+    unsigned int len = 0;
+    const auto ends_with = [](const std::string &calls) {
+        return take_log().find(calls + "|complete_invoke 5 ") != std::string::npos;
+    };
+    EXPECT_EQ(eval(1), (Completion{1, 0}));
+    EXPECT_TRUE(ends_with(store));
+    expect_result({0});
+    world::put(900, "");
+    script({{"update_locked_obj", -123}});
+    EXPECT_EQ(eval(1), (Completion{0, 1}));
+    EXPECT_TRUE(ends_with(locked + "update_locked_obj 1 640 900|unlock_obj 900"));
+    EXPECT_EQ(eval(1), (Completion{1, 0}));
+    EXPECT_TRUE(ends_with(locked + "update_locked_obj 1 640 900"));
+    expect_result({0});
+
+    put_result({1});
+    const int elsewhere = real<Omralib_read_and_lock_obj>(hdl, 0, 0, &len, world::key(900));
+    real<Omralib_flush_read_data>(hdl);
+    int num_sleeps = 0;
+    instead<Thread_sleep> = [&](unsigned int duration_ms) {
+        EXPECT_EQ(duration_ms, 10u);
+        if (++num_sleeps == 3) {
+            real<Omralib_unlock_obj>(hdl, elsewhere, 0, world::key(900));
+        }
+    };
+    EXPECT_EQ(eval(1), (Completion{1, 0}));
+    EXPECT_EQ(num_sleeps, 3);
+    expect_result({0, 1});
+    clear();
+    OMRALIB_INVOKE_PARAMS params = eval_request(5);
+    params.invoke_timeout = 0xFFFFFFFF;
+    run(params, put_objects(1));
+    EXPECT_NE(take_log().find("|store_obj 640 65535 900|"), std::string::npos);
+    // With more room than an object can have.
+    const char *pdata = nullptr;
+    const OMRA_OBJKEY key = world::key(900);
+    EXPECT_EQ(
+        Omrapmi_read_get_or_create_and_lock_obj(hdl, &key, &pdata, &len, 0xFFFFFFFF, "x", 1, 0),
+        -1351);
+}
+
 // Results, then exceptions, then the completion; a failure before it changes the counts, or is one
 // of the exceptions alone.
 TEST_F(Request_test, TheEnd) {
@@ -232,6 +284,8 @@ TEST_F(Request_test, TheEnd) {
 TEST_F(Request_test, WithoutKeys) {
     const OMRALIB_INVOKE_PARAMS once = eval_request(5, "", MGTI_APPID_INVOKE_ONCE);
     const auto always = [](auto...) { return true; };
+    EXPECT_EQ(eval(3), (Completion{3, 0})); // leaves no key behind
+    set_functions::reset();
     put_result({1});
     EXPECT_EQ(run(once, {{}}), (Completion{1, 0}));
     expect_result({1, set_functions::no_object});
@@ -243,6 +297,8 @@ TEST_F(Request_test, WithoutKeys) {
     expect_exceptions(1, set_functions::eval_failure + set_functions::no_object, true, {});
     clear();
 
+    EXPECT_EQ(eval(3), (Completion{3, 0}));
+    set_functions::reset();
     put_result({0});
     world::put(50, result_bytes(set_of({1})));
     EXPECT_EQ(run(merge_request(50), {}), (Completion{1, 0}));

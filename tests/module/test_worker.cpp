@@ -58,8 +58,9 @@ TEST_F(Init_test, AllThreadsMayComeFirst) {
         }
     }
     EXPECT_EQ(interposer::num_forks(), 1u);
-    const std::string log = take_log(), once = "register_cb 3|register_cb 4";
-    EXPECT_EQ(log.find(once), log.rfind(once));
+    const std::string log = take_log();
+    EXPECT_EQ(log.find("register_cb 3|register_cb 4"), 0u);
+    EXPECT_EQ(log.rfind("register_cb 3"), 0u);
     EXPECT_EQ(Sys_get_mem_use(OMRAPMI_TAG_FUNCTBL).blocks, 1u);
     EXPECT_EQ(interposer::ledger().descriptors, 0);
 }
