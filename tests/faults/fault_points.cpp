@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 namespace faults {
@@ -34,6 +35,19 @@ constexpr std::array<std::string_view, 5> mode_names = {"refused", "reply_lost",
                                                         "host_2_dies", "host_3_dies"};
 constexpr std::array<std::string_view, 3> extent_names = {"once", "operation", "all"};
 
+std::size_t index(auto value) {
+    return static_cast<std::size_t>(value);
+}
+
+template <class Value>
+Value find(const auto &names, const std::string &name) {
+    const auto found = std::ranges::find(names, name);
+    if (found == names.end()) {
+        throw std::invalid_argument(name);
+    }
+    return static_cast<Value>(found - names.begin());
+}
+
 // What a call answers that fails; nothing for one that cannot.
 std::optional<long> failure(const Call &call) {
     static const std::map<std::string_view, long> own = {
@@ -46,7 +60,7 @@ std::optional<long> failure(const Call &call) {
     };
     const auto found = own.find(call.name);
     return found != own.end() ? std::optional(found->second)
-           : call.is_store  ? std::optional<long>(connection_lost)
+           : call.is_store()  ? std::optional<long>(connection_lost)
                               : std::nullopt;
 }
 
@@ -57,13 +71,13 @@ std::optional<Mode> next_call(const Call &call) {
         operation.append(" ").append(std::to_string(call.number));
     }
     armed.seen.num_calls += 1;
-    armed.seen.num_store_calls += call.is_store ? 1 : 0;
+    armed.seen.num_store_calls += call.is_store() ? 1 : 0;
     for (std::size_t i = 0; i < armed.points.size(); ++i) {
         const auto &[number, mode, extent] = armed.points[i];
         std::string &started = armed.started[i];
         const unsigned int own_number =
             mode == Mode::refused ? armed.seen.num_calls : armed.seen.num_store_calls;
-        if (mode != Mode::refused && !call.is_store) {
+        if (mode != Mode::refused && !call.is_store()) {
             continue;
         }
         if (own_number == number) {
@@ -108,9 +122,8 @@ Verdict fail_by_number(const Call &call) {
 std::string to_text(const std::vector<Point> &points) {
     std::ostringstream text;
     for (const auto &[number, mode, extent] : points) {
-        text << (text.tellp() > 0 ? "," : "") << number << ':'
-             << mode_names.at(static_cast<std::size_t>(mode)) << ':'
-             << extent_names.at(static_cast<std::size_t>(extent));
+        text << (text.tellp() > 0 ? "," : "") << number << ':' << mode_names.at(index(mode)) << ':'
+             << extent_names.at(index(extent));
     }
     return text.str();
 }
@@ -118,22 +131,11 @@ std::string to_text(const std::vector<Point> &points) {
 std::vector<Point> to_points(const std::string &text) {
     std::vector<Point> points;
     std::istringstream list(text);
-    for (std::string item, mode, extent; std::getline(list, item, ',');) {
-        std::istringstream fields(item);
-        Point point{};
-        char colon = 0;
-        fields >> point.number >> colon;
-        std::getline(fields, mode, ':');
-        std::getline(fields, extent);
-        const auto found_mode = std::ranges::find(mode_names, mode);
-        const auto found_extent = std::ranges::find(extent_names, extent);
-        if (point.number == 0 || found_mode == mode_names.end() ||
-            found_extent == extent_names.end()) {
-            return {};
-        }
-        point.mode = static_cast<Mode>(found_mode - mode_names.begin());
-        point.extent = static_cast<Extent>(found_extent - extent_names.begin());
-        points.push_back(point);
+    for (std::string number, mode, extent; std::getline(list, number, ':') &&
+                                           std::getline(list, mode, ':') &&
+                                           std::getline(list, extent, ',');) {
+        points.push_back({static_cast<unsigned int>(std::stoul(number)),
+                          find<Mode>(mode_names, mode), find<Extent>(extent_names, extent)});
     }
     return points;
 }

@@ -33,7 +33,7 @@ struct Point {
     Extent extent = Extent::once;
 };
 
-// "12:refused:once,15:host_2_dies:all" and back; an empty list for what is no such text.
+// "12:refused:once,15:host_2_dies:all" and back; throws what is no such text.
 std::string to_text(const std::vector<Point> &points);
 std::vector<Point> to_points(const std::string &text);
 

@@ -56,7 +56,7 @@ interposer::Verdict draw_status(const interposer::Call &call) {
     static constexpr int statuses[] = {1,    1,    1,    1,    1,    1,    1,    1,    1,    1,
                                        1,    -101, -102, -103, -105, -106, -108, -109, -110, -112,
                                        -116, -119, -120, -121, -122, -123, -124, -1,   -2,   -1351};
-    if (!call.is_store || std::ranges::count(operations, call.name.substr(8)) == 0) {
+    if (!call.is_store() || std::ranges::count(operations, call.name.substr(8)) == 0) {
         return {};
     }
     const Guard guard(state.lock);
