@@ -61,8 +61,8 @@ TEST_F(BadInput, storeOptions) {
     expect_run_refused("in.txt --query 'size > 1' --index 0=a", "--query", "--index");
     expect_run_refused("--eval once --query 'size > 1'", "--query", "'once'");
     expect_refused("explain in.txt", "--query is required");
-    expect_run_refused("in.txt --hosts 65", "num_hosts is 65", "1 to 64");
-    expect_run_refused("in.txt --hosts 0", "'0' is not a number from 1 to");
+    expect_run_refused("in.txt --hosts 65", "'65' is not a number from 1 to 64");
+    expect_run_refused("in.txt --hosts 0", "'0' is not a number from 1 to 64");
     for (const std::string bytes :
          {"0", "-1", "K", "1KM", "1T", "17179869184G", "99999999999999999999"}) {
         expect_run_refused("in.txt --memory-limit " + bytes, bytes, "K, M or G");
