@@ -81,8 +81,8 @@ TEST_F(BadInput, numbers) {
         expect_run_refused({{"--lose-host " + lost, lost + " ... expected N@P% ... 0 to 100"}});
     }
     expect_run_refused({{"--exceptions many", "'many' is not a number from 0 to"},
-                        {"--hosts 65", "num_hosts is 65 ... 1 to 64"},
-                        {"--hosts 0", "'0' is not a number from 1 to"},
+                        {"--hosts 65", "'65' is not a number from 1 to 64"},
+                        {"--hosts 0", "'0' is not a number from 1 to 64"},
                         {"--hosts 4 --lose-host 5@1%", "no host 5 ... 1 to 4"}});
 }
 
