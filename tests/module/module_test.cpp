@@ -1,5 +1,6 @@
 #include "module_test.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -122,7 +123,7 @@ Keys put_objects(unsigned int num_objects) {
 std::vector<OMRAPMI_EXCEPTION> exceptions(unsigned long long object) {
     const std::string bytes = world::bytes(object);
     std::vector<OMRAPMI_EXCEPTION> list(bytes.size() / sizeof(OMRAPMI_EXCEPTION)); // none of "none"
-    std::memcpy(static_cast<void *>(list.data()), bytes.data(), list.size() * sizeof list[0]);
+    std::copy_n(bytes.data(), list.size() * sizeof list[0], reinterpret_cast<char *>(list.data()));
     return list;
 }
 
