@@ -75,10 +75,11 @@ public:
         int status = 0;
         waitpid(child, &status, 0);
         if (status != 0) {
-            num_complaints_ += 1;
+            const bool hangs = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
+            num_complaints_ += hangs ? max_complaints : 1; // one that hangs is enough
             std::string what = report_->complaint;
             if (WIFSIGNALED(status)) {
-                what += WTERMSIG(status) == SIGALRM ? "hangs" : strsignal(WTERMSIG(status));
+                what += hangs ? "hangs" : strsignal(WTERMSIG(status));
                 what.append(" ").append(report_->stage ? report_->stage : "at the start");
             }
             ADD_FAILURE() << "FAULT_POINTS=" << faults::to_text(plan) << ": " << what;
@@ -86,9 +87,11 @@ public:
         return report_->seen;
     }
 
-    bool goes_on() const { return num_complaints_ < 5; }
+    bool goes_on() const { return num_complaints_ < max_complaints; }
 
 private:
+    static constexpr unsigned int max_complaints = 5;
+
     faults::Seen play(const Plan &plan) {
         std::string complaint;
         const faults::Seen seen =
