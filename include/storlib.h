@@ -41,7 +41,8 @@ extern "C" {
     X(OMRALIB_ERR_BAD_QUERY, -121, "the query is not valid")                                       \
     X(OMRALIB_ERR_LOCK_LOST, -122, "the lock ticket is no longer valid")                           \
     X(OMRALIB_ERR_NO_SPACE, -123, "the store's memory limit is reached")                           \
-    X(OMRALIB_ERR_CANCELLED, -124, "the invocation was cancelled")
+    X(OMRALIB_ERR_CANCELLED, -124, "the invocation was cancelled")                                 \
+    X(OMRALIB_ERR_UNKNOWN, -125, "it is unknown whether the operation was carried out")
 
 enum {
 #define OMRALIB_STATUS_ENUM(name, value, text) name = (value),

@@ -1,17 +1,14 @@
 /* Time as the platform sees it: milliseconds that never go back, and waiting for a moment of them.
  *
- * Everything that expires or gives up asks a Clock, so that a test can turn a ManualClock by hand
- * instead of waiting. */
+ * Everything that expires or gives up asks a Clock, so that a test can bring one that it
+ * turns by hand instead of waiting. */
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
-#include <utility>
-#include <vector>
 
 namespace platform {
 
@@ -60,33 +57,6 @@ public:
     }
 
     void add_listener(std::function<void()>) override {}
-};
-
-class ManualClock final : public Clock {
-public:
-    Millis now() const override { return now_.load(std::memory_order_acquire); }
-
-    void wait(std::unique_lock<std::mutex> &lock, std::condition_variable &wake, Millis) override {
-        wake.wait(lock);
-    }
-
-    void add_listener(std::function<void()> on_jump) override {
-        const std::lock_guard guard(lock_);
-        listeners_.push_back(std::move(on_jump));
-    }
-
-    void advance(Millis duration) {
-        now_.fetch_add(duration, std::memory_order_acq_rel);
-        const std::lock_guard guard(lock_);
-        for (const auto &listener : listeners_) {
-            listener();
-        }
-    }
-
-private:
-    std::atomic<Millis> now_{1'000'000};
-    std::mutex lock_;
-    std::vector<std::function<void()>> listeners_; /* guarded by lock_ */
 };
 
 } // namespace platform

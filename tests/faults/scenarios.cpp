@@ -2,7 +2,6 @@
 
 #include "client/store.h"
 #include "common/records.h"
-#include "embedded/embedded_engine.h"
 #include "hasty_clock.h"
 #include "runtime/descriptors.h"
 #include "storapp.h"
@@ -293,9 +292,8 @@ struct World {
     }
 
     World()
-        : store(std::make_unique<store::EmbeddedEngine>(clock, configuration()), clock,
+        : store(store::engine_kinds().front().make(clock, configuration()), clock,
                 configuration()) {
-        store::exchange_store(&store);
         hdl = application_handle();
         for (unsigned int i = 0; i < num_objects; ++i) {
             OMRA_OBJKEY key{};

@@ -7,10 +7,11 @@
 #include <vector>
 
 #include "client/store.h"
-#include "embedded/embedded_engine.h"
+#include "embedded/embedded_objects.h"
 #include "fuzz.h"
 #include "query/language.h"
 #include "query/request.h"
+#include "support/clocks.h"
 
 namespace {
 
@@ -20,8 +21,8 @@ constexpr unsigned int app = 5;
 constexpr ULONGLONG num_objects = 60;
 
 struct World {
-    store::ManualClock clock;
-    store::EmbeddedEngine engine{clock, store::Configuration{}};
+    TestClock clock;
+    store::EmbeddedObjects objects{clock, store::Configuration{}};
 };
 World &world = *new World; // a thread of the engine outlives main
 
@@ -34,7 +35,7 @@ store::Selection selection_of(store::Condition where) {
 
 std::vector<store::Key> find(const store::Selection &selection) {
     std::vector<store::Key> keys;
-    check(world.engine.find(selection, keys) == OMRALIB_RET_SUCCESS, "find failed");
+    check(store::find(world.objects, selection, nullptr, keys) == OMRALIB_RET_SUCCESS, "find failed");
     check(std::is_sorted(keys.begin(), keys.end(), store::KeyLess()), "keys out of order");
     return keys;
 }
@@ -49,7 +50,7 @@ void check_answer(const store::Selection &selection) {
     std::vector<store::Key> keys = find(selection);
     check(keys.size() <= selection.limit && keys.size() <= num_objects, "more than the limit");
     store::Explanation explanation;
-    check(world.engine.explain(selection, explanation) == OMRALIB_RET_SUCCESS, "no explanation");
+    check(world.objects.explain(selection, explanation) == OMRALIB_RET_SUCCESS, "no explanation");
 
     std::vector<store::Key> all = find(selection_of(selection.where));
     check(all.size() <= explanation.expected, "more than was expected");
@@ -74,7 +75,7 @@ int LLVMFuzzerInitialize(int *, char ***) {
         for (USHORT i = 0; i < 8; ++i) {
             values[i] = {i, {}, {{number % (i + 2u), i < 4 ? 0 : ~number, 0, 0}}};
         }
-        world.engine.create(key, {bytes, 0, {values, number % 9}});
+        world.objects.create(key, {bytes, 0, {values, number % 9}});
         world.clock.advance(number % 3 * 1000);
     }
     return 0;
@@ -93,7 +94,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
         return 0;
     }
     std::string explanation;
-    check(store::explain_query(world.engine, app, std::as_bytes(std::span(exact)), explanation,
+    check(store::explain_query(world.objects, app, std::as_bytes(std::span(exact)), explanation,
                                why) == OMRALIB_RET_SUCCESS,
           "a query that cannot be explained");
     check_answer(selection);

@@ -9,7 +9,8 @@
 #include <vector>
 
 #include "client/store.h"
-#include "embedded/embedded_engine.h"
+#include "support/clocks.h"
+#include "support/decorators.h"
 #include "fuzz.h"
 
 namespace {
@@ -39,7 +40,7 @@ public:
     }
 
 private:
-    store::ManualClock time_;
+    TestClock time_;
     const std::thread::id thread_ = std::this_thread::get_id();
 };
 
@@ -163,11 +164,11 @@ void check_result(const OMRA_INVOKE_RESULT &result) {
 int LLVMFuzzerInitialize(int *, char ***) {
     store::Configuration configuration;
     configuration.num_hosts = 4;
-    configuration.deliver_inline = true;
     world.pstore =
-        new store::Store(std::make_unique<store::EmbeddedEngine>(world.clock, configuration),
-                         world.clock, configuration);
-    store::exchange_store(world.pstore);
+        new store::Store(
+            decorated(store::engine_kinds().front().make(world.clock, configuration)), world.clock,
+            configuration);
+    decorator_of(world.pstore->cluster()).in_order = true;
     world.hdl = Omralib_open_ext(nullptr);
     world.worker = Omralib_open_ext("a worker's guid.");
     OMRALIB_CB cb;

@@ -1,6 +1,6 @@
 /* Hosts whose work a test carries out in small steps, on the invoking thread itself: whenever the
- * invocation would sleep, the test decides what happens next. So a run has one thread, one order of
- * events and a clock that moves when the test says so; with the same seed it is the same run.
+ * invocation would sleep, the test decides what happens next. So a run has one order of events and
+ * a clock that moves when the test says so; with the same seed it is the same run.
  *
  * The hosts behave like the module: they store the results object of a request or merge into the
  * one that is there, then the exceptions, then they report. An object is evaluated to its number;
@@ -11,39 +11,12 @@
 #include <functional>
 #include <list>
 #include <random>
-#include <thread>
 
 #include "store_test.h"
 
-/* Time that moves by hand; who waits on the thread of the test gives the test a turn. */
-class TurnClock final : public store::Clock {
-public:
-    std::function<void(store::Millis deadline)> on_wait;
-
-    store::Millis now() const override { return time_.now(); }
-    void advance(store::Millis duration) { time_.advance(duration); }
-    void add_listener(std::function<void()> on_jump) override {
-        time_.add_listener(std::move(on_jump));
-    }
-    void wait(std::unique_lock<std::mutex> &lock, std::condition_variable &wake,
-              store::Millis deadline) override {
-        if (std::this_thread::get_id() != thread_) {
-            time_.wait(lock, wake, deadline);
-            return;
-        }
-        lock.unlock();
-        on_wait(deadline);
-        lock.lock();
-    }
-
-private:
-    store::ManualClock time_;
-    const std::thread::id thread_ = std::this_thread::get_id();
-};
-
 /* A request that a host has accepted. */
 struct Job {
-    store::HostId host = 0;
+    std::uint32_t host = 0;
     OMRALIB_INVOKE_PARAMS params{};
     int num_steps = 0; /* done: 1 computed, 2 results stored, 3 exceptions stored, 4 reported */
     bool is_stuck = false;
@@ -68,7 +41,7 @@ struct Outcome {
     std::size_t num_merge_exceptions = 0;
 };
 
-class PlayedHosts : private store::RequestReceiver {
+class PlayedHosts {
 public:
     static constexpr unsigned int event_app = 77;
     static constexpr unsigned int data_app = 5;
@@ -76,7 +49,6 @@ public:
 
     PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, unsigned int seed = 0,
                 const store::Configuration &more = {});
-    ~PlayedHosts() override { store::exchange_store(nullptr); }
     PlayedHosts(const PlayedHosts &) = delete;
     PlayedHosts &operator=(const PlayedHosts &) = delete;
 
@@ -90,7 +62,7 @@ public:
     Outcome invoke(unsigned int timeout_s, OMRALIB_HANDLE its_hdl);
 
     /* The host is gone; what it was doing ends, or goes on although nobody wants it. */
-    void kill(store::HostId host, bool as_zombie);
+    void kill(std::uint32_t host, bool as_zombie);
 
     /* Carries out a step of a job, which is taken off the list when it has reported. */
     void step(std::list<Job>::iterator job);
@@ -98,11 +70,13 @@ public:
     /* Does what the late jobs of hosts that are gone still do. */
     void finish_zombies();
 
+    DecoratedObjects &objects() { return decorator_of(store.objects()); }
+    DecoratedCluster &cluster() { return decorator_of(store.cluster()); }
     unsigned int pick(unsigned int bound) { return static_cast<unsigned int>(random() % bound); }
     unsigned long long num_temp_objects() { return count(hdl, temp_app); }
     OMRALIB_STATS stats();
 
-    TurnClock clock;
+    TestClock clock;
     store::Store store;
     OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE;
     OMRALIB_HANDLE worker = OMRALIB_NULL_HANDLE;
@@ -111,18 +85,15 @@ public:
     int num_jobs = 0;    /* ever accepted */
 
     /* The test's part; each has a default. */
-    std::function<int(const Job &job)> answer;        /* of the invoke callback */
-    std::function<void(Job &job)> before_step;        /* may kill the job's host */
-    std::function<bool()> merge_fails;                /* the user's merge function */
+    std::function<int(const Job &job)> answer; /* of the invoke callback */
+    std::function<void(Job &job)> before_step; /* may kill the job's host */
+    std::function<bool()> merge_fails;         /* the user's merge function */
+    std::function<bool()> loses_answer;        /* of a call by the invocation, or of a reply */
     std::function<void(store::Millis deadline)> turn; /* a step of a job, or time passes */
 
 private:
     static store::Configuration configuration(std::uint32_t num_hosts, store::Configuration more);
     static int on_invoke(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams);
-
-    void receive(std::shared_ptr<const store::Request> request) override;
-    void withdraw(store::HostId sender, store::RequestId request) override;
-    std::uint32_t num_begun(store::HostId sender, store::RequestId request) override;
 
     void take_turn(store::Millis deadline);
     void compute(Job &job);
@@ -131,5 +102,7 @@ private:
     void report(Job &job);
     void take_objects(OMRALIB_HANDLE its_hdl, Outcome &outcome);
 
-    store::HostId receiving_ = 0; /* the host whose callback runs */
+    std::uint32_t receiving_ = 0; /* the host whose callback runs */
+    bool is_invoking_ = false;
+    bool is_at_work_ = false; /* a host */
 };

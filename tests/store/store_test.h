@@ -10,14 +10,20 @@
 #include <gtest/gtest.h>
 
 #include "client/store.h"
+#include "support/clocks.h"
+#include "support/decorators.h"
 
 struct EngineParam {
     const char *name;
-    std::unique_ptr<store::Engine> (*make)(store::Clock &clock,
-                                           const store::Configuration &configuration);
+    const store::EngineKind *kind;
+
+    /* Behind decorators. */
+    store::Engine make(store::Clock &clock, const store::Configuration &configuration) const {
+        return decorated(kind->make(clock, configuration));
+    }
 };
 
-/* Every engine that the tests run against. */
+/* Every engine that there is. */
 std::vector<EngineParam> all_engines();
 
 inline std::string engine_name(const testing::TestParamInfo<EngineParam> &engine) {
@@ -29,25 +35,21 @@ inline std::string engine_name(const testing::TestParamInfo<EngineParam> &engine
 
 class StoreTest : public testing::TestWithParam<EngineParam> {
 protected:
-    /* Waiting for locks would wait for the clock to be turned: a test that wants it says so. */
-    static store::Configuration impatient() {
-        store::Configuration configuration;
-        configuration.lock_patience = 0;
-        return configuration;
-    }
-
-    explicit StoreTest(const store::Configuration &configuration = impatient())
+    explicit StoreTest(const store::Configuration &configuration = {})
         : store_(GetParam().make(clock_, configuration), clock_, configuration) {
-        store::exchange_store(&store_);
         hdl_ = Omralib_open_ext("store test guid");
     }
-    ~StoreTest() override { store::exchange_store(nullptr); }
+
+    /* Reading under lock waits for no other holder, because that would be waiting for the clock to
+     * be turned; a test that wants it to sets its patience. */
+    DecoratedObjects &objects() { return decorator_of(store_.objects()); }
+    DecoratedCluster &cluster() { return decorator_of(store_.cluster()); }
 
     /* The objects that have this value of an index. */
     std::vector<store::Key> find_value(unsigned int app_id, USHORT index,
                                        unsigned long long number);
 
-    store::ManualClock clock_;
+    TestClock clock_;
     store::Store store_;
     OMRALIB_HANDLE hdl_ = OMRALIB_NULL_HANDLE;
 };
@@ -91,3 +93,13 @@ std::string fetch(OMRALIB_HANDLE hdl, unsigned int len);
 int update(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, int ticket, std::string_view data, bool unlock);
 
 unsigned long long count(OMRALIB_HANDLE hdl, unsigned int app_id);
+
+/* The header of a request for the objects of `app_id`, served by those who handle `event_app_id`.
+ */
+OMRA_INDEX_HDR make_header(unsigned int app_id, unsigned int event_app_id);
+
+/* With this header and what follows it; fetches the result. */
+int invoke(OMRALIB_HANDLE hdl, const OMRA_INDEX_HDR &header, std::string_view query,
+           OMRA_INVOKE_RESULT &result_out);
+
+std::string error_text(OMRALIB_HANDLE hdl);

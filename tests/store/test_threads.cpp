@@ -29,7 +29,7 @@ protected:
     FullStore() : StoreTest(limited()) {}
 
     static store::Configuration limited() {
-        store::Configuration configuration = impatient();
+        store::Configuration configuration;
         configuration.memory_limit = limit;
         return configuration;
     }
@@ -84,9 +84,7 @@ TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
 /* On a clock that only the test turns: without a wake-up a waiter waits for ever. */
 class Waiting : public StoreTest {
 protected:
-    Waiting() : StoreTest(patient()) {}
-
-    static store::Configuration patient() { return {}; }
+    Waiting() { objects().patience.reset(); }
 
     static int lock(OMRALIB_HANDLE hdl) {
         unsigned int len = 0;
@@ -141,7 +139,7 @@ TEST_P(Waiting, EndsWhenTheLockIsGivenBackHoweverThatHappens) {
     EXPECT_EQ(0u, num_lock_waits());
 
     std::future<int> waiter = start_waiting(other);
-    clock_.advance(patient().lock_patience);
+    clock_.advance(store::millis_per_second);
     EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, waiter.get());
 
     waiter = start_waiting(other);

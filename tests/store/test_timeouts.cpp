@@ -78,7 +78,7 @@ TEST_P(TimeOuts, AreToldToWhoeverHandlesTheAppId) {
 
 /* What renews leases and sweeps as time passes. */
 TEST(Alarm, WorksAtTheMomentsItIsCalledForAndThenAtThoseTheWorkNames) {
-    store::ManualClock clock;
+    TestClock clock;
     std::counting_semaphore<> worked(0);
     std::atomic<store::Millis> next{store::never};
     store::Alarm alarm(clock, [&] {

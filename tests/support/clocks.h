@@ -4,7 +4,12 @@
 
 #include "common/clock.h"
 
+#include <atomic>
+#include <functional>
+#include <mutex>
 #include <thread>
+#include <utility>
+#include <vector>
 
 class TestClock final : public platform::Clock {
 public:

@@ -1,7 +1,7 @@
 #include "world.h"
 
 #include "client/store.h"
-#include "embedded/embedded_engine.h"
+#include "decorators.h"
 #include "interposer.h"
 #include "storapp.h"
 
@@ -14,9 +14,10 @@ void open(TestClock &clock, const Options &options) {
     store::Configuration configuration;
     configuration.num_hosts = options.num_hosts;
     configuration.lock_lease = options.lock_lease;
-    configuration.lock_patience = options.lock_patience;
-    auto engine = std::make_unique<store::EmbeddedEngine>(clock, configuration);
-    store::exchange_store(new store::Store(std::move(engine), clock, configuration));
+    store::Engine engine =
+        decorated(store::engine_kinds().front().make(clock, configuration));
+    decorator_of(*engine.objects).patience = options.lock_patience;
+    new store::Store(std::move(engine), clock, configuration); // the process's from now on
 }
 
 OMRA_OBJKEY key(unsigned long long number, unsigned int app_id) {

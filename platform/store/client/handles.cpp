@@ -1,3 +1,4 @@
+/* Slots are taken, given back and walked over. */
 #include "client/handles.h"
 
 namespace store {
@@ -28,7 +29,7 @@ std::uint32_t HandleTable::take_free_index() {
 }
 
 OMRALIB_HANDLE HandleTable::open(const Guid &guid) {
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     const std::uint32_t index = take_free_index();
     if (index == max_slots) {
         return OMRALIB_NULL_HANDLE;
@@ -42,6 +43,7 @@ OMRALIB_HANDLE HandleTable::open(const Guid &guid) {
 
 void HandleTable::close(OMRALIB_HANDLE hdl, HandleSlot &slot) {
     slot.pending.reset();
+    slot.read_notes.clear();
     slot.locks.clear();
     slot.progress = nullptr;
     slot.error_text = {};
@@ -49,7 +51,7 @@ void HandleTable::close(OMRALIB_HANDLE hdl, HandleSlot &slot) {
     if (generation > index_mask) {
         generation = 1;
     }
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     free_.push_back(hdl & index_mask);
     slot.state.store(generation << 2, std::memory_order_release);
 }
@@ -75,6 +77,17 @@ std::vector<HeldLock> HandleTable::held_locks() const {
     std::vector<HeldLock> held;
     for_each_slot([&](const HandleSlot &slot) { slot.locks.append_to(held); });
     return held;
+}
+
+void HandleUse::note_failure(Status status) {
+    if (explained_ || slot_ == nullptr) {
+        return;
+    }
+    slot_->error_text =
+        status == OMRALIB_ERR_UNKNOWN
+            ? "the store was asked and has not answered: it may have been done, may "
+              "be done yet, or never; look before doing it again"
+            : "";
 }
 
 } // namespace store

@@ -11,13 +11,13 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "client/held_locks.h"
+#include "engine/content.h"
 #include "engine/contracts.h"
-#include "engine/engine.h"
+#include "serving/open_requests.h"
 
 namespace store {
 
@@ -28,7 +28,8 @@ struct alignas(64) HandleSlot {
     std::atomic<std::uint64_t> num_reads{0};
 
     /* Of the call that has the handle. */
-    ContentRef pending;
+    Content pending;
+    ReadNotes read_notes;
     std::string error_text; /* more about what failed last; see HandleUse::explain */
     Guid guid{};
     OMRALIB_PROGRESS_FUNC progress = nullptr; /* called during its invocations */
@@ -88,15 +89,15 @@ private:
     /* The last index stays unused: with the last generation it would be OMRALIB_NULL_HANDLE. */
     static constexpr std::uint32_t max_slots = index_mask;
 
-    std::uint32_t take_free_index();
+    std::uint32_t take_free_index() ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     template <typename Visit>
     void for_each_slot(Visit visit) const;
 
     std::array<std::atomic<HandleSlot *>, (1u << index_bits) / chunk_slots> chunks_{};
 
-    std::mutex lock_;
-    std::deque<std::uint32_t>
-        free_; /* guarded by lock_; oldest first, so that numbers come back late */
+    Mutex lock_;
+    /* Oldest first, so that numbers come back late. */
+    std::deque<std::uint32_t> free_ ABSL_GUARDED_BY(lock_);
     std::atomic<std::uint32_t> num_slots_{0}; /* grows under lock_ */
 };
 
@@ -134,12 +135,8 @@ public:
         explained_ = true;
     }
 
-    /* The call fails: unless it has explained why, there is no more to say. */
-    void note_failure() {
-        if (!explained_ && slot_ != nullptr) {
-            slot_->error_text.clear();
-        }
-    }
+    /* The call fails: unless it has explained why, there is no more to say, or only in general. */
+    void note_failure(Status status);
 
     /* The handle has been closed: its slot is no longer this call's. */
     void forget() { slot_ = nullptr; }

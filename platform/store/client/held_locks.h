@@ -4,11 +4,10 @@
 #pragma once
 
 #include <algorithm>
-#include <mutex>
 #include <vector>
 
-#include "common/word_lock.h"
-#include "engine/engine.h"
+#include "engine/keys.h"
+#include "engine/types.h"
 
 namespace store {
 
@@ -23,24 +22,24 @@ public:
 
     /* Makes room, so that the next add() cannot fail. Throws std::bad_alloc. */
     void prepare() {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         if (locks_.size() == locks_.capacity()) {
             locks_.reserve(2 * locks_.size() + 1);
         }
     }
 
     void add(const HeldLock &held) {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         locks_.push_back(held);
     }
 
     void drop(const Key &key, int ticket) {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         std::erase_if(locks_, [&](const HeldLock &held) { return is(held, key, ticket); });
     }
 
     void clear() {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         locks_ = {};
     }
 
@@ -60,7 +59,7 @@ public:
     /* Of anyone -------------------------------------------------------------------------------- */
 
     void append_to(std::vector<HeldLock> &list) const {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         list.insert(list.end(), locks_.begin(), locks_.end());
     }
 

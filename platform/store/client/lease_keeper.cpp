@@ -1,3 +1,4 @@
+/* Renewing on an alarm. */
 #include "client/lease_keeper.h"
 
 #include <algorithm>
@@ -11,8 +12,8 @@ constexpr int renewals_per_lease = 3;
 
 } // namespace
 
-LeaseKeeper::LeaseKeeper(const HandleTable &handles, Engine &engine, Clock &clock, Millis lease)
-    : handles_(handles), engine_(engine), clock_(clock),
+LeaseKeeper::LeaseKeeper(const HandleTable &handles, Objects &objects, Clock &clock, Millis lease)
+    : handles_(handles), objects_(objects), clock_(clock),
       period_(std::max<Millis>(lease / renewals_per_lease, 1)),
       alarm_(clock, [this] { return work(); }) {
     /* The holders have lived through a jump of the clock, however far it went. */
@@ -24,7 +25,7 @@ LeaseKeeper::LeaseKeeper(const HandleTable &handles, Engine &engine, Clock &cloc
 Millis LeaseKeeper::work() {
     const std::vector<HeldLock> held = handles_.held_locks();
     for (const HeldLock &lock : held) {
-        engine_.renew_lock(lock.key, lock.ticket);
+        objects_.renew_lock(lock.key, lock.ticket);
     }
     return held.empty() ? never : clock_.now() + period_;
 }

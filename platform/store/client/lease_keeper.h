@@ -3,15 +3,14 @@
 #pragma once
 
 #include "client/handles.h"
-#include "common/alarm.h"
-#include "engine/engine.h"
+#include "engine/objects.h"
 
 namespace store {
 
 class LeaseKeeper {
 public:
     /* All of them outlive the keeper. */
-    LeaseKeeper(const HandleTable &handles, Engine &engine, Clock &clock, Millis lease);
+    LeaseKeeper(const HandleTable &handles, Objects &objects, Clock &clock, Millis lease);
     LeaseKeeper(const LeaseKeeper &) = delete;
     LeaseKeeper &operator=(const LeaseKeeper &) = delete;
 
@@ -27,7 +26,7 @@ private:
     Millis work();
 
     const HandleTable &handles_;
-    Engine &engine_;
+    Objects &objects_;
     Clock &clock_;
     const Millis period_;
     Alarm alarm_;

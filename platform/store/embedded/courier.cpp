@@ -1,14 +1,29 @@
+/* The courier's thread. */
 #include "embedded/courier.h"
 
-#include <algorithm>
 #include <exception>
 #include <new>
+#include <utility>
 
 namespace store {
 
+namespace {
+
+Reply refusal_of(const Request &request) {
+    Reply reply;
+    reply.request = request.id;
+    reply.to = request.sender;
+    reply.from = request.share.host;
+    reply.kind = Reply::Kind::refused;
+    reply.refusal = OMRALIB_INVOKE_NO_MEMORY;
+    return reply;
+}
+
+} // namespace
+
 Courier::~Courier() {
     {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         ending_ = true;
     }
     wake_.notify_one();
@@ -17,56 +32,51 @@ Courier::~Courier() {
     }
 }
 
-void Courier::send(const RequestPtr &request) {
+void Courier::send(Request request) {
+    const Reply refusal = refusal_of(request);
     try {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         if (!thread_.joinable()) {
             thread_ = std::thread(&Courier::run, this);
         }
-        waiting_.push_back(request);
+        waiting_.push_back(std::move(request));
     } catch (const std::exception &) {
-        refuse(*request);
+        sink_.on_reply(refusal);
         return;
     }
     wake_.notify_one();
 }
 
 bool Courier::take_back(RequestId request) {
-    const std::lock_guard guard(lock_);
-    return std::erase_if(waiting_, [&](const RequestPtr &it) { return it->id == request; }) > 0;
+    const Guard guard(lock_);
+    return std::erase_if(waiting_, [&](const Request &it) { return it.id == request; }) > 0;
 }
 
 void Courier::run() {
-    std::unique_lock lock(lock_);
     for (;;) {
-        wake_.wait(lock, [this] { return ending_ || !waiting_.empty(); });
-        if (ending_) {
-            return;
+        Request request;
+        {
+            MutexLock lock(lock_);
+            while (!ending_ && waiting_.empty()) {
+                wake_.wait(lock.native());
+            }
+            if (ending_) {
+                return;
+            }
+            request = std::move(waiting_.front());
+            waiting_.pop_front();
         }
-        RequestPtr request = std::move(waiting_.front());
-        waiting_.pop_front();
-        lock.unlock();
-        hand_over(request);
-        request.reset();
-        lock.lock();
+        hand_over(std::move(request));
     }
 }
 
-void Courier::hand_over(const RequestPtr &request) {
+void Courier::hand_over(Request request) {
+    const Reply refusal = refusal_of(request);
     try {
-        receiver_.receive(request);
+        receiver_.receive(std::move(request));
     } catch (const std::bad_alloc &) {
-        refuse(*request);
+        sink_.on_reply(refusal);
     }
-}
-
-void Courier::refuse(const Request &request) {
-    Reply reply;
-    reply.request = request.id;
-    reply.to = request.sender;
-    reply.kind = Reply::Kind::refused;
-    reply.refusal = OMRALIB_INVOKE_NO_MEMORY;
-    sink_.on_reply(reply);
 }
 
 } // namespace store

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <utility>
 
-#include "common/clock.h"
 #include "embedded/record.h"
 
 namespace store {

@@ -1,10 +1,11 @@
+/* Waiting for a lock, and waking those who wait. */
 #include "embedded/lock_waiters.h"
 
 namespace store {
 
 LockWaiters::LockWaiters(Clock &clock) : clock_(clock) {
     clock_.add_listener([this] {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         for (Waiter *waiter : waiters_) {
             waiter->wake.notify_one();
         }
@@ -13,19 +14,19 @@ LockWaiters::LockWaiters(Clock &clock) : clock_(clock) {
 
 class LockWaiters::Registration {
 public:
-    Registration(LockWaiters &room, Waiter &waiter) : room_(room) {
-        const std::lock_guard guard(room_.lock_);
-        place_ = room_.waiters_.insert(room_.waiters_.end(), &waiter);
+    Registration(LockWaiters &list, Waiter &waiter) : list_(list) {
+        const Guard guard(list_.lock_);
+        place_ = list_.waiters_.insert(list_.waiters_.end(), &waiter);
     }
     Registration(const Registration &) = delete;
     Registration &operator=(const Registration &) = delete;
     ~Registration() {
-        const std::lock_guard guard(room_.lock_);
-        room_.waiters_.erase(place_);
+        const Guard guard(list_.lock_);
+        list_.waiters_.erase(place_);
     }
 
 private:
-    LockWaiters &room_;
+    LockWaiters &list_;
     std::list<Waiter *>::iterator place_;
 };
 
@@ -41,9 +42,9 @@ Status LockWaiters::try_until_free(const Key &key, Millis patience,
         if (status != OMRALIB_ERR_OBJ_LOCKED || last) {
             return status;
         }
-        std::unique_lock lock(lock_);
+        MutexLock lock(lock_);
         while (!waiter.woken && clock_.now() < deadline) {
-            clock_.wait(lock, waiter.wake, deadline);
+            clock_.wait(lock.native(), waiter.wake, deadline);
         }
         waiter.woken = false;
     }
@@ -51,7 +52,7 @@ Status LockWaiters::try_until_free(const Key &key, Millis patience,
 
 /* Wakes all who wait for the key: one alone might have lost its patience at this moment. */
 void LockWaiters::wake(const Key &key) {
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     for (Waiter *waiter : waiters_) {
         if (order_of(waiter->key, key) == 0) {
             waiter->woken = true;

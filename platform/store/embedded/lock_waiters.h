@@ -10,10 +10,9 @@
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <mutex>
 
-#include "common/clock.h"
-#include "engine/engine.h"
+#include "engine/keys.h"
+#include "engine/types.h"
 
 namespace store {
 
@@ -35,7 +34,7 @@ public:
 private:
     struct Waiter {
         const Key &key;
-        bool woken = false; /* guarded by lock_ */
+        bool woken = false; /* guarded by the lock of the list */
         std::condition_variable wake{};
     };
     class Registration;
@@ -43,8 +42,8 @@ private:
     Clock &clock_;
     std::atomic<std::uint64_t> num_waits_{0};
 
-    std::mutex lock_;             /* a leaf */
-    std::list<Waiter *> waiters_; /* guarded by lock_ */
+    Mutex lock_; /* a leaf */
+    std::list<Waiter *> waiters_ ABSL_GUARDED_BY(lock_);
 };
 
 /* Declared before the guard of the lock under which it is armed: wakes when that has been released.

@@ -21,6 +21,7 @@
 #include <absl/container/flat_hash_set.h>
 
 #include "embedded/record.h"
+#include "engine/conditions.h"
 
 namespace store {
 

@@ -1,6 +1,15 @@
+/* Finding and adding partitions. */
 #include "embedded/partition.h"
 
 namespace store {
+
+std::uint64_t Partition::num_records(const SlotSet &slots) {
+    std::uint64_t num = 0;
+    for (std::size_t i = 0; i < num_shards; ++i) {
+        num += slots.touches(i) ? shards[i].num_records() : 0;
+    }
+    return num;
+}
 
 PartitionDirectory::~PartitionDirectory() {
     for (Partition *partition : all()) {
@@ -20,7 +29,7 @@ Partition &PartitionDirectory::find_or_add(std::uint32_t app_id) {
     if (Partition *partition = find(app_id)) {
         return *partition;
     }
-    const std::lock_guard guard(adding_);
+    const Guard guard(adding_);
     if (Partition *partition = find(app_id)) {
         return *partition;
     }

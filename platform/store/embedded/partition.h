@@ -4,7 +4,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -14,14 +13,16 @@ namespace store {
 
 /* All objects of one app id. */
 struct Partition {
-    static constexpr std::size_t num_shards = 32;
 
     Partition(std::uint32_t its_app_id, Partition *its_next, const ShardContext &context)
         : app_id(its_app_id), next(its_next),
           shards(make_shards(context, std::make_index_sequence<num_shards>())) {}
 
     /* By the top bits of the hash; the sets inside the shards use the others. */
-    Shard &shard_of(std::uint64_t hash) { return shards[hash >> 59]; }
+    Shard &shard_of(std::uint64_t hash) { return shards[shard_of_slot(slot_of(hash))]; }
+
+    /* In the shards that these slots touch. */
+    std::uint64_t num_records(const SlotSet &slots);
 
     const std::uint32_t app_id;
     Partition *const next;                 /* in the same bucket of the directory */
@@ -57,7 +58,7 @@ private:
     const ShardContext &context_;
     std::array<std::atomic<Partition *>, num_buckets>
         buckets_{}; /* lists that only grow at the head */
-    std::mutex adding_;
+    Mutex adding_;
 };
 
 } // namespace store

@@ -20,7 +20,7 @@
 
 #include "embedded/object_index.h"
 #include "embedded/record.h"
-#include "engine/engine.h"
+#include "engine/selection.h"
 
 namespace store {
 

@@ -1,3 +1,4 @@
+/* Making records: head and bytes in one block. */
 #include "embedded/record.h"
 
 #include <cstring>
@@ -9,10 +10,9 @@ namespace store {
 static_assert(std::is_trivially_destructible_v<Record>, "the last reference destroys nothing");
 
 Record::Record(const Key &its_key, std::uint32_t its_timeout_m, Bytes bytes)
-    : Content(static_cast<std::uint32_t>(bytes.size()), sizeof(Record)), timeout_m(its_timeout_m),
-      key(its_key) {
+    : length_(static_cast<std::uint32_t>(bytes.size())), timeout_m(its_timeout_m), key(its_key) {
     if (!bytes.empty()) {
-        std::memcpy(writable_bytes(), bytes.data(), bytes.size());
+        std::memcpy(static_cast<void *>(this + 1), bytes.data(), bytes.size());
     }
 }
 

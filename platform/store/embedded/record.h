@@ -1,19 +1,33 @@
 /* One stored object of the embedded engine: its key, what the store knows of it, and its bytes, in
- * one block. A reader's reference keeps the block; only key and bytes are for readers. */
+ * one counted block.
+ *
+ * A reader takes a reference under the lock of the record's shard and copies the bytes after it has
+ * let go of the lock; only key and bytes are for readers. An update makes a new block; readers of
+ * the old one keep it. */
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <utility>
 
-#include "common/clock.h"
 #include "engine/content.h"
-#include "engine/engine.h"
+#include "engine/keys.h"
+#include "engine/types.h"
 
 namespace store {
 
 struct IndexEntry;
+class RecordRef;
 
-struct Record : Content {
-    /* Guarded by the lock of the record's shard; in the head's padding. */
+/* The head of the block; the bytes follow it. Needs no destructor: the last reference gives the
+ * block back with operator delete. */
+struct Record {
+private:
+    std::atomic<std::uint32_t> refs_{1};
+    const std::uint32_t length_;
+
+public:
+    /* Guarded by the lock of the record's shard. */
     std::uint8_t num_entries = 0;
 
     /* Constant once stored. */
@@ -31,19 +45,61 @@ struct Record : Content {
     std::uint32_t stored_s = 0; /* when the object was stored or replaced; see second_of() */
 
     Record(const Key &its_key, std::uint32_t its_timeout_m, Bytes bytes);
+    Record(const Record &) = delete;
+    Record &operator=(const Record &) = delete;
 
+    std::uint32_t length() const { return length_; }
+    Bytes bytes() const { return {reinterpret_cast<const std::byte *>(this + 1), length_}; }
     Millis lifetime() const { return timeout_m * millis_per_minute; }
+
+    /* The bytes, with a reference of their own. */
+    Content content() {
+        add_ref();
+        return {bytes(), this, [](void *record) { static_cast<Record *>(record)->release(); }};
+    }
+
+    void add_ref() { refs_.fetch_add(1, std::memory_order_relaxed); }
+    void release() {
+        if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            ::operator delete(this);
+        }
+    }
 };
 
 static_assert(sizeof(Record) == 88, "every object costs this much beside its bytes");
+
+/* Holds one reference to a record, or none. */
+class RecordRef {
+public:
+    RecordRef() = default;
+    static RecordRef adopt(Record *record) { return RecordRef(record); }
+    RecordRef(RecordRef &&other) noexcept : record_(std::exchange(other.record_, nullptr)) {}
+    RecordRef &operator=(RecordRef &&other) noexcept {
+        std::swap(record_, other.record_);
+        return *this;
+    }
+    ~RecordRef() {
+        if (record_ != nullptr) {
+            record_->release();
+        }
+    }
+
+    Record *operator->() const { return record_; }
+    Record *get() const { return record_; }
+    Record *detach() { return std::exchange(record_, nullptr); }
+
+private:
+    explicit RecordRef(Record *record) : record_(record) {}
+
+    Record *record_ = nullptr;
+};
 
 /* As records count time for the age of their objects; enough for 136 years of a clock. */
 inline std::uint32_t second_of(Millis moment) {
     return static_cast<std::uint32_t>(moment / millis_per_second);
 }
 
-using RecordRef = Ref<Record>;
-
+/* Throws std::bad_alloc. */
 RecordRef make_record(const Key &key, std::uint32_t timeout_m, Bytes bytes);
 
 } // namespace store

@@ -1,7 +1,7 @@
+/* A shard under its lock: records, leases, time-outs. */
 #include "embedded/shard.h"
 
 #include <algorithm>
-#include <mutex>
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -38,8 +38,7 @@ Shard::~Shard() {
     }
 }
 
-/* Under the lock: records ------------------------------------------------------------------------
- */
+/* Under the lock: records --------------------------------------------------------------------- */
 
 bool Shard::is_expired(const Record &record) const {
     return record.timeout_m != 0 && record.expires_at <= context_.clock.now();
@@ -144,8 +143,7 @@ Millis Shard::reap(std::size_t max_records, ExpiredRecords &expired) {
     return expiry_.empty() ? never : expiry_.begin()->first;
 }
 
-/* Under the lock: leases -------------------------------------------------------------------------
- */
+/* Under the lock: leases ---------------------------------------------------------------------- */
 
 bool Shard::is_locked(const Record &record) const {
     return record.ticket != OMRALIB_NULL_LOCK_TKT && holds(record, record.ticket);
@@ -172,13 +170,12 @@ bool Shard::end_lock(Record &record) {
     return waited_for;
 }
 
-/* Operations -------------------------------------------------------------------------------------
- */
+/* Operations ---------------------------------------------------------------------------------- */
 
 Status Shard::create(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values) {
     ExpiredRecords expired(context_.expiry);
     fresh->stored_s = second_of(context_.clock.now());
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     reap(reap_on_the_way, expired);
     const auto found = records_.find(fresh->key, hash);
     if (found != records_.end()) {
@@ -196,8 +193,8 @@ Status Shard::create(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_O
     return OMRALIB_RET_SUCCESS;
 }
 
-Status Shard::read(const Key &key, std::uint64_t hash, bool renewing, ContentRef &content_out) {
-    const std::lock_guard guard(lock_);
+Status Shard::read(const Key &key, std::uint64_t hash, bool renewing, Content &content_out) {
+    const Guard guard(lock_);
     Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
@@ -205,13 +202,13 @@ Status Shard::read(const Key &key, std::uint64_t hash, bool renewing, ContentRef
     if (renewing) {
         renew(*record);
     }
-    content_out = RecordRef::share(record);
+    content_out = record->content();
     return OMRALIB_RET_SUCCESS;
 }
 
 Status Shard::lock(const Key &key, std::uint64_t hash, bool renewing, int ticket, bool mark,
-                   ContentRef &content_out) {
-    const std::lock_guard guard(lock_);
+                   Content &content_out) {
+    const Guard guard(lock_);
     Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
@@ -228,7 +225,7 @@ Status Shard::lock(const Key &key, std::uint64_t hash, bool renewing, int ticket
     if (renewing) {
         renew(*record);
     }
-    content_out = RecordRef::share(record);
+    content_out = record->content();
     return OMRALIB_RET_SUCCESS;
 }
 
@@ -237,7 +234,7 @@ Status Shard::update(const Key &key, std::uint64_t hash, int ticket, bool unlock
     RecordRef fresh = make_record(key, 0, bytes);
     RecordRef old;
     WakeUp wake_up(context_.waiters, key);
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
@@ -270,7 +267,7 @@ Status Shard::update(const Key &key, std::uint64_t hash, int ticket, bool unlock
 /* A lease that is over is renewed too, as long as nobody has taken the lock since: the holder lives
  * after all. */
 Status Shard::renew_lock(const Key &key, std::uint64_t hash, int ticket) {
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     const Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
@@ -284,7 +281,7 @@ Status Shard::renew_lock(const Key &key, std::uint64_t hash, int ticket) {
 
 Status Shard::unlock(const Key &key, std::uint64_t hash, int ticket) {
     WakeUp wake_up(context_.waiters, key);
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     Record *record = find_live(key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
@@ -299,7 +296,7 @@ Status Shard::unlock(const Key &key, std::uint64_t hash, int ticket) {
 Status Shard::replace(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values) {
     RecordRef old;
     fresh->stored_s = second_of(context_.clock.now());
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     Record *record = find_live(fresh->key, hash);
     if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
@@ -326,7 +323,7 @@ Status Shard::remove(const Key &key, std::uint64_t hash) {
     RecordRef removed;
     WakeUp wake_up(context_.waiters, key);
     ExpiredRecords expired(context_.expiry);
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     const auto found = records_.find(key, hash);
     if (found == records_.end()) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
@@ -341,16 +338,25 @@ Status Shard::remove(const Key &key, std::uint64_t hash) {
 }
 
 Status Shard::exists(const Key &key, std::uint64_t hash) {
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     return find_live(key, hash) != nullptr ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND;
 }
 
-/* Sets of records --------------------------------------------------------------------------------
- */
+Status Shard::touch(const Key &key, std::uint64_t hash) {
+    const Guard guard(lock_);
+    Record *record = find_live(key, hash);
+    if (record == nullptr) {
+        return OMRALIB_ERR_OBJ_NOT_FOUND;
+    }
+    renew(*record);
+    return OMRALIB_RET_SUCCESS;
+}
+
+/* Sets of records ----------------------------------------------------------------------------- */
 
 Millis Shard::sweep(std::size_t max_records) {
     ExpiredRecords expired(context_.expiry);
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     return reap(max_records, expired);
 }
 
@@ -362,20 +368,24 @@ void Shard::reap_all() {
     }
 }
 
-void Shard::collect(QueryPlan &plan, std::vector<Key> &keys) {
+void Shard::collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &keys) {
     reap_all();
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
+    const auto is_wanted = [&](const Record &record) {
+        return !is_expired(record) &&
+               (slots == nullptr || slots->contains(slot_of(hash_of(record.key))));
+    };
     if (plan.selects_all()) {
         plan.pass_all(records_.size());
         for (const Record *record : records_) {
-            if (!is_expired(*record)) {
+            if (is_wanted(*record)) {
                 keys.push_back(record->key);
             }
         }
         return;
     }
     const auto add = [&](const Record &record) {
-        if (!is_expired(record) && in_sample(record.key, plan.selection().sample)) {
+        if (is_wanted(record) && in_sample(record.key, plan.selection().sample)) {
             keys.push_back(record.key);
         }
     };
@@ -394,15 +404,20 @@ void Shard::collect(QueryPlan &plan, std::vector<Key> &keys) {
 void Shard::survey(QuerySurvey &survey) {
     constexpr std::size_t max_examples = 64;
     reap_all();
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     std::vector<const Record *> examples(std::min(records_.size(), max_examples));
     std::copy_n(records_.begin(), examples.size(), examples.begin());
     survey.add(index_, records_.size(), examples);
 }
 
+std::size_t Shard::num_records() {
+    const Guard guard(lock_);
+    return records_.size();
+}
+
 Totals Shard::totals() {
     reap_all();
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     return {records_.size(), num_bytes_};
 }
 

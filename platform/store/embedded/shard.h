@@ -16,13 +16,14 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
-#include "common/word_lock.h"
 #include "embedded/expiry.h"
 #include "embedded/lock_waiters.h"
 #include "embedded/memory_budget.h"
 #include "embedded/object_index.h"
 #include "embedded/query_plan.h"
 #include "embedded/record.h"
+#include "embedded/slots.h"
+#include "engine/objects.h"
 
 namespace store {
 
@@ -44,10 +45,10 @@ public:
     Shard &operator=(const Shard &) = delete;
     ~Shard();
 
-    /* As the operations of Engine with these names; `hash` is the key's. The time is asked for only
-     * when an object is stored and when one with a time-out or a lock is met. */
+    /* As the operations of Objects with these names; `hash` is the key's. The time is asked for
+     * only when an object is stored and when one with a time-out or a lock is met. */
     Status create(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values);
-    Status read(const Key &key, std::uint64_t hash, bool renew, ContentRef &content_out);
+    Status read(const Key &key, std::uint64_t hash, bool renew, Content &content_out);
     Status update(const Key &key, std::uint64_t hash, int ticket, bool unlock, bool renew,
                   Bytes bytes);
     Status renew_lock(const Key &key, std::uint64_t hash, int ticket);
@@ -55,19 +56,24 @@ public:
     Status replace(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values);
     Status remove(const Key &key, std::uint64_t hash);
     Status exists(const Key &key, std::uint64_t hash);
+    Status touch(const Key &key, std::uint64_t hash);
 
     /* Reads and locks under a new ticket. When the object is locked and `mark` is set, whoever
      * gives that lock back will wake the waiters of the key. */
     Status lock(const Key &key, std::uint64_t hash, bool renew, int ticket, bool mark,
-                ContentRef &content_out);
+                Content &content_out);
 
-    /* Appends the keys of the selected records, in no order. */
-    void collect(QueryPlan &plan, std::vector<Key> &keys);
+    /* Appends the keys of the selected records, in no order; only those in `slots` unless that is
+     * nullptr. */
+    void collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &keys);
 
     /* Adds what a query may expect of this shard. */
     void survey(QuerySurvey &survey);
 
     Totals totals();
+
+    /* Expired ones that have not been swept are among them. */
+    std::size_t num_records();
 
     /* Looks at no more than `max_records` records whose time may be over, and takes out those whose
      * time is. When the next one is due: a moment that has passed when there was more to do. */
@@ -95,30 +101,35 @@ private:
     };
 
     bool is_expired(const Record &record) const;
-    Record *find_live(const Key &key, std::uint64_t hash) const;
+    Record *find_live(const Key &key, std::uint64_t hash) const
+        ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void renew(Record &record) const;
-    void enqueue(Record &record);
-    void join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values);
-    void insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values);
-    RecordRef put_in_place_of(Record &old, RecordRef fresh);
-    RecordRef take(Record &record);
-    Millis reap(std::size_t max_records, ExpiredRecords &expired);
+    void enqueue(Record &record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    void join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values)
+        ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    void insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values)
+        ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    RecordRef put_in_place_of(Record &old, RecordRef fresh) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    RecordRef take(Record &record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    Millis reap(std::size_t max_records, ExpiredRecords &expired)
+        ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void reap_all();
 
-    bool is_locked(const Record &record) const;
-    bool holds(const Record &record, int ticket) const;
-    bool end_lock(Record &record);
+    bool is_locked(const Record &record) const ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    bool holds(const Record &record, int ticket) const ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    bool end_lock(Record &record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
 
     const ShardContext &context_;
 
     WordLock lock_;
 
-    /* Guarded by lock_. The set holds one reference to each record. */
-    absl::flat_hash_set<Record *, KeyHash, KeyEqual> records_;
-    std::uint64_t num_bytes_ = 0;
-    ObjectIndex index_;
-    absl::btree_set<std::pair<Millis, Record *>> expiry_; /* by queued_at; those with a time-out */
-    absl::flat_hash_map<int, Lease> leases_;              /* of the records' tickets */
+    /* The set holds one reference to each record. */
+    absl::flat_hash_set<Record *, KeyHash, KeyEqual> records_ ABSL_GUARDED_BY(lock_);
+    std::uint64_t num_bytes_ ABSL_GUARDED_BY(lock_) = 0;
+    ObjectIndex index_ ABSL_GUARDED_BY(lock_);
+    /* By queued_at; those with a time-out. */
+    absl::btree_set<std::pair<Millis, Record *>> expiry_ ABSL_GUARDED_BY(lock_);
+    absl::flat_hash_map<int, Lease> leases_ ABSL_GUARDED_BY(lock_); /* of the records' tickets */
 };
 
 } // namespace store

@@ -1,3 +1,4 @@
+/* Sweeping in rounds, and telling what has expired. */
 #include "embedded/sweeper.h"
 
 #include <algorithm>
@@ -32,7 +33,7 @@ void Sweeper::on_expired(RecordChain expired) noexcept {
         return;
     }
     {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         to_tell_.append(std::move(expired));
     }
     alarm_.call_at(clock_.now());
@@ -62,7 +63,7 @@ Millis Sweeper::sweep_round() {
 void Sweeper::deliver_events() {
     RecordChain expired;
     {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         expired.append(std::move(to_tell_));
     }
     while (!expired.empty()) {

@@ -11,11 +11,10 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 
 #include "common/alarm.h"
 #include "embedded/partition.h"
-#include "engine/engine.h"
+#include "engine/cluster.h"
 
 namespace store {
 
@@ -50,8 +49,8 @@ private:
     /* Self-synchronised. */
     std::atomic<std::uint64_t> num_expired_{0};
 
-    std::mutex lock_;     /* a leaf */
-    RecordChain to_tell_; /* guarded by lock_ */
+    Mutex lock_; /* a leaf */
+    RecordChain to_tell_ ABSL_GUARDED_BY(lock_);
 
     Alarm alarm_; /* the last member: its thread uses the others */
 };

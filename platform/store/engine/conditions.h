@@ -3,7 +3,7 @@
  * Every comparison is a set of values: `index0 < 5` is the range from 0 to 4, `starts with "ab"`
  * the range from "ab" padded with zeros to "ab" padded with 0xff, `in (1, 7)` two ranges of one
  * value each. A range is all that an engine needs to understand, whatever a query looks like. `not`
- * stands at the comparisons alone; query_language.h moves it there. */
+ * stands at the comparisons alone; query/language.h moves it there. */
 #pragma once
 
 #include <compare>

@@ -1,3 +1,4 @@
+/* Contents that are copies. */
 #include "engine/content.h"
 
 #include <cstring>
@@ -5,22 +6,14 @@
 
 namespace store {
 
-namespace {
-
-struct PlainContent : Content {
-    explicit PlainContent(std::span<const std::byte> bytes)
-        : Content(static_cast<std::uint32_t>(bytes.size()), sizeof(PlainContent)) {
-        if (!bytes.empty()) {
-            std::memcpy(writable_bytes(), bytes.data(), bytes.size());
-        }
+Content Content::copy_of(Bytes bytes) {
+    void *block = ::operator new(bytes.size());
+    if (!bytes.empty()) {
+        std::memcpy(block, bytes.data(), bytes.size());
     }
-};
-
-} // namespace
-
-ContentRef make_content(std::span<const std::byte> bytes) {
-    void *block = ::operator new(sizeof(PlainContent) + bytes.size());
-    return ContentRef::adopt(new (block) PlainContent(bytes));
+    return {{static_cast<const std::byte *>(block), bytes.size()}, block, [](void *owner) {
+                ::operator delete(owner);
+            }};
 }
 
 } // namespace store

@@ -3,34 +3,30 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
+#include <string_view>
 
-#include "common/clock.h"
 #include "engine/contracts.h"
-#include "engine/engine.h"
+#include "engine/types.h"
 
 namespace store {
 
 inline constexpr std::uint64_t no_memory_limit = UINT64_MAX;
 
 struct Configuration {
-    std::string engine_url = "embedded:";
+    std::string engine_url;
     std::uint32_t num_hosts = 1;
     std::uint32_t max_invocations = 64;
     Millis lock_lease = 60 * millis_per_second;
     std::uint64_t memory_limit = no_memory_limit;
-
-    /* How long Omralib_read_and_lock_obj waits for another holder. Not for applications. */
-    Millis lock_patience = 5;
-
-    /* Requests reach their host on the thread that sends them, so that a test can order all steps.
-     * Not for applications. */
-    bool deliver_inline = false;
 };
 
 /* The configuration that `given` asks for; `url_from_environment` (NULL: none) counts where `given`
- * names no engine. OMRALIB_ERR_BAD_ARGS and the reason in `why_out` for what is not allowed. */
+ * names no engine, and it has to be among `engine_urls`, of which the first is the default.
+ * OMRALIB_ERR_BAD_ARGS and the reason in `why_out` for what is not allowed. */
 Status read_configuration(const OMRALIB_CONFIG &given, const char *url_from_environment,
+                          std::span<const std::string_view> engine_urls,
                           Configuration &configuration_out, std::string &why_out);
 
 } // namespace store

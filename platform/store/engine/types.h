@@ -16,17 +16,17 @@ namespace store {
 
 using platform::Alarm;
 using platform::Clock;
-using platform::ManualClock;
+using platform::Guard;
 using platform::Millis;
 using platform::millis_per_minute;
 using platform::millis_per_second;
+using platform::Mutex;
+using platform::MutexLock;
 using platform::never;
 using platform::SystemClock;
 using platform::WordLock;
 
 using Status = int; /* OMRALIB_RET_SUCCESS or a negative code of storlib.h */
-using HostId = std::uint32_t;
-using RequestId = std::uint64_t; /* unique among the requests of one sending host, never 0 */
 
 /* Whom a handle that was opened with it stands for. */
 using Guid = std::array<char, OMRALIB_GUID_LEN>;

@@ -1,3 +1,4 @@
+/* Places are taken and given back under one lock; the mailroom wakes whose turn it is. */
 #include "invocation/admission.h"
 
 #include <algorithm>
@@ -5,13 +6,13 @@
 namespace store {
 
 Admission::Place::Place(Admission &admission, Mailbox &box) : admission_(admission), box_(box) {
-    const std::lock_guard guard(admission_.lock_);
+    const Guard guard(admission_.lock_);
     admission_.waiting_.push_back(this);
     admission_.admit_next();
 }
 
 Admission::Place::~Place() {
-    const std::lock_guard guard(admission_.lock_);
+    const Guard guard(admission_.lock_);
     if (admitted_) {
         --admission_.num_inside_;
     } else {
@@ -21,11 +22,11 @@ Admission::Place::~Place() {
 }
 
 bool Admission::Place::is_admitted() const {
-    const std::lock_guard guard(admission_.lock_);
+    const Guard guard(admission_.lock_);
     return admitted_;
 }
 
-/* Under lock_. Places are taken and given back one by one, so that at most one can be free. */
+/* Places are taken and given back one by one, so that at most one can be free. */
 void Admission::admit_next() {
     if (num_inside_ == max_places_ || waiting_.empty()) {
         return;

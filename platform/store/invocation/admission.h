@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <mutex>
 
 #include "invocation/mailroom.h"
 
@@ -24,14 +23,14 @@ public:
     Admission &operator=(const Admission &) = delete;
 
 private:
-    void admit_next();
+    void admit_next() ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
 
     Mailroom &mailroom_;
     const std::uint32_t max_places_;
 
-    std::mutex lock_;              /* taken before that of the mailroom */
-    std::deque<Place *> waiting_;  /* guarded by lock_; the first has come first */
-    std::uint32_t num_inside_ = 0; /* guarded by lock_ */
+    Mutex lock_;                                         /* taken before that of the mailroom */
+    std::deque<Place *> waiting_ ABSL_GUARDED_BY(lock_); /* the first has come first */
+    std::uint32_t num_inside_ ABSL_GUARDED_BY(lock_) = 0;
 };
 
 class Admission::Place {
@@ -49,7 +48,7 @@ private:
 
     Admission &admission_;
     Mailbox &box_;
-    bool admitted_ = false; /* guarded by the lock of the admission */
+    bool admitted_ ABSL_GUARDED_BY(admission_.lock_) = false;
 };
 
 } // namespace store

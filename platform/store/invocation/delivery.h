@@ -4,7 +4,7 @@
  *                      v                                     |
  *   add -->  idle --send_next--> sent --take_mail--> completed
  *             |  ^                |  |
- *             |  +-- host gone or silent: elsewhere
+ *             |  +-- host gone or silent, or unknown whether it was reached: elsewhere
  *             v                      |
  *            lost: no host is left   +--stop--> stopped
  *
@@ -23,104 +23,94 @@
  * All of it runs on the invoking thread. */
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <deque>
+#include <list>
+#include <optional>
 #include <vector>
 
-#include "invocation/mailroom.h"
-#include "invocation/temp_objects.h"
+#include "invocation/shared.h"
 #include "query/request.h"
 
 namespace store {
 
-/* What the invocations of a store share. */
-struct InvocationFigures {
-    std::atomic<std::uint64_t> num_finished{0};
-    std::atomic<std::uint64_t> num_running{0};
-    std::atomic<std::uint64_t> num_evaluated{0};
-    std::atomic<std::uint64_t> num_folds{0};
-    std::atomic<std::uint64_t> num_refusals{0};
-    std::atomic<std::uint64_t> num_retries{0};
-    std::atomic<std::uint64_t> time_us{0};
+/* A results object and the successful objects behind it. */
+struct Partial {
+    Key key{};
+    std::uint64_t num_successful = 0;
 };
 
-struct InvocationRoom {
-    InvocationRoom(Engine &its_engine, Clock &its_clock)
-        : engine(its_engine), clock(its_clock), mailroom(its_clock), objects(its_engine) {}
-
-    Engine &engine;
-    Clock &clock;
-
-    /* Self-synchronised. */
-    Mailroom mailroom;
-    TempObjects objects;
-    InvocationFigures figures;
-    std::atomic<RequestId> next_request{1};
+/* The source is to be merged into a copy of the target. */
+struct Fold {
+    Partial target;
+    Partial source;
 };
 
 /* Something that a host is to do. */
 struct Task {
-    enum class State { idle, sent, completed, lost, stopped };
+    enum class State : std::uint8_t { idle, sent, completed, lost, stopped };
+
+    Task(std::size_t its_index, Share its_share);
+    explicit Task(const Fold &its_fold) : is_fold(true), fold(its_fold) {}
 
     /* Constant. */
-    KeyList keys; /* to evaluate; nullptr for a fold */
-    Key target{}; /* of a fold: the results object whose copy ... */
-    Key source{}; /* ... this one is merged into */
+    bool is_fold = false;
+    std::size_t index = 0; /* of the share in its plan */
+    Share share;           /* to evaluate; its host counts for the first sending */
+    Fold fold;
 
     State state = State::idle;
-    HostId host = 0;                /* whom it is for; 0: whoever has least to do */
+    HostId host;                    /* whom it is for; none: whoever has least to do */
     std::vector<HostId> given_up;   /* hosts that are not asked any more */
     std::uint32_t num_sent = 0;     /* times */
-    std::uint32_t num_refusals = 0; /* of this host */
-    Millis due = 0; /* idle: when it may be sent; sent: when the host may count as silent */
-    Millis sent_at = 0;
+    std::uint32_t num_refusals = 0; /* of this host, in a row */
+    Millis send_at = 0;             /* while idle: not before */
+
+    /* Objects to evaluate; for a part of the key space not known before a host has found them. */
+    std::optional<std::uint64_t> num_matched;
 
     /* Of the last sending. */
     RequestId request = 0;
     Key results_key{};
     Key exceptions_key{};
+    Millis sent_at = 0;
+    Millis may_be_silent_at = 0; /* half of the time that was left has passed */
 
     /* Once it is completed, as the host said. */
     std::uint32_t num_successful = 0;
     std::uint32_t num_failed = 0;
 
-    std::uint32_t num_keys() const {
-        return keys != nullptr ? static_cast<std::uint32_t>(keys->size()) : 0;
-    }
-    bool is_fold() const { return keys == nullptr; }
     bool is_over() const { return state != State::idle && state != State::sent; }
 };
 
 class Delivery {
 public:
-    /* `watched`: the requests are asked how far they are. */
-    Delivery(InvocationRoom &room, const InvokeOrder &order, Mailbox &box, Millis deadline,
-             bool watched)
-        : room_(room), order_(order), box_(box), deadline_(deadline), watched_(watched) {}
+    /* `progress_is_wanted`: of the requests that evaluate. */
+    Delivery(Shared &shared, const InvokeOrder &order, Mailbox &box, Millis deadline,
+             bool progress_is_wanted)
+        : shared_(shared), order_(order), box_(box), deadline_(deadline),
+          progress_is_wanted_(progress_is_wanted) {}
     Delivery(const Delivery &) = delete;
     Delivery &operator=(const Delivery &) = delete;
     ~Delivery() { stop(); }
 
     /* The hosts that can be asked now. */
-    std::vector<HostId> hosts() const;
+    Status find_hosts(std::vector<HostId> &hosts_out) const;
 
-    /* `task` stays where it is until it is over and has been taken. */
-    void add(Task &task) { tasks_.push_back(&task); }
+    void add(Task task) { tasks_.push_back(std::move(task)); }
 
     /* Notes the replies that have come and moves tasks away from silent hosts. */
     void take_mail();
 
-    /* Sends one task that is due; false when there is none. */
+    /* Sends one task whose time has come; false when there is none. */
     bool send_next();
 
-    /* One task that is over, which is then no longer this delivery's; nullptr when there is none.
-     */
-    Task *take_ended();
+    /* Hands out one task that is over; none when there is none. */
+    std::optional<Task> take_ended();
 
-    bool is_empty() const { return tasks_.empty(); }
+    /* Those that have not been handed out. */
+    const std::list<Task> &tasks() const { return tasks_; }
 
-    /* When something is due next, if no mail comes before. */
+    /* When something is to be done next, if no mail comes before. */
     Millis next_due() const;
 
     /* Withdraws what is not over. */
@@ -130,31 +120,31 @@ public:
     std::uint32_t object_timeout_m() const;
 
 private:
-    Task *find(RequestId request) const;
+    Task *find(RequestId request);
     void note(Task &task, const Reply &reply);
     void note_refusal(Task &task, int refusal);
     void put_off(Task &task);
     void take_away(Task &task);
     void drop_objects(const Task &task);
-    void withdraw(Task &task);
+    void withdraw(const Task &task);
     Millis silent_at(const Task &task) const;
     void move_silent(Task &task);
-    std::size_t load_of(HostId host) const;
-    HostId choose_host(const Task &task);
-    bool make_copy(const Task &task);
-    std::shared_ptr<Request> make_request(const Task &task) const;
+    std::size_t load_of(const HostId &host) const;
+    HostId choose_host(const Task &task, const std::vector<HostId> &hosts) const;
+    Request make_request(const Task &task) const;
     void send(Task &task);
+    bool prepare(Task &task);
 
     /* Constant. */
-    InvocationRoom &room_;
+    Shared &shared_;
     const InvokeOrder &order_;
     Mailbox &box_;
     const Millis deadline_;
-    const bool watched_;
+    const bool progress_is_wanted_;
 
-    std::vector<Task *> tasks_;
+    std::list<Task> tasks_;
     std::vector<HostId> distrusted_; /* that a task has been taken away from */
-    HostId last_chosen_ = 0;
+    HostId last_chosen_;
     Millis longest_ = 0; /* time that a host took for its keys */
 };
 

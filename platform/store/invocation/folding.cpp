@@ -1,3 +1,4 @@
+/* Pairs are made of what is free, and what comes of them is free again. */
 #include "invocation/folding.h"
 
 #include <algorithm>
@@ -6,79 +7,89 @@ namespace store {
 
 void Folding::start() {
     while (free_.size() >= 2) {
-        Fold &fold = folds_.emplace_back(Fold{{}, free_[0], free_[1]});
-        fold.task.target = fold.target.key;
-        fold.task.source = fold.source.key;
-        delivery_.add(fold.task);
+        delivery_.add(Task(Fold{free_[0], free_[1]}));
         free_.erase(free_.begin(), free_.begin() + 2);
     }
 }
 
-bool Folding::settle(const Task &task) {
-    const auto fold = std::find_if(folds_.begin(), folds_.end(),
-                                   [&](const Fold &each) { return &each.task == &task; });
+Status Folding::settle(const Task &task, bool &left_exceptions_out) {
+    const Fold &fold = task.fold;
     const bool done = task.state == Task::State::completed;
     /* A host counts a merge as done although the user's function failed; its exception tells. */
-    const bool left_exceptions = done && room_.objects.exists(task.exceptions_key);
-    if (done && task.num_failed == 0 && !left_exceptions) {
-        room_.objects.remove(fold->target.key);
-        room_.objects.remove(fold->source.key);
-        add(task.results_key, fold->target.num_successful + fold->source.num_successful);
-        ++room_.figures.num_folds;
-    } else {
-        room_.objects.remove(task.results_key);
-        const bool target_is_gone = !done && !room_.objects.exists(fold->target.key);
-        lose(target_is_gone ? fold->target : fold->source);
-        keep(target_is_gone ? fold->source : fold->target);
+    const Presence exceptions =
+        done ? shared_.temp_objects.look_for(task.exceptions_key) : Presence::gone;
+    if (exceptions == Presence::unknown) {
+        discard(task);
+        return OMRALIB_ERR_UNKNOWN;
     }
-    folds_.erase(fold);
-    return left_exceptions;
+    left_exceptions_out = exceptions == Presence::there;
+    if (done && task.num_failed == 0 && !left_exceptions_out) {
+        shared_.temp_objects.remove({fold.target.key, fold.source.key});
+        add({task.results_key, fold.target.num_successful + fold.source.num_successful});
+        ++shared_.figures.num_folds;
+        return OMRALIB_RET_SUCCESS;
+    }
+    shared_.temp_objects.remove({task.results_key});
+    const bool target_is_gone =
+        !done && shared_.temp_objects.look_for(fold.target.key) == Presence::gone;
+    lose(target_is_gone ? fold.target : fold.source);
+    return keep(target_is_gone ? fold.source : fold.target);
 }
 
 void Folding::lose(const Partial &partial) {
-    room_.objects.remove(partial.key);
+    shared_.temp_objects.remove({partial.key});
     num_lost_ += partial.num_successful;
 }
 
 /* Lets what could not be folded go on, unless it has gone itself. */
-void Folding::keep(const Partial &partial) {
-    if (room_.objects.exists(partial.key)) {
+Status Folding::keep(const Partial &partial) {
+    switch (shared_.temp_objects.look_for(partial.key)) {
+    case Presence::there:
         free_.push_front(partial);
-    } else {
+        return OMRALIB_RET_SUCCESS;
+    case Presence::gone:
         lose(partial);
+        return OMRALIB_RET_SUCCESS;
+    case Presence::unknown:
+        break;
     }
+    lose(partial);
+    return OMRALIB_ERR_UNKNOWN;
 }
 
 void Folding::renew() {
     for (const Partial &partial : free_) {
-        room_.objects.renew(partial.key);
+        shared_.temp_objects.renew(partial.key);
     }
-    for (const Fold &fold : folds_) {
-        room_.objects.renew(fold.target.key);
-        room_.objects.renew(fold.source.key);
+    for (const Task &task : delivery_.tasks()) {
+        if (task.is_fold) {
+            shared_.temp_objects.renew(task.fold.target.key);
+            shared_.temp_objects.renew(task.fold.source.key);
+        }
     }
 }
 
-Key Folding::finish() {
-    Key key{};
-    if (!free_.empty()) {
-        const Partial last = free_.front();
-        free_.clear();
-        if (room_.objects.exists(last.key)) {
-            key = last.key;
-        } else {
-            lose(last);
-        }
+Status Folding::finish(Key &key_out) {
+    if (free_.empty()) {
+        return OMRALIB_RET_SUCCESS;
     }
-    return key;
+    const Partial last = free_.front();
+    free_.clear();
+    const Status status = keep(last);
+    if (!free_.empty()) {
+        key_out = last.key;
+        free_.clear();
+    }
+    return status;
+}
+
+void Folding::discard(const Task &task) {
+    const Fold &fold = task.fold;
+    lose(fold.target);
+    lose(fold.source);
 }
 
 void Folding::discard() {
-    for (const Fold &fold : folds_) {
-        lose(fold.target);
-        lose(fold.source);
-    }
-    folds_.clear();
     for (const Partial &partial : free_) {
         lose(partial);
     }

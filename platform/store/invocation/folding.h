@@ -17,7 +17,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <list>
 
 #include "invocation/delivery.h"
 
@@ -25,53 +24,41 @@ namespace store {
 
 class Folding {
 public:
-    Folding(InvocationRoom &room, Delivery &delivery) : room_(room), delivery_(delivery) {}
+    Folding(Shared &shared, Delivery &delivery) : shared_(shared), delivery_(delivery) {}
     Folding(const Folding &) = delete;
     Folding &operator=(const Folding &) = delete;
 
-    /* A results object with so many successful objects behind it. */
-    void add(const Key &key, std::uint64_t num_successful) {
-        free_.push_back({key, num_successful});
-    }
+    void add(const Partial &partial) { free_.push_back(partial); }
 
     /* Gives the delivery folds to do. */
     void start();
 
-    /* One of them is over: completed or lost. True when it left exceptions. */
-    bool settle(const Task &task);
+    /* One of them is over: completed or lost. `left_exceptions_out` says whether there is an object
+     * at its exceptions key. OMRALIB_ERR_UNKNOWN when it cannot be known what became of it. */
+    Status settle(const Task &task, bool &left_exceptions_out);
 
     /* Keeps the time-outs of what waits from passing. */
     void renew();
 
     /* The one result that is left when nothing is being folded any more; a null key when there is
-     * none. */
-    Key finish();
+     * none. OMRALIB_ERR_UNKNOWN when it cannot be known whether it is there. */
+    Status finish(Key &key_out);
 
     /* Removes all that is left, after the delivery has been stopped. */
     void discard();
+    void discard(const Task &task);
 
     /* Objects that were evaluated but whose result is lost. */
     std::uint64_t num_lost() const { return num_lost_; }
 
 private:
-    struct Partial {
-        Key key;
-        std::uint64_t num_successful;
-    };
-
-    struct Fold {
-        Task task;
-        Partial target;
-        Partial source;
-    };
-
     void lose(const Partial &partial);
-    void keep(const Partial &partial);
+    Status keep(const Partial &partial);
 
-    InvocationRoom &room_;
+    Shared &shared_;
     Delivery &delivery_;
-    std::deque<Partial> free_; /* the oldest first */
-    std::list<Fold> folds_;    /* their tasks are the delivery's until settled */
+    std::deque<Partial>
+        free_; /* the oldest first; the others are in folds, which the delivery has */
     std::uint64_t num_lost_ = 0;
 };
 

@@ -1,37 +1,11 @@
-/* Invocations as their sender sees them: admit -> plan -> deliver and fold -> answer.
- *
- * Admit waits for a turn; plan finds the objects and divides them among the hosts that serve the
- * app id; deliver gets one request to each host done, by another host if need be, while fold brings
- * the partial results together; answer says what came of it. All of that happens on the invoking
- * thread, which sleeps at its mailbox in between. When the deadline comes first, be it during the
- * wait for a turn, or the invocation is cancelled, there is no answer, and nothing of it stays. In
- * an answer, successful and failed objects are always as many as the matching ones: those that no
- * host could take have failed.
- *
- * The rooms of an invocation, each understandable alone:
- *   admission.h    how many invocations run at once
- *   mailroom.h     what wakes the invoking thread
- *   delivery.h     requests, retries, hosts that are gone
- *   folding.h      partial results
- *   answer.h       exceptions put together
- *
- * Locks, in the order in which they may nest: that of the invocations that run by handle, that of
- * the admission, that of the mailroom. None is held while an engine, a host or a progress function
- * is called.
- *
- * Left to others: how objects are found and hosts reached (engine.h), what a host does with a
- * request (server.h), and what is in the results (nobody here looks inside). */
+/* One invocation that has got its turn: what follows from the ends of its tasks, and what is left
+ * of it for its sender. Everything runs on the invoking thread. */
 #pragma once
 
-#include <cstdint>
-#include <mutex>
+#include <vector>
 
-#include <absl/container/flat_hash_map.h>
-
-#include "engine/engine.h"
-#include "engine/options.h"
-#include "invocation/admission.h"
 #include "invocation/delivery.h"
+#include "invocation/folding.h"
 #include "query/request.h"
 
 namespace store {
@@ -43,30 +17,59 @@ struct Invoker {
     void *progress_arg = nullptr;
 };
 
-class Invocations final : public ReplySink {
+class Invocation {
 public:
-    Invocations(Engine &engine, Clock &clock, const Configuration &configuration)
-        : room_(engine, clock), admission_(room_.mailroom, configuration.max_invocations) {}
+    /* All of them outlive it; `deadline` may be `never`. */
+    Invocation(Shared &shared, const InvokeOrder &order, const Invoker &invoker, Mailbox &box,
+               Millis deadline)
+        : shared_(shared), order_(order), invoker_(invoker), box_(box), deadline_(deadline),
+          delivery_(shared, order, box, deadline, invoker.progress != nullptr),
+          folding_(shared, delivery_) {}
+    Invocation(const Invocation &) = delete;
+    Invocation &operator=(const Invocation &) = delete;
 
-    /* Runs one invocation on the calling thread. OMRALIB_ERR_CANCELLED when it was cancelled,
-     * OMRALIB_ERR_INVOKE_TIMEOUT when its time was over. */
-    Status run(const InvokeOrder &order, const Invoker &invoker, OMRA_INVOKE_RESULT &result_out);
+    /* Removes what is left of it, unless it has been answered. */
+    ~Invocation();
 
-    /* Cancels the invocation that runs, or waits for its turn, on a handle; if there is one. */
-    void cancel(OMRALIB_HANDLE hdl);
-
-    Status on_reply(const Reply &reply) override { return room_.mailroom.deliver(reply); }
-
-    const InvocationFigures &figures() const { return room_.figures; }
+    /* Once. */
+    Status run(OMRA_INVOKE_RESULT &result_out);
 
 private:
-    class Registration;
+    /* A task that evaluated and is over. */
+    struct Part {
+        std::size_t index; /* of the share in the plan */
+        bool completed;
+        std::uint64_t num_matched;
+        std::uint64_t num_successful;
+        Key exceptions_key;
+    };
 
-    InvocationRoom room_;
-    Admission admission_;
+    Status plan();
+    Status work();
+    Status settle_ended();
+    Status settle(const Task &task);
+    Status settle_part(const Task &task);
+    void rest();
+    void renew();
+    std::vector<Key> exceptions_keys();
+    Status answer(OMRA_INVOKE_RESULT &result_out);
+    OMRALIB_PROGRESS progress() const;
+    void report();
+    void discard();
 
-    std::mutex lock_;
-    absl::flat_hash_map<OMRALIB_HANDLE, Mailbox *> by_handle_; /* guarded by lock_ */
+    Shared &shared_;
+    const InvokeOrder &order_;
+    const Invoker &invoker_;
+    Mailbox &box_;
+    const Millis deadline_;
+
+    Delivery delivery_;
+    Folding folding_;
+    std::vector<Part> parts_; /* as they ended */
+    std::vector<Key> fold_exceptions_;
+    Millis next_report_ = 0;
+    Millis next_renewal_ = never;
+    bool answered_ = false;
 };
 
 } // namespace store

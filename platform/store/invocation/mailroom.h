@@ -11,13 +11,12 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 #include <vector>
 
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
-#include "engine/engine.h"
+#include "engine/cluster.h"
 
 namespace store {
 
@@ -54,9 +53,9 @@ private:
 
     Clock &clock_;
 
-    std::mutex lock_;                                    /* a leaf */
-    absl::flat_hash_set<Mailbox *> boxes_;               /* guarded by lock_ */
-    absl::flat_hash_map<RequestId, Mailbox *> expected_; /* guarded by lock_ */
+    Mutex lock_; /* a leaf */
+    absl::flat_hash_set<Mailbox *> boxes_ ABSL_GUARDED_BY(lock_);
+    absl::flat_hash_map<RequestId, Mailbox *> expected_ ABSL_GUARDED_BY(lock_);
 };
 
 /* Of one invocation, as long as it runs. By the time it goes, nothing is expected for it. */
@@ -75,11 +74,10 @@ private:
     /* That there may be something below to look at. Set under the lock. */
     std::atomic<bool> has_mail_{false};
 
-    /* Guarded by the lock of the mailroom. */
-    std::vector<Reply> replies_;
-    std::size_t num_expected_ = 0;
-    bool nudged_ = false;
-    bool cancelled_ = false;
+    std::vector<Reply> replies_ ABSL_GUARDED_BY(room_.lock_);
+    std::size_t num_expected_ ABSL_GUARDED_BY(room_.lock_) = 0;
+    bool nudged_ ABSL_GUARDED_BY(room_.lock_) = false;
+    bool cancelled_ ABSL_GUARDED_BY(room_.lock_) = false;
     std::condition_variable wake_;
 };
 

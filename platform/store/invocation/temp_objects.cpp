@@ -1,3 +1,4 @@
+/* Fresh keys, and looking at objects until the answer is certain. */
 #include "invocation/temp_objects.h"
 
 #include <random>
@@ -5,6 +6,8 @@
 namespace store {
 
 namespace {
+
+constexpr int max_looks = 4;
 
 OMRA_OBJID random_id() {
     std::random_device source;
@@ -15,9 +18,19 @@ OMRA_OBJID random_id() {
     return id;
 }
 
+/* What `look` answers once it is not unknown, or the last time. */
+template <typename Look>
+Status until_known(Look look) {
+    Status status = look();
+    for (int i = 1; i < max_looks && status == OMRALIB_ERR_UNKNOWN; ++i) {
+        status = look();
+    }
+    return status;
+}
+
 } // namespace
 
-TempObjects::TempObjects(Engine &engine) : engine_(engine), process_id_(random_id()) {}
+TempObjects::TempObjects(Objects &objects) : objects_(objects), process_id_(random_id()) {}
 
 Key TempObjects::make_key(TempKind kind) {
     Key key{};
@@ -28,9 +41,26 @@ Key TempObjects::make_key(TempKind kind) {
     return key;
 }
 
-void TempObjects::renew(const Key &key) {
-    ContentRef content;
-    engine_.read(key, true, content);
+Presence TempObjects::look_for(const Key &key) {
+    switch (until_known([&] { return objects_.exists(key); })) {
+    case OMRALIB_RET_SUCCESS:
+        return Presence::there;
+    case OMRALIB_ERR_OBJ_NOT_FOUND:
+        return Presence::gone;
+    default:
+        return Presence::unknown;
+    }
+}
+
+Status TempObjects::read(const Key &key, Content &content_out) {
+    return until_known([&] { return objects_.read(key, true, content_out); });
+}
+
+void TempObjects::remove(const std::vector<Key> &keys) {
+    std::vector<Key> made = keys;
+    std::erase_if(made, [](const Key &key) { return is_null(key); });
+    std::vector<Status> statuses(made.size());
+    objects_.remove_many(made, statuses);
 }
 
 } // namespace store

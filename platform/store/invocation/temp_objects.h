@@ -5,37 +5,47 @@
 
 #include <atomic>
 #include <cstdint>
+#include <vector>
 
-#include "engine/engine.h"
+#include "engine/objects.h"
 
 namespace store {
 
 /* Kinds of temporary object, told apart by the flags of their keys. */
 enum class TempKind : unsigned char { results = 0x10, exceptions = 0x11 };
 
+enum class Presence : std::uint8_t { there, gone, unknown };
+
 class TempObjects {
 public:
-    explicit TempObjects(Engine &engine);
+    explicit TempObjects(Objects &objects);
     TempObjects(const TempObjects &) = delete;
     TempObjects &operator=(const TempObjects &) = delete;
 
     Key make_key(TempKind kind);
 
-    bool exists(const Key &key) { return engine_.exists(key) == OMRALIB_RET_SUCCESS; }
-    void remove(const Key &key) { engine_.remove(key); }
+    /* Looks again when the outcome of a look is unknown, a few times. */
+    Presence look_for(const Key &key);
+
+    /* As look_for(); OMRALIB_ERR_OBJ_NOT_FOUND, or OMRALIB_ERR_UNKNOWN after the last time. */
+    Status read(const Key &key, Content &content_out);
+
+    /* Into fresh keys: what is unknown is tried again with another one. */
+    Status create(const Key &key, Bytes bytes, std::uint32_t timeout_m) {
+        return objects_.create(key, {bytes, timeout_m, {}});
+    }
+    Status copy(const Key &from, const Key &to, std::uint32_t timeout_m) {
+        return objects_.copy(from, to, timeout_m);
+    }
 
     /* Starts the object's time-out anew. */
-    void renew(const Key &key);
+    void renew(const Key &key) { objects_.touch(key); }
 
-    Status read(const Key &key, ContentRef &content_out) {
-        return engine_.read(key, true, content_out);
-    }
-    Status create(const Key &key, Bytes bytes, std::uint32_t timeout_m) {
-        return engine_.create(key, {bytes, timeout_m, {}});
-    }
+    /* Null keys are passed over. What cannot be removed goes when its time-out has passed. */
+    void remove(const std::vector<Key> &keys);
 
 private:
-    Engine &engine_;
+    Objects &objects_;
     const OMRA_OBJID process_id_; /* random; keeps this process's keys from those of others */
     std::atomic<std::uint64_t> next_key_{1};
 };

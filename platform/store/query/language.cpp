@@ -29,8 +29,7 @@ constexpr std::size_t max_depth = 64;
 constexpr std::size_t max_quoted_bytes = 40; /* of the query, in an error text */
 constexpr std::size_t max_sample_decimals = 7;
 
-/* Errors -----------------------------------------------------------------------------------------
- */
+/* Errors -------------------------------------------------------------------------------------- */
 
 /* `offset` counts the bytes from 0. */
 class QueryError : public std::runtime_error {
@@ -51,8 +50,7 @@ std::string quoted(std::string_view token) {
     return '\'' + text + '\'';
 }
 
-/* What has been read -----------------------------------------------------------------------------
- */
+/* What has been read -------------------------------------------------------------------------- */
 
 /* A piece of the query that a rule has matched. */
 struct Piece {
@@ -118,8 +116,7 @@ struct Reader {
     }
 };
 
-/* Values -----------------------------------------------------------------------------------------
- */
+/* Values -------------------------------------------------------------------------------------- */
 
 constexpr IndexValue lowest_value{};
 constexpr IndexValue highest_value{{~0ull, ~0ull, ~0ull, ~0ull}};
@@ -190,8 +187,7 @@ IndexValue neighbour(IndexValue value, ValueOrder order, int step) {
     return value;
 }
 
-/* Comparisons ------------------------------------------------------------------------------------
- */
+/* Comparisons --------------------------------------------------------------------------------- */
 
 void add_range(Condition &comparison, const IndexValue &low, const IndexValue &high) {
     if (compare(low, high, comparison.order) <= 0) {
@@ -233,8 +229,7 @@ void compare_with(Condition &comparison, Operator op, const IndexValue &value) {
     }
 }
 
-/* Grammar: words ---------------------------------------------------------------------------------
- */
+/* Grammar: words ------------------------------------------------------------------------------ */
 
 struct Blank : pegtl::star<pegtl::one<' ', '\t', '\r', '\n'>> {};
 using WordEnd = pegtl::not_at<pegtl::sor<pegtl::alnum, pegtl::one<'_', '.'>>>;
@@ -300,8 +295,7 @@ struct CloseBracket : Token, pegtl::one<')'> {
     static std::string wanted(const Reader &) { return "'and', 'or' or ')'"; }
 };
 
-/* Grammar: literals ------------------------------------------------------------------------------
- */
+/* Grammar: literals --------------------------------------------------------------------------- */
 
 struct Hexadecimal
     : Token,
@@ -384,8 +378,7 @@ struct LiteralRule {
     }
 };
 
-/* Grammar: comparisons ---------------------------------------------------------------------------
- */
+/* Grammar: comparisons ------------------------------------------------------------------------ */
 
 struct IndexName : Token, pegtl::seq<TAO_PEGTL_ISTRING("index"), pegtl::range<'0', '7'>, WordEnd> {
     static void take(const Piece &piece, Reader &reader) {
@@ -478,8 +471,7 @@ struct Comparison : pegtl::seq<maybe<FieldName>, pegtl::must<Relation>> {
     }
 };
 
-/* Grammar: conditions ----------------------------------------------------------------------------
- */
+/* Grammar: conditions ------------------------------------------------------------------------- */
 
 struct AnyList;
 struct Unary;
@@ -509,8 +501,7 @@ struct AnyList : pegtl::seq<ListBegin, AllList, pegtl::star<maybe<Or>, AllList>>
     static std::string wanted(const Reader &reader) { return Unary::wanted(reader); }
 };
 
-/* Grammar: queries -------------------------------------------------------------------------------
- */
+/* Grammar: queries ---------------------------------------------------------------------------- */
 
 struct LimitCount : Token, pegtl::seq<pegtl::plus<pegtl::digit>, WordEnd> {
     static void take(const Piece &piece, Reader &reader) {
@@ -564,8 +555,7 @@ struct NoCondition : pegtl::at<pegtl::sor<Limit, Sample>> {};
 struct Query
     : pegtl::seq<Blank, pegtl::sor<NoCondition, AnyList>, pegtl::star<Clause>, pegtl::must<End>> {};
 
-/* Actions and errors -----------------------------------------------------------------------------
- */
+/* Actions and errors -------------------------------------------------------------------------- */
 
 template <typename Rule>
 constexpr bool is_token = std::is_base_of_v<Token, Rule>;

@@ -1,13 +1,14 @@
 /* Requests as an invoker sends them, and the queries in them.
  *
  * parse_request() checks the bytes of a request and says which objects it selects: those of its
- * index terms, or of a query in the language of query_language.h. How the objects are found is the
- * engine's matter; explain_query() says what it would do. */
+ * index terms, or of a query in the language of language.h. How the objects are found is the
+ * engine's matter. */
 #pragma once
 
 #include <string>
 
-#include "engine/engine.h"
+#include "engine/selection.h"
+#include "engine/types.h"
 
 namespace store {
 
@@ -32,10 +33,5 @@ Selection select_by_terms(std::uint32_t app_id, bool match_all, std::span<const 
 /* OMRALIB_ERR_BAD_ARGS for bytes that are no invoke request, or whose query is not as long as the
  * header says, OMRALIB_ERR_BAD_QUERY for a query that is not valid; `error_out` then says why. */
 Status parse_request(Bytes request, InvokeOrder &order_out, std::string &error_out);
-
-/* Lines of text about how the objects of a pass-through query (none: all objects) would be found.
- * Errors as above. */
-Status explain_query(Engine &engine, std::uint32_t app_id, Bytes query, std::string &text_out,
-                     std::string &error_out);
 
 } // namespace store

@@ -1,4 +1,4 @@
-#include "embedded/key_sort.h"
+#include "engine/key_sort.h"
 
 #include <algorithm>
 #include <array>

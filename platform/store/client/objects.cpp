@@ -1,0 +1,252 @@
+/* Objects under their keys, one at a time and listed. Omralib_read_obj and Omralib_get_read_data,
+ * the short road, allocate nothing. */
+#include "client/calls.h"
+
+#include <cstring>
+#include <vector>
+
+namespace store {
+
+namespace {
+
+/* How long a read under lock waits for another holder. */
+constexpr Millis lock_patience = 5;
+
+/* Drops a held lock from the handle's list when `status` says that it is gone. */
+int drop_lock_if_gone(HandleUse &use, const Key &key, int ticket, bool released, int status) {
+    if ((status == OMRALIB_RET_SUCCESS && released) || status == OMRALIB_ERR_LOCK_LOST ||
+        status == OMRALIB_ERR_OBJ_NOT_FOUND) {
+        use->locks.drop(key, ticket);
+    }
+    return status;
+}
+
+bool valid_indexes(const OMRA_OBJ_INDEX *pindexes, unsigned int num_indexes) {
+    if (num_indexes > OMRA_NUM_INDEXES || (pindexes == nullptr && num_indexes != 0)) {
+        return false;
+    }
+    unsigned int seen = 0;
+    for (unsigned int i = 0; i < num_indexes; ++i) {
+        if (pindexes[i].index >= OMRA_NUM_INDEXES || (seen >> pindexes[i].index & 1) != 0) {
+            return false;
+        }
+        seen |= 1u << pindexes[i].index;
+    }
+    return true;
+}
+
+/* Creates or replaces an object, by `operation`. */
+int put_object(OMRALIB_HANDLE hdl, Status (Objects::*operation)(const Key &, const ObjectSpec &),
+               const void *pdata, unsigned int data_len, unsigned int timeout_m,
+               const OMRA_OBJ_INDEX *pindexes, unsigned int num_indexes, const OMRA_OBJKEY &key) {
+    return with_handle(hdl, [&](Store &store, HandleUse &) {
+        if (!valid_data(pdata, data_len) || !valid_indexes(pindexes, num_indexes)) {
+            return static_cast<int>(OMRALIB_ERR_BAD_ARGS);
+        }
+        const NamedObject named = without_mark(key);
+        if (is_null(named.key)) {
+            return static_cast<int>(OMRALIB_ERR_BAD_KEY);
+        }
+        const ObjectSpec spec{as_bytes(pdata, data_len), timeout_m, {pindexes, num_indexes}};
+        return (store.objects().*operation)(named.key, spec);
+    });
+}
+
+} // namespace
+
+} // namespace store
+
+using namespace store;
+
+int Omralib_store_obj(OMRALIB_HANDLE hdl, unsigned int options, const void *pdata,
+                      unsigned int data_len, unsigned int timeout_m, OMRA_OBJKEY key) {
+    (void)options;
+    return put_object(hdl, &Objects::create, pdata, data_len, timeout_m, nullptr, 0, key);
+}
+
+int Omralib_store_indexed_obj(OMRALIB_HANDLE hdl, const void *pdata, unsigned int data_len,
+                              unsigned int timeout_m, const OMRA_OBJ_INDEX *pindexes,
+                              unsigned int num_indexes, OMRA_OBJKEY key) {
+    return put_object(hdl, &Objects::create, pdata, data_len, timeout_m, pindexes, num_indexes,
+                      key);
+}
+
+int Omralib_replace_obj(OMRALIB_HANDLE hdl, const void *pdata, unsigned int data_len,
+                        unsigned int timeout_m, const OMRA_OBJ_INDEX *pindexes,
+                        unsigned int num_indexes, OMRA_OBJKEY key) {
+    return put_object(hdl, &Objects::replace, pdata, data_len, timeout_m, pindexes, num_indexes,
+                      key);
+}
+
+int Omralib_read_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned int *pdata_len_out,
+                     OMRA_OBJKEY key) {
+    (void)options;
+    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        if (pdata_len_out == nullptr) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        if (use->pending) {
+            return OMRALIB_ERR_OBJ_READING;
+        }
+        const NamedObject named = without_mark(key);
+        if (is_null(named.key)) {
+            return OMRALIB_ERR_BAD_KEY;
+        }
+        OpenRequests &requests = store.serving.requests;
+        if (requests.is_noticing()) {
+            if (!requests.note_read(use->guid, named.key, use->read_notes)) {
+                return OMRALIB_ERR_OBJ_NOT_FOUND;
+            }
+        } else if (!use->read_notes.is_empty()) {
+            use->read_notes.clear();
+        }
+        Content content;
+        const Status status = store.objects().read(named.key, named.renew, content);
+        if (status == OMRALIB_RET_SUCCESS) {
+            hand_over(use, std::move(content), pdata_len_out);
+            use->count_read();
+        }
+        return status;
+    });
+}
+
+int Omralib_get_read_data(OMRALIB_HANDLE hdl, void *pbuf, unsigned int len) {
+    return with_handle(hdl, [&](Store &, HandleUse &use) -> int {
+        if (!use->pending) {
+            return OMRALIB_ERR_NOT_READING;
+        }
+        const Bytes bytes = use->pending.bytes();
+        if (pbuf == nullptr || len != bytes.size()) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        std::memcpy(pbuf, bytes.data(), len);
+        use->pending.reset();
+        return OMRALIB_RET_SUCCESS;
+    });
+}
+
+int Omralib_flush_read_data(OMRALIB_HANDLE hdl) {
+    return with_handle(hdl, [](Store &, HandleUse &use) -> int {
+        if (!use->pending) {
+            return OMRALIB_ERR_NOT_READING;
+        }
+        use->pending.reset();
+        return OMRALIB_RET_SUCCESS;
+    });
+}
+
+int Omralib_read_and_lock_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned int lock_options,
+                              unsigned int *pdata_len_out, OMRA_OBJKEY key) {
+    (void)options;
+    (void)lock_options;
+    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        if (pdata_len_out == nullptr) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        if (use->pending) {
+            return OMRALIB_ERR_OBJ_READING;
+        }
+        const NamedObject named = without_mark(key);
+        if (is_null(named.key)) {
+            return OMRALIB_ERR_BAD_KEY;
+        }
+        use->locks.prepare();
+        /* Waiting for a lock of its own would be in vain. */
+        const Millis patience = use->locks.contains(named.key) ? 0 : lock_patience;
+        int ticket = OMRALIB_NULL_LOCK_TKT;
+        Content content;
+        const Status status =
+            store.objects().read_and_lock(named.key, named.renew, patience, ticket, content);
+        if (status != OMRALIB_RET_SUCCESS) {
+            return status;
+        }
+        use->locks.add({named.key, ticket});
+        store.leases.note_lock();
+        hand_over(use, std::move(content), pdata_len_out);
+        use->count_read();
+        return ticket;
+    });
+}
+
+int Omralib_update_locked_obj(OMRALIB_HANDLE hdl, int lock_tkt, unsigned int unlock,
+                              unsigned int options, const void *pdata, unsigned int data_len,
+                              OMRA_OBJKEY key) {
+    (void)options;
+    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        if (unlock > 1 || !valid_data(pdata, data_len)) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        const NamedObject named = without_mark(key);
+        if (is_null(named.key)) {
+            return OMRALIB_ERR_BAD_KEY;
+        }
+        /* A ticket is worth nothing on any handle but the one that took it. */
+        if (!use->locks.contains(named.key, lock_tkt)) {
+            return OMRALIB_ERR_LOCK_LOST;
+        }
+        const Status status = store.objects().update(named.key, lock_tkt, unlock == 1, named.renew,
+                                                     as_bytes(pdata, data_len));
+        return drop_lock_if_gone(use, named.key, lock_tkt, unlock == 1, status);
+    });
+}
+
+int Omralib_unlock_obj(OMRALIB_HANDLE hdl, int lock_tkt, unsigned int options, OMRA_OBJKEY key) {
+    (void)options;
+    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        const NamedObject named = without_mark(key);
+        if (is_null(named.key)) {
+            return OMRALIB_ERR_BAD_KEY;
+        }
+        if (!use->locks.contains(named.key, lock_tkt)) {
+            return OMRALIB_ERR_LOCK_LOST;
+        }
+        const Status status = store.objects().unlock(named.key, lock_tkt);
+        return drop_lock_if_gone(use, named.key, lock_tkt, true, status);
+    });
+}
+
+int Omralib_remove_obj(OMRALIB_HANDLE hdl, unsigned int options, OMRA_OBJKEY key) {
+    (void)options;
+    return with_handle(hdl, [&](Store &store, HandleUse &) -> int {
+        const NamedObject named = without_mark(key);
+        if (is_null(named.key)) {
+            return OMRALIB_ERR_BAD_KEY;
+        }
+        return store.objects().remove(named.key);
+    });
+}
+
+int Omralib_count_objs(OMRALIB_HANDLE hdl, unsigned int app_id, ULONGLONG *pcount_out) {
+    return with_handle(hdl, [&](Store &store, HandleUse &) -> int {
+        if (pcount_out == nullptr) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        Totals totals;
+        const Status status = store.objects().totals_of(app_id, totals);
+        if (status == OMRALIB_RET_SUCCESS) {
+            *pcount_out = totals.num_objects;
+        }
+        return status;
+    });
+}
+
+int Omralib_list_objs(OMRALIB_HANDLE hdl, unsigned int app_id, OMRALIB_KEY_FUNC pfunc, void *parg) {
+    return with_handle(hdl, [&](Store &store, HandleUse &) -> int {
+        if (pfunc == nullptr) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        Selection everything;
+        everything.app_id = app_id;
+        std::vector<Key> keys;
+        const Status status = find(store.objects(), everything, nullptr, keys);
+        if (status != OMRALIB_RET_SUCCESS) {
+            return status;
+        }
+        for (const Key &key : keys) {
+            if (pfunc(&key, parg) != 0) {
+                break;
+            }
+        }
+        return OMRALIB_RET_SUCCESS;
+    });
+}

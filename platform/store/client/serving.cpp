@@ -1,0 +1,52 @@
+/* Callbacks, app ids and the requests that this process handles. */
+#include "client/calls.h"
+
+using namespace store;
+
+int Omralib_register_cb(unsigned int cb_type, OMRALIB_CB cb) {
+    Store *store = open_or_explain();
+    return store != nullptr ? store->serving.handlers.set_callback(cb_type, cb)
+                            : OMRALIB_ERR_CANT_INIT;
+}
+
+int Omralib_register_appname_hdl(OMRALIB_HANDLE hdl, const char *name, unsigned int name_len,
+                                 unsigned int *papp_id_out) {
+    return with_handle(hdl, [&](Store &store, HandleUse &) -> int {
+        if (name == nullptr || name_len == 0 || papp_id_out == nullptr) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        return store.cluster().bind_name({name, name_len}, *papp_id_out);
+    });
+}
+
+int Omralib_start_app_event_handling(OMRALIB_HANDLE hdl, unsigned int event_app_id) {
+    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        return store.serving.handlers.start(event_app_id, use->guid);
+    });
+}
+
+int Omralib_stop_app_event_handling(OMRALIB_HANDLE hdl, unsigned int event_app_id) {
+    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        return store.serving.handlers.stop(event_app_id, use->guid);
+    });
+}
+
+int Omralib_get_invoke_keys(unsigned int context, OMRA_OBJKEY *pkeys, unsigned int num_keys) {
+    Store *store = Store::current();
+    if (store == nullptr || pkeys == nullptr) {
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    return store->serving.get_keys(context, {pkeys, num_keys});
+}
+
+int Omralib_complete_invoke(OMRALIB_HANDLE hdl, unsigned int context, unsigned int num_successful,
+                            unsigned int num_failed) {
+    return with_handle(hdl, [&](Store &store, HandleUse &) {
+        return store.serving.complete(context, num_successful, num_failed);
+    });
+}
+
+int Omralib_flush_invoke(unsigned int context) {
+    Store *store = Store::current();
+    return store != nullptr ? store->serving.flush(context) : OMRALIB_ERR_BAD_ARGS;
+}

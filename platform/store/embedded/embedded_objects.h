@@ -1,0 +1,74 @@
+/* Objects in this process's memory: the default engine's.
+ *
+ *   EmbeddedObjects -> Partition (one per app id) -> Shard (by hash of the key) -> Record
+ *
+ * Partitions are found without a lock and never go away; a shard has a lock of its own, so that
+ * threads which use different objects rarely meet. The key space falls into slots by the top bits
+ * of the hash, several to a shard. */
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "embedded/partition.h"
+#include "embedded/sweeper.h"
+#include "engine/objects.h"
+#include "engine/options.h"
+
+namespace store {
+
+class EmbeddedObjects final : public Objects {
+public:
+    /* `clock` outlives the objects. */
+    EmbeddedObjects(Clock &clock, const Configuration &configuration);
+
+    Status create(const Key &key, const ObjectSpec &spec) override;
+    Status read(const Key &key, bool renew, Content &content_out) override;
+    Status read_and_lock(const Key &key, bool renew, Millis patience, int &ticket_out,
+                         Content &content_out) override;
+    Status renew_lock(const Key &key, int ticket) override;
+    Status update(const Key &key, int ticket, bool unlock, bool renew, Bytes bytes) override;
+    Status unlock(const Key &key, int ticket) override;
+    Status replace(const Key &key, const ObjectSpec &spec) override;
+    Status remove(const Key &key) override;
+    Status exists(const Key &key) override;
+    Status touch(const Key &key) override;
+    Status copy(const Key &from, const Key &to, std::uint32_t timeout_m) override;
+
+    Status scan(const Selection &selection, const Part *part,
+                std::unique_ptr<Scan> &scan_out) override;
+    Status explain(const Selection &selection, Explanation &explanation_out) override;
+    Status totals_of(std::uint32_t app_id, Totals &totals_out) override;
+    Status totals(Totals &totals_out) override;
+    Status activity(Activity &activity_out) override;
+
+    /* Objects of an app id, counted for next to nothing: those that have expired but have not been
+     * swept yet are among them. */
+    std::uint64_t num_records(std::uint32_t app_id) const;
+
+    /* What has expired is told to `events` from now on, for the app ids that want it, until
+     * detach_events(). */
+    void attach_events(EventReceiver &events) { sweeper_.attach(events); }
+    void want_events(std::uint32_t app_id, bool wanted) {
+        directory_.find_or_add(app_id).wants_events = wanted;
+    }
+    void detach_events() { sweeper_.stop(); }
+
+private:
+    std::vector<Partition *> partitions_of(std::uint32_t app_id) const;
+    int next_ticket();
+
+    /* Constant after set-up. */
+    const ShardContext context_;
+
+    /* Self-synchronised. */
+    MemoryBudget budget_;
+    LockWaiters waiters_;
+    PartitionDirectory directory_;
+    Sweeper sweeper_;
+    std::atomic<std::uint32_t> last_ticket_{0};
+};
+
+} // namespace store

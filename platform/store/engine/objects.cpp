@@ -1,0 +1,66 @@
+/* What follows for sets of objects from the operations on single ones. */
+#include "engine/objects.h"
+
+#include <algorithm>
+
+#include "engine/key_sort.h"
+
+namespace store {
+
+namespace {
+
+/* `one(i)` for each of `num`; success, or what the first that failed answered. */
+template <typename One>
+Status each(std::size_t num, std::span<Status> statuses_out, One one) {
+    Status all = OMRALIB_RET_SUCCESS;
+    for (std::size_t i = 0; i < num; ++i) {
+        statuses_out[i] = one(i);
+        if (all == OMRALIB_RET_SUCCESS) {
+            all = statuses_out[i];
+        }
+    }
+    return all;
+}
+
+/* Puts the first `limit` keys in key order and drops the others. */
+void keep_first(std::vector<Key> &keys, std::uint64_t limit) {
+    if (limit < keys.size()) {
+        const auto end = keys.begin() + static_cast<std::ptrdiff_t>(limit);
+        std::partial_sort(keys.begin(), end, keys.end(), KeyLess());
+        keys.erase(end, keys.end());
+    } else {
+        sort_keys(keys);
+    }
+}
+
+} // namespace
+
+Status Objects::create_many(std::span<const NewObject> objects, std::span<Status> statuses_out) {
+    return each(objects.size(), statuses_out,
+                [&](std::size_t i) { return create(objects[i].key, objects[i].spec); });
+}
+
+Status Objects::remove_many(std::span<const Key> keys, std::span<Status> statuses_out) {
+    return each(keys.size(), statuses_out, [&](std::size_t i) { return remove(keys[i]); });
+}
+
+Status find(Objects &objects, const Selection &selection, const Part *part,
+            std::vector<Key> &keys_out) {
+    std::unique_ptr<Scan> scan;
+    Status status = objects.scan(selection, part, scan);
+    std::vector<Key> keys;
+    if (status == OMRALIB_RET_SUCCESS) {
+        keys.reserve(scan->expected());
+    }
+    bool more = true;
+    while (status == OMRALIB_RET_SUCCESS && more) {
+        status = scan->next(keys, more);
+    }
+    if (status == OMRALIB_RET_SUCCESS) {
+        keep_first(keys, selection.limit);
+        keys_out = std::move(keys);
+    }
+    return status;
+}
+
+} // namespace store

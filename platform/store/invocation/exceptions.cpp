@@ -1,0 +1,89 @@
+/* Reading the pieces and storing them as one. */
+#include "invocation/exceptions.h"
+
+#include <algorithm>
+
+namespace store {
+
+namespace {
+
+struct Piece {
+    Key key;
+    Content content;
+};
+
+Status read_pieces(TempObjects &objects, const std::vector<Key> &keys, std::vector<Piece> &pieces) {
+    for (const Key &key : keys) {
+        Piece piece{key, {}};
+        const Status status = objects.read(key, piece.content);
+        if (status == OMRALIB_RET_SUCCESS) {
+            pieces.push_back(std::move(piece));
+        } else if (status != OMRALIB_ERR_OBJ_NOT_FOUND) {
+            return OMRALIB_ERR_UNKNOWN;
+        }
+    }
+    return OMRALIB_RET_SUCCESS;
+}
+
+/* As many whole records as one object can hold. */
+std::vector<std::byte> join(const std::vector<Piece> &pieces) {
+    constexpr std::size_t record_bytes = 48;
+    constexpr std::size_t max_bytes = UINT32_MAX / record_bytes * record_bytes;
+    std::vector<std::byte> joined;
+    for (const Piece &piece : pieces) {
+        const Bytes bytes = piece.content.bytes();
+        const std::size_t length = std::min(bytes.size(), max_bytes - joined.size());
+        joined.insert(joined.end(), bytes.begin(), bytes.begin() + static_cast<long>(length));
+    }
+    return joined;
+}
+
+/* The key of a new object, under another one as long as the outcome is unknown; a null key when
+ * there is no room. */
+Key store_joined(TempObjects &objects, Bytes joined, std::uint32_t timeout_m) {
+    constexpr int max_tries = 4;
+    for (int i = 0; i < max_tries; ++i) {
+        const Key key = objects.make_key(TempKind::exceptions);
+        const Status status = objects.create(key, joined, timeout_m);
+        if (status == OMRALIB_RET_SUCCESS) {
+            return key;
+        }
+        if (status != OMRALIB_ERR_UNKNOWN) {
+            break;
+        }
+        objects.remove({key});
+    }
+    return {};
+}
+
+} // namespace
+
+Status join_exceptions(TempObjects &objects, const std::vector<Key> &keys, std::uint32_t timeout_m,
+                       Key &key_out) {
+    if (keys.size() == 1) {
+        const Presence presence = objects.look_for(keys.front());
+        key_out = presence == Presence::there ? keys.front() : Key{};
+        return presence != Presence::unknown ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_UNKNOWN;
+    }
+    std::vector<Piece> pieces;
+    const Status status = read_pieces(objects, keys, pieces);
+    if (status != OMRALIB_RET_SUCCESS || pieces.empty()) {
+        return status;
+    }
+    Key kept = pieces.front().key;
+    if (pieces.size() > 1) {
+        const Key key = store_joined(objects, join(pieces), timeout_m);
+        kept = is_null(key) ? kept : key;
+    }
+    std::vector<Key> others;
+    for (const Piece &piece : pieces) {
+        if (order_of(piece.key, kept) != 0) {
+            others.push_back(piece.key);
+        }
+    }
+    objects.remove(others);
+    key_out = kept;
+    return OMRALIB_RET_SUCCESS;
+}
+
+} // namespace store

@@ -1,0 +1,89 @@
+/* Callbacks, and who has started to handle what. */
+#include "serving/handlers.h"
+
+#include <algorithm>
+
+namespace store {
+
+Status Handlers::set_callback(unsigned int kind, OMRALIB_CB callback) {
+    if (callback.event_cb == nullptr) {
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    switch (kind) {
+    case OMRALIB_CB_EVENT:
+        event_cb_ = callback.event_cb;
+        break;
+    case OMRALIB_CB_INVOKE:
+        invoke_cb_ = callback.invoke_cb;
+        break;
+    case OMRALIB_CB_EVENT_EXT:
+        event_ext_cb_ = callback.event_ext_cb;
+        break;
+    case OMRALIB_CB_INVOKE_EXT:
+        invoke_ext_cb_ = callback.invoke_ext_cb;
+        break;
+    default:
+        return OMRALIB_ERR_BAD_ARGS;
+    }
+    return OMRALIB_RET_SUCCESS;
+}
+
+Status Handlers::start(std::uint32_t event_app_id, const Guid &guid) {
+    const Guard guard(lock_);
+    std::vector<Guid> &guids = serving_[event_app_id];
+    if (std::find(guids.begin(), guids.end(), guid) == guids.end()) {
+        guids.push_back(guid);
+    }
+    return cluster_.announce(event_app_id, true);
+}
+
+Status Handlers::stop(std::uint32_t event_app_id, const Guid &guid) {
+    const Guard guard(lock_);
+    const auto found = serving_.find(event_app_id);
+    if (found == serving_.end()) {
+        return OMRALIB_RET_SUCCESS;
+    }
+    std::erase(found->second, guid);
+    if (!found->second.empty()) {
+        return OMRALIB_RET_SUCCESS;
+    }
+    serving_.erase(found);
+    return cluster_.announce(event_app_id, false);
+}
+
+std::optional<Guid> Handlers::guid_for(std::uint32_t event_app_id) {
+    const Guard guard(lock_);
+    auto found = serving_.find(event_app_id);
+    if (found == serving_.end() && event_app_id == MGTI_APPID_INVOKE_ONCE) {
+        found = serving_.begin();
+    }
+    if (found == serving_.end()) {
+        return std::nullopt;
+    }
+    return found->second.front();
+}
+
+int Handlers::call_invoke(const Guid &guid, OMRALIB_INVOKE_PARAMS params) const {
+    const OMRALIB_INVOKE_EXT_CB ext = invoke_ext_cb_;
+    const OMRALIB_INVOKE_CB plain = invoke_cb_;
+    if (ext != nullptr) {
+        return ext(guid.data(), &params);
+    }
+    if (plain != nullptr) {
+        return plain(&params);
+    }
+    return OMRALIB_ERR_NO_WORKER;
+}
+
+void Handlers::call_event(const Key &key, unsigned int event_code) {
+    const std::optional<Guid> guid = guid_for(key.app_id);
+    const OMRALIB_EVENT_EXT_CB ext = event_ext_cb_;
+    const OMRALIB_EVENT_CB plain = event_cb_;
+    if (guid && ext != nullptr) {
+        ext(key, guid->data(), event_code);
+    } else if (guid && plain != nullptr) {
+        plain(key, event_code);
+    }
+}
+
+} // namespace store

@@ -1,0 +1,53 @@
+/* Who handles requests and events on this host: the process's callbacks, and the app ids that its
+ * handles have started to handle. */
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include <absl/container/flat_hash_map.h>
+
+#include "engine/cluster.h"
+
+namespace store {
+
+/* All operations may be called by any thread. */
+class Handlers {
+public:
+    explicit Handlers(Cluster &cluster) : cluster_(cluster) {}
+    Handlers(const Handlers &) = delete;
+    Handlers &operator=(const Handlers &) = delete;
+
+    /* OMRALIB_ERR_BAD_ARGS for a kind that there is not, or no callback. */
+    Status set_callback(unsigned int kind, OMRALIB_CB callback);
+
+    /* What the cluster answers to being told. */
+    Status start(std::uint32_t event_app_id, const Guid &guid);
+    Status stop(std::uint32_t event_app_id, const Guid &guid);
+
+    /* Who handles a request of `event_app_id` here: the first that started. Whoever handles
+     * anything handles invoke-once requests. */
+    std::optional<Guid> guid_for(std::uint32_t event_app_id);
+
+    /* What the callback answers, or OMRALIB_ERR_NO_WORKER when there is none to ask. */
+    int call_invoke(const Guid &guid, OMRALIB_INVOKE_PARAMS params) const;
+
+    /* An event that nobody handles is dropped: what the callback answers makes no difference. */
+    void call_event(const Key &key, unsigned int event_code);
+
+private:
+    Cluster &cluster_;
+
+    /* Self-synchronised. */
+    std::atomic<OMRALIB_EVENT_CB> event_cb_{nullptr};
+    std::atomic<OMRALIB_INVOKE_CB> invoke_cb_{nullptr};
+    std::atomic<OMRALIB_EVENT_EXT_CB> event_ext_cb_{nullptr};
+    std::atomic<OMRALIB_INVOKE_EXT_CB> invoke_ext_cb_{nullptr};
+
+    Mutex lock_; /* held while the cluster is told, so that it hears of every change in order */
+    absl::flat_hash_map<std::uint32_t, std::vector<Guid>> serving_ ABSL_GUARDED_BY(lock_);
+};
+
+} // namespace store
