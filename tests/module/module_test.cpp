@@ -1,9 +1,5 @@
 #include "module_test.h"
 
-#include "dispatch/dispatcher.h"
-
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -11,37 +7,33 @@
 #include <optional>
 #include <thread>
 
-using interposer::instead;
-using interposer::real;
-
 namespace {
+
+using interposer::instead;
 
 void poll(const std::function<bool()> &condition) {
     for (unsigned int looks = 0; !condition(); ++looks) {
         if (looks == 100'000) {
-            std::fprintf(stderr, "waited in vain\n");
             std::abort();
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
 
-// Requests that are delivered and not forgotten yet. Worker threads outlive main, and so does this.
-struct Request {
-    std::vector<OMRA_OBJKEY> keys;
-    std::optional<Completion> completion;
+// The requests that are delivered and not complete, or not taken notice of. Worker threads outlive
+// main, and so does this.
+struct Book {
+    std::mutex lock;
+    std::map<unsigned int, Keys> keys;              // guarded by lock
+    std::map<unsigned int, Completion> completions; // guarded by lock
 };
-std::mutex &book_lock = *new std::mutex;
-std::map<unsigned int, Request> &book = *new std::map<unsigned int, Request>; // guarded by it
+Book &book = *new Book;
 
 int get_keys(unsigned int context, OMRA_OBJKEY *pkeys, unsigned int num_keys) {
-    const std::lock_guard guard(book_lock);
-    const auto found = book.find(context);
-    if (found == book.end() || found->second.keys.size() != num_keys) {
-        ADD_FAILURE() << "the keys of no request, or another number";
-        return OMRALIB_ERR_BAD_ARGS;
-    }
-    std::copy(found->second.keys.begin(), found->second.keys.end(), pkeys);
+    const std::lock_guard guard(book.lock);
+    const Keys &keys = book.keys.at(context);
+    EXPECT_EQ(keys.size(), num_keys);
+    std::copy(keys.begin(), keys.end(), pkeys);
     return OMRALIB_RET_SUCCESS;
 }
 
@@ -49,73 +41,50 @@ int complete(unsigned int context, const Completion &completion) {
     if (on_complete) {
         on_complete(context);
     }
-    const std::lock_guard guard(book_lock);
-    const auto found = book.find(context);
-    if (found == book.end() || found->second.completion) {
-        ADD_FAILURE() << "completed twice, or unknown";
-        return OMRALIB_ERR_BAD_ARGS;
-    }
-    found->second.completion = completion;
+    const std::lock_guard guard(book.lock);
+    EXPECT_EQ(book.keys.erase(context), 1u) << "completed twice, or unknown";
+    book.completions[context] = completion;
     return OMRALIB_RET_SUCCESS;
-}
-
-void keep_book() {
-    instead<Omralib_get_invoke_keys> = get_keys;
-    instead<Omralib_complete_invoke> = [](OMRALIB_HANDLE, unsigned int context,
-                                          unsigned int num_successful, unsigned int num_failed) {
-        return complete(context, {num_successful, num_failed});
-    };
-    instead<Omralib_flush_invoke> = [](unsigned int context) {
-        return complete(context, {0, 0, true});
-    };
 }
 
 } // namespace
 
-std::function<void(const std::function<bool()> &)> &wait_until =
-    *new std::function<void(const std::function<bool()> &)>(poll);
+std::function<void(const std::function<bool()> &)> &wait_until = *new auto(std::function(poll));
 std::function<void(unsigned int)> &on_complete = *new std::function<void(unsigned int)>;
 
-int deliver(OMRALIB_INVOKE_PARAMS params, const std::vector<OMRA_OBJKEY> &keys) {
-    char guid[OMRALIB_GUID_LEN] = "pmicli";
+int deliver(OMRALIB_INVOKE_PARAMS params, const Keys &keys) {
     params.num_keys = static_cast<int>(keys.size());
     {
-        const std::lock_guard guard(book_lock);
-        book[params.context] = {keys, std::nullopt};
+        const std::lock_guard guard(book.lock);
+        book.keys[params.context] = keys;
     }
-    const int result = Omrapmi_invoke_ext_cb(guid, &params);
-    if (result != OMRALIB_INVOKE_ACCEPTED) {
-        const std::lock_guard guard(book_lock);
-        book.erase(params.context);
-    }
+    const unsigned int context = params.context;
+    const int result = Omrapmi_invoke_ext_cb("pmicli\0\0\0\0\0\0\0\0\0", &params);
     std::memset(&params, 0xEE, sizeof params); // the module must have made its own copy
+    if (result != OMRALIB_INVOKE_ACCEPTED) {
+        const std::lock_guard guard(book.lock);
+        book.keys.erase(context);
+    }
     return result;
 }
 
-Completion wait_complete(unsigned int context) {
+Completion run_request(const OMRALIB_INVOKE_PARAMS &params, const Keys &keys) {
+    EXPECT_EQ(deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
     Completion result = {};
     wait_until([&] {
-        const std::lock_guard guard(book_lock);
-        const auto found = book.find(context);
-        if (found == book.end() || !found->second.completion) {
-            return false;
-        }
-        result = *found->second.completion;
-        book.erase(found);
-        return true;
+        const std::lock_guard guard(book.lock);
+        const auto completion = book.completions.extract(params.context);
+        return !completion.empty() && (result = completion.mapped(), true);
     });
     return result;
 }
 
-Completion run_request(const OMRALIB_INVOKE_PARAMS &params, const std::vector<OMRA_OBJKEY> &keys) {
-    EXPECT_EQ(deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
-    return wait_complete(params.context);
-}
-
-OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params) {
+OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params,
+                                   unsigned int app_id) {
+    const bool is_once = app_id == MGTI_APPID_INVOKE_ONCE;
     OMRALIB_INVOKE_PARAMS request = {};
-    request.app_id = world::app;
-    request.invoke_op = set_functions::eval_id;
+    request.app_id = app_id;
+    request.invoke_op = is_once ? set_functions::once_id : set_functions::eval_id;
     request.merge_op = set_functions::merge_id;
     request.context = context;
     request.invoke_timeout = 30;
@@ -129,24 +98,11 @@ OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params
     return request;
 }
 
-OMRALIB_INVOKE_PARAMS stored_params_request(unsigned int context) {
-    OMRALIB_INVOKE_PARAMS request = eval_request(context);
+OMRALIB_INVOKE_PARAMS merge_request(unsigned long long object, UCHAR is_merge) {
+    OMRALIB_INVOKE_PARAMS request = eval_request(5);
     request.immediate_params = 0;
-    request.params_key = world::key(50);
-    return request;
-}
-
-OMRALIB_INVOKE_PARAMS once_request(unsigned int context) {
-    OMRALIB_INVOKE_PARAMS request = eval_request(context);
-    request.app_id = MGTI_APPID_INVOKE_ONCE;
-    request.invoke_op = set_functions::once_id;
-    return request;
-}
-
-OMRALIB_INVOKE_PARAMS merge_request(unsigned int context, unsigned long long source) {
-    OMRALIB_INVOKE_PARAMS request = stored_params_request(context);
-    request.merge_request = 1;
-    request.params_key = world::key(source);
+    request.merge_request = is_merge;
+    request.params_key = world::key(object);
     return request;
 }
 
@@ -154,13 +110,20 @@ OMRAPMI_PARAMS_EXT &params_ext(OMRALIB_INVOKE_PARAMS &params) {
     return *reinterpret_cast<OMRAPMI_PARAMS_EXT *>(&params.params_key);
 }
 
-std::vector<OMRA_OBJKEY> put_objects(unsigned int num_objects) {
-    std::vector<OMRA_OBJKEY> keys;
+Keys put_objects(unsigned int num_objects) {
+    Keys keys;
     for (unsigned int i = 0; i < num_objects; ++i) {
         keys.push_back(world::key(i));
         world::put(i, set_functions::object_bytes(i));
     }
     return keys;
+}
+
+std::vector<OMRAPMI_EXCEPTION> exceptions(unsigned long long object) {
+    const std::string bytes = world::bytes(object);
+    std::vector<OMRAPMI_EXCEPTION> list(bytes.size() / sizeof(OMRAPMI_EXCEPTION)); // none of "none"
+    std::memcpy(static_cast<void *>(list.data()), bytes.data(), list.size() * sizeof list[0]);
+    return list;
 }
 
 void check_outcome(const Completion &done, const set_functions::Invocation &invocation,
@@ -171,25 +134,13 @@ void check_outcome(const Completion &done, const set_functions::Invocation &invo
     answer.use_exceptions = TRUE;
     answer.num_successful_out = done.num_successful;
     answer.num_failed_out = done.num_failed;
-    if (result != "none") {
-        answer.presults_obj_out = result.data();
-        answer.results_obj_len_out = static_cast<ULONG>(result.size());
-    }
-    answer.pexceptions_out = list.empty() ? nullptr : list.data();
+    answer.presults_obj_out = result == "none" ? nullptr : result.data();
+    answer.results_obj_len_out = result == "none" ? 0 : static_cast<ULONG>(result.size());
+    answer.pexceptions_out = list.data();
     answer.num_exceptions_out = static_cast<ULONG>(list.size());
     EXPECT_EQ(set_functions::check_answer(answer, invocation), "");
     world::remove(results);
     world::remove(exceptions_object);
-}
-
-std::vector<OMRAPMI_EXCEPTION> exceptions(unsigned long long object) {
-    const std::string bytes = world::bytes(object);
-    std::vector<OMRAPMI_EXCEPTION> records(
-        bytes == "none" ? 0 : bytes.size() / sizeof(OMRAPMI_EXCEPTION));
-    if (!records.empty()) {
-        std::memcpy(records.data(), bytes.data(), records.size() * sizeof records[0]);
-    }
-    return records;
 }
 
 // Fixtures ----------------------------------------------------------------------------------------
@@ -201,59 +152,20 @@ void check_nothing_left() {
     const interposer::Ledger left = interposer::ledger();
     EXPECT_TRUE(left.reads == 0 && left.object_locks == 0 && left.mutexes == 0);
     EXPECT_EQ(interposer::num_blocks(), 0u);
-    const std::lock_guard guard(book_lock);
-    EXPECT_TRUE(book.empty()) << "a request left open";
+    EXPECT_TRUE(book.keys.empty() && book.completions.empty()) << "a request left open";
 }
 
 void Module_test::SetUp() {
     world::open(*new TestClock);
-    keep_book();
+    instead<Omralib_get_invoke_keys> = get_keys;
+    instead<Omralib_complete_invoke> = [](OMRALIB_HANDLE, unsigned int context,
+                                          unsigned int num_successful, unsigned int num_failed) {
+        return complete(context, {num_successful, num_failed});
+    };
+    instead<Omralib_flush_invoke> = [](unsigned int context) {
+        return complete(context, {0, 0, true});
+    };
     interposer::before = interposer::scripted;
     interposer::collect_traces();
-    hdl = real<Omralib_open_ext>(nullptr);
-}
-
-void Stepped_test::SetUp() {
-    Module_test::SetUp();
-    instead<Thread_fork> = [](void *(*)(void *), void *) { return THREADID{1}; };
-    instead<Thread_end> = [] {};
-    set_functions::script().ask = false;
-    ASSERT_EQ(Omrapmi_worker_init_ext(2), 1);
-    ASSERT_TRUE(set_functions::register_all(world::app));
-    interposer::take_traces();
-}
-
-OMRAPMI_IDSC *Stepped_test::next_request() {
-    return reinterpret_cast<OMRAPMI_IDSC *>(Blockq_deq(&omrapmi_worker_state.idsc_blockq, 0));
-}
-
-OMRAPMI_WDSC *Stepped_test::next_work() {
-    return reinterpret_cast<OMRAPMI_WDSC *>(Blockq_deq(&omrapmi_worker_state.wdsc_blockq, 0));
-}
-
-std::vector<OMRAPMI_WDSC *> Stepped_test::dispatch(const OMRALIB_INVOKE_PARAMS &params,
-                                                   const std::vector<OMRA_OBJKEY> &keys) const {
-    EXPECT_EQ(deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
-    OMRAPMI_IDSC *pidsc = next_request();
-    EXPECT_TRUE(Omrapmi_dispatcher(hdl, pidsc));
-    std::vector<OMRAPMI_WDSC *> work;
-    while (OMRAPMI_WDSC *pwdsc = next_work()) {
-        EXPECT_EQ(pwdsc->pidsc, pidsc);
-        work.push_back(pwdsc);
-    }
-    return work;
-}
-
-void Live_test::SetUp() {
-    Module_test::SetUp();
-    ASSERT_EQ(Omrapmi_worker_init_ext(4), 1);
-    ASSERT_TRUE(set_functions::register_all(world::app));
-    interposer::take_traces();
-}
-
-Completion Live_test::run(const OMRALIB_INVOKE_PARAMS &params,
-                          const std::vector<OMRA_OBJKEY> &keys) {
-    const Completion completion = run_request(params, keys);
-    wait_until([] { return interposer::ledger() == interposer::Ledger{}; });
-    return completion;
+    hdl = interposer::real<Omralib_open_ext>(nullptr);
 }

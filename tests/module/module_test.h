@@ -1,5 +1,5 @@
-// What the tests of the module share: fixtures that check what a test leaves behind, and the
-// requests of a store, which a test delivers itself. Objects are in the embedded store, behind the
+// What the tests of the module share: requests, which a test delivers in the place of a store, and
+// fixtures that check what it leaves behind. Objects are in the embedded store, behind the
 // interposer; the user functions are those of set_functions.
 #pragma once
 
@@ -11,10 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <string>
-#include <string_view>
-#include <vector>
+using Keys = std::vector<OMRA_OBJKEY>;
 
 // Waits until the condition holds, and ends the process when it can only be in vain. A test with
 // threads of its own kind puts another function here.
@@ -25,35 +22,32 @@ extern std::function<void(const std::function<bool()> &condition)> &wait_until;
 struct Completion {
     unsigned int num_successful, num_failed;
     bool flushed = false;
-    friend bool operator==(const Completion &, const Completion &) = default;
+    bool operator==(const Completion &) const = default;
 };
 
-// Delivers a request for these keys to the module.
-int deliver(OMRALIB_INVOKE_PARAMS params, const std::vector<OMRA_OBJKEY> &keys);
-// Waits until the request is reported complete or given up, and forgets it.
-Completion wait_complete(unsigned int context);
-// Both.
-Completion run_request(const OMRALIB_INVOKE_PARAMS &params, const std::vector<OMRA_OBJKEY> &keys);
+// Delivers a request for these keys to the module, and gives back its answer.
+int deliver(OMRALIB_INVOKE_PARAMS params, const Keys &keys);
+// Delivers it and waits until it is reported complete or given up.
+Completion run_request(const OMRALIB_INVOKE_PARAMS &params, const Keys &keys);
 // Runs when a request is reported complete.
 extern std::function<void(unsigned int context)> &on_complete;
 
-// An eval request with parameters in the key, for the functions of the tests; its results and
-// exceptions objects are number 900 and 901. Its sender is host 0xABC plus the context.
-OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params = "");
-// The same with parameters in object 50.
-OMRALIB_INVOKE_PARAMS stored_params_request(unsigned int context);
-OMRALIB_INVOKE_PARAMS once_request(unsigned int context);
-OMRALIB_INVOKE_PARAMS merge_request(unsigned int context, unsigned long long source);
+// A request with parameters in the key, for the functions of the tests: an eval request, or, with
+// another app id, an invoke-once one. Its results and exceptions objects are number 900 and 901;
+// its sender is host 0xABC plus the context.
+OMRALIB_INVOKE_PARAMS eval_request(unsigned int context, std::string_view params = "",
+                                   unsigned int app_id = world::app);
+// A request to merge the object; with `is_merge` 0 an eval request whose parameters it has.
+OMRALIB_INVOKE_PARAMS merge_request(unsigned long long object, UCHAR is_merge = 1);
 // The parameters header inside the request.
 OMRAPMI_PARAMS_EXT &params_ext(OMRALIB_INVOKE_PARAMS &params);
 
-// Stores the data objects 0 to n - 1; their keys.
-std::vector<OMRA_OBJKEY> put_objects(unsigned int num_objects);
-
+// The keys of the data objects 0 to n - 1, which are stored.
+Keys put_objects(unsigned int num_objects);
+std::vector<OMRAPMI_EXCEPTION> exceptions(unsigned long long object = 901);
 // What a request has come to is right for the invocation; its objects are removed.
 void check_outcome(const Completion &done, const set_functions::Invocation &invocation,
-                   unsigned long long results = 900, unsigned long long exceptions = 901);
-std::vector<OMRAPMI_EXCEPTION> exceptions(unsigned long long object = 901);
+                   unsigned long long results = 900, unsigned long long exceptions_object = 901);
 
 // Fixtures ----------------------------------------------------------------------------------------
 
@@ -68,25 +62,4 @@ protected:
     void TearDown() override { check_nothing_left(); }
 
     OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE;
-};
-
-// A worker with held threads: the test takes requests and work from the queues itself.
-class Stepped_test : public Module_test {
-protected:
-    void SetUp() override;
-
-    static OMRAPMI_IDSC *next_request();
-    static OMRAPMI_WDSC *next_work();
-    // Delivers and dispatches, which must succeed; the work in the order of the queue.
-    std::vector<OMRAPMI_WDSC *> dispatch(const OMRALIB_INVOKE_PARAMS &params,
-                                         const std::vector<OMRA_OBJKEY> &keys) const;
-};
-
-// A worker that runs, with 4 threads.
-class Live_test : public Module_test {
-protected:
-    void SetUp() override;
-    // Delivers and waits until nothing of the request is left.
-    static Completion run(const OMRALIB_INVOKE_PARAMS &params,
-                          const std::vector<OMRA_OBJKEY> &keys);
 };

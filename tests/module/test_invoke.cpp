@@ -3,7 +3,6 @@
 #include "module_test.h"
 
 #include <cstring>
-#include <tuple>
 
 namespace {
 
@@ -32,39 +31,31 @@ protected:
         };
     }
     int invoke() { return Omrapmi_invoke_ext(hdl, &args, &args_ext); }
-    void set_params(const char *params) {
-        args.pparams_obj = params;
-        args.params_obj_len = static_cast<ULONG>(std::strlen(params));
+    void set_params(std::string_view params) {
+        args.pparams_obj = params.data();
+        args.params_obj_len = static_cast<ULONG>(params.size());
     }
     void set_query(UCHAR kind, const void *pquery, ULONG len) {
         args.use_query_spec = kind;
         args.pquery_spec = pquery;
         args.query_spec_len = len;
     }
-    // The objects of an invocation with 2 failures.
-    void put_outcome(std::size_t exceptions_len) {
-        reply = {2, 10, 2, 0, world::key(900), world::key(901)};
-        world::put(900, "merged");
-        world::put(901, std::string(exceptions_len, 'e'));
-    }
-    auto outputs() const {
-        return std::tuple(args.num_successful_out, args.num_failed_out, args.presults_obj_out,
-                          args.results_obj_len_out, args.pexceptions_out, args.num_exceptions_out);
-    }
-    void free_outputs() const {
-        Omrapmi_free(args.presults_obj_out);
-        Omrapmi_free(args.pexceptions_out);
-    }
 
     Query spec = {1, 0, {}};
     Args args = {};
-    Ext_args args_ext = {7, 0, 0};
+    Ext_args args_ext = {0x0BCDEF, 1, 1};
     OMRA_INVOKE_RESULT reply = {2, 5, 0, 0, {}, {}};
     char behind_reply[4] = {};
     std::size_t reply_len = sizeof reply;
     std::string request;
-    const char *const long_params = "0123456789012345678901234567890123";
 };
+
+constexpr std::string_view params_32 = "0123456789abcdefghijklmnopqrstuv";
+constexpr std::string_view params_33 = "0123456789abcdefghijklmnopqrstuvw";
+
+std::string bytes_of(const OMRA_OBJKEY &key) {
+    return {reinterpret_cast<const char *>(&key), sizeof key};
+}
 
 TEST_F(Invoke_test, WhatComesBeforeTheArguments) {
     args.app_id = 0xFFFFFFFF;
@@ -133,7 +124,7 @@ TEST_F(Invoke_test, ArgumentsAreValidatedInOrder) {
     }
 }
 
-// The 104 bytes of a request with these fields and the parameters "params".
+// The 104 bytes of a request with these fields, and with parameters that just fit in the key.
 std::string header(UCHAR kind, ULONG num_index) {
     OMRA_INDEX_HDR hdr = {};
     hdr.reserved = 2;
@@ -145,15 +136,18 @@ std::string header(UCHAR kind, ULONG num_index) {
     hdr.invoke_timeout = 0x12345;
     hdr.reserved2 = 0x0BCDEF;
     hdr.immediate_params = 1;
-    std::memcpy(&hdr.params_key, "\xEF\xCD\x0B\0\6\1\1\0params", 14);
+    std::memcpy(&hdr.params_key, "\xEF\xCD\x0B\0\x20\1\1\0", 8);
+    std::memcpy(&hdr.params_key.ext_obj_id, params_32.data(), 32);
     return {reinterpret_cast<const char *>(&hdr), sizeof hdr};
 }
 
 TEST_F(Invoke_test, TheRequestsBytes) {
-    args_ext = {0x0BCDEF, 1, 1};
-    set_params("params");
+    set_params(params_32);
     EXPECT_EQ(invoke(), 1);
     EXPECT_EQ(request, header(0, 0));
+
+    EXPECT_EQ(Omrapmi_invoke(hdl, &args), 1); // on the workers of its own app id
+    EXPECT_EQ(request.substr(36, 4), std::string("\7\0\0\0", 4));
 
     set_query(1, &spec, 328); // match all of no terms
     EXPECT_EQ(invoke(), 1);
@@ -176,29 +170,31 @@ TEST_F(Invoke_test, TheRequestsBytes) {
     EXPECT_EQ(invoke(), -114);
 }
 
-TEST_F(Invoke_test, HandsOutWhatThereIs) {
-    set_params(long_params);
-    OMRA_OBJKEY stored = {};
-    instead<Omralib_remove_obj> = [&](OMRALIB_HANDLE its_hdl, unsigned int, OMRA_OBJKEY key) {
-        stored = key.app_id == 0x30000000 ? key : stored;
-        return real<Omralib_remove_obj>(its_hdl, 0, key);
+TEST_F(Invoke_test, LongParametersAreStoredUnderAFreshKey) {
+    std::vector<OMRA_OBJKEY> keys;
+    instead<Omralib_store_obj> = [&](OMRALIB_HANDLE, unsigned int, const void *pdata,
+                                     unsigned int len, unsigned int, OMRA_OBJKEY key) {
+        EXPECT_EQ(std::string(static_cast<const char *>(pdata), len),
+                  std::string("\xEF\xCD\x0B\0\0\1\1\0", 8).append(params_33));
+        keys.push_back(key);
+        return keys.size() < 3 ? OMRALIB_ERR_OBJ_EXISTS : 1;
     };
-    for (const bool use_exceptions : {true, false}) {
-        put_outcome(100); // torn: two records and a rest
-        args.use_exceptions = use_exceptions;
-        EXPECT_EQ(invoke(), 1);
-        EXPECT_TRUE(request[40] == 0 && std::memcmp(&request[48], &stored, sizeof stored) == 0);
-        EXPECT_EQ(take_log(), "handle_ready|store_obj 42 1244 params|invoke 104|get_read_data 96|"
-                              "remove_obj params|read_obj 900|get_read_data 6|remove_obj 900|"
-                              "read_obj 901|get_read_data 100|remove_obj 901");
-        EXPECT_EQ(take_reports(), "exceptions_obj_len % sizeof *pexceptions == 0");
-        EXPECT_TRUE(args.num_successful_out == 10 && args.num_failed_out == 2);
-        EXPECT_EQ(std::string(args.presults_obj_out, args.results_obj_len_out), "merged");
-        EXPECT_EQ(args.num_exceptions_out, 2u); // counted in any case
-        EXPECT_EQ(args.pexceptions_out ? args.pexceptions_out[1].code : 0,
-                  use_exceptions ? 0x65656565 : 0);
-        free_outputs();
-    }
+    script({{"remove_obj", 1}, {"remove_obj", 1}});
+    set_params(params_33);
+    EXPECT_EQ(invoke(), 1);
+    ASSERT_EQ(keys.size(), 3u);
+    const std::string first = bytes_of(keys[0]), second = bytes_of(keys[1]),
+                      last = bytes_of(keys[2]);
+    EXPECT_TRUE(first != second && second != last);
+    EXPECT_EQ(last.substr(0, 8), std::string("\0\0\0\x30\2\0\0\0", 8));
+    EXPECT_EQ(last.substr(24, 8), std::string("\x21\x21\xBD\xBD\3\0\0\0", 8));
+    EXPECT_TRUE(request[40] == 0 && request.substr(48, 40) == last);
+    args.timeout_s = 0xFFFFFFFF;
+    EXPECT_EQ(invoke(), 1);
+    EXPECT_NE(take_log().find("|store_obj 41 65535 params|"), std::string::npos);
+    // A length that no block can have: the bytes are not looked at.
+    args.params_obj_len = 0xFFFFFFFC;
+    EXPECT_EQ(invoke(), -1303);
 }
 
 // Replies without objects to fetch: keys that are null, or null in all that counts; no failure that
@@ -236,25 +232,26 @@ TEST_F(Invoke_test, RepliesWithoutObjects) {
         SCOPED_TRACE(&c - cases);
         reply = c.reply;
         reply_len = c.reply_len;
-        args.presults_obj_out = nullptr;
         EXPECT_EQ(invoke(), c.expected);
         EXPECT_EQ(take_log(), std::string("handle_ready|invoke 104|") + c.log);
         EXPECT_EQ(take_reports(), c.reports);
-        if (c.expected == 1) {
-            EXPECT_EQ(outputs(), std::tuple(5, c.reply.num_failed, nullptr, 0, nullptr, 0));
-        }
+        EXPECT_TRUE(args.presults_obj_out == nullptr && args.pexceptions_out == nullptr);
+        EXPECT_EQ(c.expected == 1 ? args.num_failed_out : c.reply.num_failed, c.reply.num_failed);
     }
 }
 
-// The first failure decides, the rest is still collected, and nothing is handed out.
-TEST_F(Invoke_test, FailuresOfTheStore) {
+// What there is, is handed out. The first failure decides; the rest is still collected, and nothing
+// is handed out.
+TEST_F(Invoke_test, CollectsTheObjects) {
     struct Case {
         std::vector<interposer::Answer> answers;
         int expected;
         const char *left; // in the store
     };
     const Case cases[] = {
+        {{}, 1, ""},
         {{{"store_obj", -123}}, -123, "900 901 "},
+        {{{"store_obj", -1351}}, -1303, "900 901 "},
         {{{"invoke", -116}}, -116, "900 901 params "},
         {{{"get_read_data", -110}}, -110, "900 901 params "},
         {{{"remove_obj", -109, "params"}}, 1, "params "}, // expired meanwhile
@@ -266,27 +263,45 @@ TEST_F(Invoke_test, FailuresOfTheStore) {
         {{{"remove_obj", -103, "params"}, {"read_obj", -102, "900"}}, -103, "900 params "},
         {{{"read_obj", -102, "900"}, {"remove_obj", -112, "901"}}, -102, "900 901 "},
     };
-    set_params(long_params);
+    set_params(params_33);
     set_query(2, "query", 5); // its block must be freed whatever happens
+    reply = {2, 10, 2, 0, world::key(900), world::key(901)};
     unsigned long long num_params = 0;
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.answers[0].operation + std::to_string(c.expected) + c.left);
-        put_outcome(96);
+        SCOPED_TRACE(&c - cases);
+        world::put(900, "merged");
+        world::put(901, std::string(100, 'e')); // torn: two records and a rest
+        args.use_exceptions = !args.use_exceptions;
+        const std::string before(reinterpret_cast<const char *>(&args), sizeof args);
         script(c.answers);
-        const auto before = outputs();
         EXPECT_EQ(invoke(), c.expected);
         std::string left = world::bytes(900) == "none" ? "" : "900 ";
         left += world::bytes(901) == "none" ? "" : "901 ";
         left += std::exchange(num_params, world::count(0x30000000)) == num_params ? "" : "params ";
         EXPECT_EQ(left, c.left);
-        if (c.expected == 1) {
-            free_outputs();
-        } else {
-            EXPECT_TRUE(outputs() == before);
+        if (c.expected != 1) {
+            EXPECT_EQ(std::memcmp(&args, before.data(), sizeof args), 0);
+            continue;
+        }
+        EXPECT_TRUE(args.num_successful_out == 10 && args.num_failed_out == 2);
+        EXPECT_EQ(std::string(args.presults_obj_out, args.results_obj_len_out), "merged");
+        EXPECT_EQ(args.num_exceptions_out, 2u); // counted in any case
+        EXPECT_EQ(args.pexceptions_out != nullptr, args.use_exceptions == TRUE);
+        Omrapmi_free(std::exchange(args.presults_obj_out, nullptr));
+        Omrapmi_free(std::exchange(args.pexceptions_out, nullptr));
+        if (c.answers.empty()) {
+            EXPECT_EQ(take_log(), "handle_ready|store_obj 41 1244 params|invoke 109|"
+                                  "get_read_data 96|remove_obj params|read_obj 900|"
+                                  "get_read_data 6|remove_obj 900|read_obj 901|"
+                                  "get_read_data 100|remove_obj 901");
         }
     }
-    EXPECT_EQ(take_reports(), "ret != OMRALIB_ERR_NOT_READING|ret != OMRALIB_ERR_BAD_KEY|"
-                              "ret != OMRALIB_ERR_OBJ_NOT_FOUND");
+    const std::string reports = take_reports();
+    for (const char *report :
+         {"exceptions_obj_len % sizeof *pexceptions == 0", "ret != OMRALIB_ERR_NOT_READING",
+          "ret != OMRALIB_ERR_BAD_KEY", "ret != OMRALIB_ERR_OBJ_NOT_FOUND"}) {
+        EXPECT_NE(reports.find(report), std::string::npos) << report;
+    }
 }
 
 } // namespace

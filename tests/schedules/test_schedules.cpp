@@ -12,17 +12,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
-#include <memory>
 #include <numeric>
 #include <random>
-#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 using schedules::scheduler;
-using set_functions::Invocation;
+using set_functions::first_objects;
 using set_functions::script;
 using Seed = std::uint64_t;
 using Rng = std::mt19937_64;
@@ -114,77 +112,67 @@ protected:
         check_nothing_left();
         ASSERT_EQ(interposer::ledger(), interposer::Ledger{});
         world::remove(900);
-        world::remove(901);
         set_functions::reset();
     }
 };
 
 // The merge tree ----------------------------------------------------------------------------------
 
-// Lets evals go on in this order of their objects only.
-void force_order(std::vector<unsigned int> order) {
-    auto turn = std::make_shared<std::size_t>(0);
-    script().on_eval = [order = std::move(order), turn](unsigned int object) {
-        scheduler.wait_until([&] { return order[*turn] == object; });
-        ++*turn;
-    };
-}
-
 class MergeTree : public Schedules {
 protected:
     void SetUp() override {
         Schedules::SetUp();
         set_up_workers();
-        put_objects(9);
+        all_keys = put_objects(9);
     }
 
     // One request of 2 to 9 keys, with failing and silent functions. Each function knows where it
     // runs, also when it merges for another key than its thread has evaluated.
     static void run_one(Seed seed) {
         Rng rng(seed);
-        const unsigned int n = 2 + static_cast<unsigned int>(rng() % 8);
-        const bool may_fail = chance(rng, 2);
-        std::set<unsigned int> failing, silent, failing_merges;
-        for (unsigned int i = 0; i < n && may_fail; ++i) {
-            if (chance(rng, 4)) {
-                failing.insert(i);
-            } else if (chance(rng, 4)) {
-                silent.insert(i);
-            }
-            if (chance(rng, 8)) {
-                failing_merges.insert(i);
-            }
-        }
+        const auto n = static_cast<unsigned int>(2 + rng() % 8);
+        // The objects that fail and that are silent, and the merges that fail, one bit each.
+        Seed failing = 0, silent = 0, failing_merges = 0;
         if (chance(rng, 2)) {
-            std::vector<unsigned int> order(n);
-            std::iota(order.begin(), order.end(), 0u);
-            std::shuffle(order.begin(), order.end(), rng);
-            force_order(order);
+            failing = rng() & rng();
+            silent = rng() & rng();
+            failing_merges = rng() & rng() & rng();
         }
-        script().fails = [&](unsigned int object, unsigned int) {
-            return failing.contains(object);
+        const auto in = [](Seed set) {
+            return [=](unsigned int object, auto...) { return (set >> object & 1) != 0; };
         };
-        script().is_silent = [&](unsigned int object) { return silent.contains(object); };
-        script().merge_fails = [&, nth = 0u](const auto &, const auto &) mutable {
-            return failing_merges.contains(nth++);
+        script().fails = in(failing);
+        script().is_silent = in(silent);
+        script().merge_fails = [=, nth = 0u](const auto &, const auto &) mutable {
+            return (failing_merges >> nth++ & 1) != 0;
         };
         script().is_sender = [](unsigned int host_id, unsigned int) {
             return host_id == 0xABC + 5;
         };
+        if (chance(rng, 2)) { // evals go on in this order of their objects only
+            std::vector<unsigned int> order(n);
+            std::iota(order.begin(), order.end(), 0u);
+            std::shuffle(order.begin(), order.end(), rng);
+            script().on_eval = [order, turn = std::size_t{0}](unsigned int object) mutable {
+                scheduler.wait_until([&] { return order[turn] == object; });
+                ++turn;
+            };
+        }
         Completion done{};
-        std::vector<OMRA_OBJKEY> keys(n);
-        std::generate(keys.begin(), keys.end(), [i = 0ull]() mutable { return world::key(i++); });
+        const Keys keys(all_keys.begin(), all_keys.begin() + n);
         ASSERT_TRUE(
             scheduler.run(seed, {[&] { done = run_request(eval_request(5), keys); }}, 40 * n));
         const set_functions::Seen seen = set_functions::seen();
         ASSERT_EQ(seen.num_keyless_merges, 0u);
-        check_outcome(done, {.asked = set_functions::first_objects(n),
-                             .fails = [&](unsigned int object) { return failing.contains(object); },
-                             .is_silent = script().is_silent,
+        check_outcome(done, {.asked = first_objects(n),
+                             .fails = in(failing),
+                             .is_silent = in(silent),
                              .merges_may_fail = true,
                              .num_failed_merges = seen.num_failed_merges});
         check_quiet();
     }
+
+    static inline Keys all_keys;
 };
 
 TEST_F(MergeTree, IsExactInEveryOrder) {
@@ -200,92 +188,80 @@ TEST_F(MergeTree, WithoutItsLockIsFoundWrong) {
 
 class TwoRequests : public MergeTree {
 protected:
-    // Two halves of eight objects, of which 2 and 5 fail. As those of two hosts may, both merge
-    // into the same results and exceptions objects; or they are of two invocations.
-    static void run_both(Seed seed) {
-        const bool is_shared = seed % 2 == 0;
-        const auto fails = [](unsigned int object) { return object == 2 || object == 5; };
-        script().fails = [=](unsigned int object, unsigned int) { return fails(object); };
+    // Runs two requests with four objects each. As those of two hosts may, both merge into the same
+    // results and exceptions objects; or they are of two invocations.
+    static void run_both(Seed seed, bool is_shared, BOOLEAN is_singleton, Completion (&done)[2]) {
         script().is_sender = [=](unsigned int host_id, unsigned int label) {
             return is_shared || host_id == 0xABC + label;
         };
-        Completion done[2] = {};
         const auto run_half = [&](unsigned int half) {
-            const unsigned int label = is_shared ? 0 : 5 + half;
+            const unsigned int context = 5 + half, own = is_shared ? 0 : half;
             OMRALIB_INVOKE_PARAMS params =
-                eval_request(5 + half, set_functions::object_bytes(label));
-            if (!is_shared) {
-                params.results_key = world::key(910 + half);
-                params.exceptions_key = world::key(920 + half);
-            }
-            std::vector<OMRA_OBJKEY> keys;
-            for (unsigned int i = 0; i < 4; ++i) {
-                keys.push_back(world::key(4 * half + i));
-            }
-            done[half] = run_request(params, keys);
+                eval_request(context, set_functions::object_bytes(is_shared ? 0 : context));
+            params_ext(params).is_singleton = is_singleton;
+            params.results_key = world::key(900 + 2 * own);
+            params.exceptions_key = world::key(901 + 2 * own);
+            const auto first = all_keys.begin() + 4 * half;
+            done[half] = run_request(params, {first, first + 4});
         };
         ASSERT_TRUE(scheduler.run(seed, {[&] { run_half(0); }, [&] { run_half(1); }}));
         ASSERT_EQ(set_functions::seen().num_keyless_merges, 0u);
-        for (const Completion &half : done) {
-            ASSERT_EQ(half, (Completion{3, 1}));
-        }
-        if (is_shared) {
-            check_outcome({6, 2}, {.asked = set_functions::first_objects(8), .fails = fails});
+    }
+    static void check_half(unsigned int half, const Completion &done,
+                           set_functions::Invocation its) {
+        its.asked = first_objects(4) << 4 * half;
+        check_outcome(done, its, 900 + 2 * half, 901 + 2 * half);
+    }
+
+    static void run_with_failures(Seed seed) {
+        const auto fails = [](unsigned int object, auto...) { return object == 2 || object == 5; };
+        script().fails = fails;
+        Completion done[2] = {};
+        run_both(seed, seed % 2 == 0, FALSE, done);
+        if (seed % 2 == 0) {
+            ASSERT_TRUE(done[0] == (Completion{3, 1}) && done[1] == done[0]);
+            check_outcome({6, 2}, {.asked = first_objects(8), .fails = fails});
         } else {
-            const set_functions::Objects first = set_functions::first_objects(4);
-            check_outcome(done[0], {.asked = first, .fails = fails}, 910, 920);
-            check_outcome(done[1], {.asked = first << 4, .fails = fails}, 911, 921);
+            check_half(0, done[0], {.asked = {}, .fails = fails});
+            check_half(1, done[1], {.asked = {}, .fails = fails});
         }
         check_quiet();
     }
 
-    // Only one of them runs while the other has the place; a refused one fails as a whole. Whoever
-    // is told that one is complete may start the next: the place is free by then.
+    // Only one of them runs while the other has the place; a refused one fails as a whole, and
+    // leaves the place to the other. Whoever is told that one is complete may start the next: the
+    // place is free by then.
     static void run_singletons(Seed seed) {
-        static const OMRAPMI_IDSC *const &place =
-            omrapmi_worker_state.singleton_state.pidsc_singleton;
-        Completion done[2] = {};
-        const auto run_one_of_two = [&](unsigned int which) {
-            OMRALIB_INVOKE_PARAMS params = eval_request(5 + which);
-            params_ext(params).is_singleton = 1;
-            params.results_key = world::key(910 + which);
-            done[which] = run_request(params, {world::key(which * 2), world::key(which * 2 + 1)});
+        static OMRAPMI_IDSC *const &place = omrapmi_worker_state.singleton_state.pidsc_singleton;
+        unsigned int num_running[2] = {}, num_evals = 0, num_run = 0;
+        on_complete = [&](unsigned int context) {
+            const bool runs = num_running[0] + num_running[1] != 0;
+            EXPECT_TRUE(place == nullptr ? !runs : place->params.context != context);
         };
-        on_complete = [](unsigned int context) {
-            EXPECT_TRUE(place == nullptr || place->params.context != context);
-        };
-        unsigned int num_running = 0, num_evals = 0;
         script().on_eval = [&](unsigned int object) {
-            static unsigned int runs = 0; // the bit of a request that has a running eval
-            const unsigned int bit = 1 + object / 2;
-            if (num_running == 0) {
-                runs = 0;
-            }
-            ++num_running, ++num_evals;
-            runs |= bit;
-            EXPECT_NE(runs, 3u) << "two singletons at once";
+            ++num_running[object / 4], ++num_evals;
+            EXPECT_TRUE(num_running[0] == 0 || num_running[1] == 0) << "two singletons at once";
             scheduler.point();
-            --num_running;
+            --num_running[object / 4];
         };
-        ASSERT_TRUE(scheduler.run(seed, {[&] { run_one_of_two(0); }, [&] { run_one_of_two(1); }}));
+        Completion done[2] = {};
+        run_both(seed, false, TRUE, done);
         ASSERT_EQ(place, nullptr);
-        on_complete = {};
-        unsigned int num_successful = 0;
-        for (const Completion &one : done) {
-            ASSERT_EQ(one.num_successful + one.num_failed, 2u);
-            ASSERT_NE(one.num_successful, 1u);
-            num_successful += one.num_successful;
+        for (const unsigned int half : {0u, 1u}) {
+            if (done[half] != Completion{0, 4}) {
+                check_half(half, done[half], {.asked = {}});
+                ++num_run;
+            }
         }
-        ASSERT_NE(num_successful, 0u);
-        ASSERT_EQ(num_successful, num_evals);
-        world::remove(910);
-        world::remove(911);
+        ASSERT_NE(num_run, 0u);
+        ASSERT_EQ(num_evals, 4 * num_run);
+        on_complete = {};
         check_quiet();
     }
 };
 
 TEST_F(TwoRequests, ShareWhatTheyNeed) {
-    explore(60'000 / share, run_both);
+    explore(60'000 / share, run_with_failures);
 }
 
 TEST_F(TwoRequests, SingletonsTakeTurns) {
@@ -299,6 +275,7 @@ protected:
     // Everything that sets something up, at once, with one of the set-ups failing perhaps; and a
     // request that comes while its functions are being registered. In a new process.
     static void race(Seed seed) {
+        using namespace set_functions;
         Rng rng(seed);
         const std::vector<interposer::Answer> failures[] = {
             {{"Sys_malloc", 0, std::to_string(OMRAPMI_TAG_FUNCTBL)}},
@@ -311,7 +288,7 @@ protected:
         schedules::planted.follows_script = true;
         interposer::script(failures[rng() % std::size(failures)]);
         int status[5] = {};
-        const std::vector<OMRA_OBJKEY> keys = put_objects(2);
+        const Keys keys = put_objects(2);
         Completion early = {0, 2};
         ASSERT_TRUE(
             scheduler.run(seed,

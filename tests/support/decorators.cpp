@@ -1,6 +1,8 @@
 // Every call is the inner one's, with the fate that the test has chosen for it.
 #include "support/decorators.h"
 
+#include <algorithm>
+
 namespace {
 
 // Runs `call(out)`, which fills `out` on success, and hands that over unless its answer gets lost.
@@ -55,16 +57,15 @@ store::Status DecoratedObjects::create(const store::Key &key, const store::Objec
 
 store::Status DecoratedObjects::read(const store::Key &key, bool renew,
                                      store::Content &content_out) {
-    return with_fate(fates, "read", content_out, [&](store::Content &content) {
-        return inner_->read(key, renew, content);
-    });
+    return with_fate(fates, "read", content_out,
+                     [&](store::Content &content) { return inner_->read(key, renew, content); });
 }
 
 store::Status DecoratedObjects::read_and_lock(const store::Key &key, bool renew,
                                               store::Millis its_patience, int &ticket_out,
                                               store::Content &content_out) {
     return with_fate(fates, "read_and_lock", ticket_out, [&](int &ticket) {
-        return inner_->read_and_lock(key, renew, patience.value_or(its_patience), ticket,
+        return inner_->read_and_lock(key, renew, std::min(its_patience, patience), ticket,
                                      content_out);
     });
 }
@@ -121,9 +122,8 @@ store::Status DecoratedObjects::explain(const store::Selection &selection,
 }
 
 store::Status DecoratedObjects::totals_of(std::uint32_t app_id, store::Totals &totals_out) {
-    return with_fate(fates, "totals_of", totals_out, [&](store::Totals &totals) {
-        return inner_->totals_of(app_id, totals);
-    });
+    return with_fate(fates, "totals_of", totals_out,
+                     [&](store::Totals &totals) { return inner_->totals_of(app_id, totals); });
 }
 
 store::Status DecoratedObjects::totals(store::Totals &totals_out) {
@@ -161,10 +161,9 @@ store::Status DecoratedCluster::hosts_serving(std::uint32_t app_id,
 }
 
 store::Status DecoratedCluster::hosts_serving_any(std::vector<store::HostId> &hosts_out) {
-    return with_fate(fates, "hosts_serving_any", hosts_out,
-                     [&](std::vector<store::HostId> &hosts) {
-                         return inner_->hosts_serving_any(hosts);
-                     });
+    return with_fate(fates, "hosts_serving_any", hosts_out, [&](std::vector<store::HostId> &hosts) {
+        return inner_->hosts_serving_any(hosts);
+    });
 }
 
 store::Status DecoratedCluster::plan(const store::Selection &selection,

@@ -17,8 +17,8 @@ struct Fate {
     store::Status refusal = OMRALIB_RET_SUCCESS; // when it is not carried out
 };
 inline constexpr Fate as_usual{};
-inline constexpr Fate lost{true, true};                                // done, and not known
-inline constexpr Fate never_left{false, false, OMRALIB_ERR_UNKNOWN};   // not done, and not known
+inline constexpr Fate lost{true, true};                              // done, and not known
+inline constexpr Fate never_left{false, false, OMRALIB_ERR_UNKNOWN}; // not done, and not known
 
 // Called with the operation's name, by any thread. None: everything goes as usual.
 using Fates = std::function<Fate(std::string_view operation)>;
@@ -28,8 +28,8 @@ public:
     explicit DecoratedObjects(std::unique_ptr<store::Objects> inner) : inner_(std::move(inner)) {}
 
     Fates fates;
-    // In the place of the callers' when a test's clock would have to be turned for it.
-    std::optional<store::Millis> patience = 0;
+    // At most; more than none is for tests that turn the clock while somebody waits.
+    store::Millis patience = 0;
     // Records and index values that scans have looked at.
     std::atomic<std::uint64_t> num_examined{0};
 

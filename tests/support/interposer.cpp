@@ -207,7 +207,7 @@ Result<operation> interpose(const Arguments<operation> &arguments) {
     Verdict verdict;
     if (before) {
         verdict = before({name_of<operation>, last_number(arguments),
-                          [&] { return text_of<operation>(arguments); }, is_store<operation>});
+                          [&] { return text_of<operation>(arguments); }});
     }
     Value<operation> value{};
     if (verdict.kind != Verdict::refused) {
@@ -259,7 +259,7 @@ void script(std::vector<Answer> answers) {
 Verdict scripted(const Call &call) {
     const std::string text = call.text();
     const std::lock_guard guard(state.lock);
-    if (call.is_store && text != "init") {
+    if (call.is_store() && text != "init") {
         append(state.log, text);
     }
     const auto is_meant = [&](const Answer &answer) {
@@ -270,7 +270,7 @@ Verdict scripted(const Call &call) {
     if (found == state.answers.end()) {
         return {};
     }
-    const Verdict verdict{Verdict::refused, found->answer};
+    Verdict verdict{Verdict::refused, found->answer};
     state.answers.erase(found);
     return verdict;
 }

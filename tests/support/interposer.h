@@ -58,7 +58,8 @@ struct Call {
     // Left out are the handle, pointers to memory and zeros. An object is its number, with its app
     // id in front when that is not 7; a parameters object is "params".
     std::function<std::string()> text;
-    bool is_store;
+
+    bool is_store() const { return name.starts_with("Omralib_"); }
 };
 
 // What becomes of a call.

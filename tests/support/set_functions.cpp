@@ -178,7 +178,7 @@ int eval(const char *pdata, unsigned int data_len, const char *pparams, unsigned
     result.objects.set(object % max_objects);
     const int code = give(result, ppresult_out, presult_len_out);
     if (code == 0 && its.spoil_eval) {
-        its.spoil_eval(ppresult_out, presult_len_out);
+        its.spoil_eval(nullptr, ppresult_out, presult_len_out);
     }
     return code;
 }

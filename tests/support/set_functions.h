@@ -49,9 +49,8 @@ struct Script {
     std::function<bool(unsigned int host_id, unsigned int label)> is_sender;
     std::function<void(unsigned int object)> on_eval; // runs first
     std::function<void()> on_merge;                   // runs first
-    // Run last, with what the function hands out (and the merge's source) for them to change.
-    std::function<void(char **, unsigned int *)> spoil_eval;
-    std::function<void(const char *, char **, unsigned int *)> spoil_merge;
+    // Run last, with a merge's source and what the function hands out, for them to change.
+    std::function<void(const char *, char **, unsigned int *)> spoil_eval, spoil_merge;
 };
 Script &script();
 

@@ -14,8 +14,7 @@ void open(TestClock &clock, const Options &options) {
     store::Configuration configuration;
     configuration.num_hosts = options.num_hosts;
     configuration.lock_lease = options.lock_lease;
-    store::Engine engine =
-        decorated(store::engine_kinds().front().make(clock, configuration));
+    store::Engine engine = decorated(store::engine_kinds().front().make(clock, configuration));
     decorator_of(*engine.objects).patience = options.lock_patience;
     new store::Store(std::move(engine), clock, configuration); // the process's from now on
 }
