@@ -84,7 +84,7 @@ TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
 /* On a clock that only the test turns: without a wake-up a waiter waits for ever. */
 class Waiting : public StoreTest {
 protected:
-    Waiting() { objects().patience.reset(); }
+    Waiting() { objects().patience = 5; }
 
     static int lock(OMRALIB_HANDLE hdl) {
         unsigned int len = 0;
