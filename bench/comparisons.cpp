@@ -1,3 +1,4 @@
+// The loop and the two parallel_reduces over the kernel of a workload, and what they need for it.
 #include "comparisons.h"
 
 #include <deque>

@@ -1,3 +1,5 @@
+// The kernels as user functions, which find their kernel in a global, and the invocation that is
+// timed.
 #include "invocation.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// Storing the objects of a workload with their indexes, and the queries that select some of them.
 #include "objects.h"
 
 #include <algorithm>

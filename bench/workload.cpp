@@ -1,3 +1,4 @@
+// The arithmetic of the kernels, and how many steps of work this machine does in a microsecond.
 #include "workload.h"
 
 #include <algorithm>

@@ -16,8 +16,6 @@ endfunction()
 if(PMI_SANITIZE)
     add_compile_options(-fsanitize=${PMI_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${PMI_SANITIZE})
-    # The checks that a sanitizer inserts make GCC see uninitialised variables where there are none.
-    add_compile_options($<$<C_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 
 # Debug builds check the standard library's own preconditions (indexes, empty containers) as well.

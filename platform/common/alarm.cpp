@@ -1,3 +1,7 @@
+/* The alarm's thread: started by the first call, asleep on the clock, awake for its work.
+ *
+ * The thread is the only one that raises the next moment. It does so before it works, so that a
+ * call that comes meanwhile is not lost. */
 #include "common/alarm.h"
 
 #include <csignal>
@@ -15,7 +19,7 @@ constexpr Millis retry_pause = millis_per_second;
 
 Alarm::Alarm(Clock &clock, Work work) : clock_(clock), work_(std::move(work)) {
     clock_.add_listener([this] {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         wake_.notify_all();
     });
 }
@@ -36,7 +40,7 @@ void Alarm::start() {
 }
 
 void Alarm::move_forward(Millis moment) noexcept {
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     if (stopping_ || moment >= next_.load(std::memory_order_relaxed)) {
         return;
     }
@@ -48,25 +52,28 @@ void Alarm::move_forward(Millis moment) noexcept {
     }
 }
 
-void Alarm::run() {
-    std::unique_lock lock(lock_);
-    for (;;) {
-        while (!stopping_ && clock_.now() < next_.load(std::memory_order_relaxed)) {
-            clock_.wait(lock, wake_, next_.load(std::memory_order_relaxed));
-        }
-        if (stopping_) {
-            return;
-        }
-        /* Calls from here on are for what this work may have missed. */
+/* False when the alarm is being stopped. Calls from its return on are for what the work that
+ * follows may miss. */
+bool Alarm::wait_until_due() {
+    MutexLock lock(lock_);
+    while (!stopping_ && clock_.now() < next_.load(std::memory_order_relaxed)) {
+        clock_.wait(lock.native(), wake_, next_.load(std::memory_order_relaxed));
+    }
+    if (!stopping_) {
         next_.store(never, std::memory_order_relaxed);
-        lock.unlock();
+    }
+    return !stopping_;
+}
+
+void Alarm::run() {
+    while (wait_until_due()) {
         Millis next;
         try {
             next = work_();
         } catch (const std::bad_alloc &) {
             next = clock_.now() + retry_pause;
         }
-        lock.lock();
+        const Guard guard(lock_);
         if (next < next_.load(std::memory_order_relaxed)) {
             next_.store(next, std::memory_order_relaxed);
         }
@@ -74,13 +81,15 @@ void Alarm::run() {
 }
 
 void Alarm::stop() {
+    std::thread thread;
     {
-        const std::lock_guard guard(lock_);
+        const Guard guard(lock_);
         stopping_ = true;
         wake_.notify_all();
+        thread = std::move(thread_);
     }
-    if (thread_.joinable()) {
-        thread_.join();
+    if (thread.joinable()) {
+        thread.join();
     }
 }
 

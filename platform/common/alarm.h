@@ -8,10 +8,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 #include "common/clock.h"
+#include "common/thread_safety.h"
 
 namespace platform {
 
@@ -43,8 +43,9 @@ public:
 
 private:
     void move_forward(Millis moment) noexcept;
-    void start();
+    void start() ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void run();
+    bool wait_until_due();
 
     /* Constant after set-up. */
     Clock &clock_;
@@ -53,10 +54,10 @@ private:
     /* Self-synchronised: the next moment; lowered under lock_ by anyone, raised by the thread. */
     std::atomic<Millis> next_{never};
 
-    std::mutex lock_; /* a leaf */
+    Mutex lock_; /* a leaf */
     std::condition_variable wake_;
-    bool stopping_ = false; /* guarded by lock_ */
-    std::thread thread_;    /* guarded by lock_ until stopping_ */
+    bool stopping_ ABSL_GUARDED_BY(lock_) = false;
+    std::thread thread_ ABSL_GUARDED_BY(lock_); /* none once stopping_ */
 };
 
 } // namespace platform

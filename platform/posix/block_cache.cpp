@@ -1,3 +1,4 @@
+// Where the blocks of a cache come from and go to: the C library.
 #include "block_cache.h"
 
 #include <cstdlib>

@@ -15,11 +15,11 @@
 #include "thread_memory.h"
 
 #include <limits>
-#include <mutex>
 #include <new>
 #include <type_traits>
 
 #include "check.h"
+#include "common/thread_safety.h"
 #include "exported.h"
 
 namespace sysutil {
@@ -30,8 +30,8 @@ namespace {
 
 struct Registry {
     Counters departed;
-    std::mutex mutex;
-    ThreadMemory *threads = nullptr; // guarded by mutex
+    platform::Mutex mutex;
+    ThreadMemory *threads ABSL_GUARDED_BY(mutex) = nullptr;
 };
 
 // Threads may still allocate while the process exits, so this must have no destructor to run.
@@ -40,7 +40,7 @@ static_assert(std::is_trivially_destructible_v<Registry>);
 
 constinit thread_local bool has_left = false;
 
-void unlink_record(const ThreadMemory *memory) {
+void unlink_record(const ThreadMemory *memory) ABSL_EXCLUSIVE_LOCKS_REQUIRED(registry.mutex) {
     ThreadMemory **link = &registry.threads;
     while (*link != memory)
         link = &(*link)->next;
@@ -54,7 +54,7 @@ void leave() {
     thread_memory = nullptr;
     has_left = true;
     {
-        const std::lock_guard guard(registry.mutex);
+        const platform::Guard guard(registry.mutex);
         unlink_record(memory);
         for (unsigned int tag = 0; tag < kMemTags; ++tag) {
             const Counter &from = memory->counters[tag];
@@ -87,7 +87,7 @@ ThreadMemory *enrol() {
     if (memory == nullptr)
         return nullptr;
     {
-        const std::lock_guard guard(registry.mutex);
+        const platform::Guard guard(registry.mutex);
         memory->next = registry.threads;
         registry.threads = memory;
     }
@@ -106,7 +106,7 @@ SYS_MEM_USE Sys_get_mem_use(unsigned int tag) {
     using namespace sysutil;
     if (!SYS_CHECK(tag < kMemTags))
         return {0, 0};
-    const std::lock_guard guard(registry.mutex);
+    const platform::Guard guard(registry.mutex);
     SYS_MEM_USE use{};
     const auto include = [&use](const Counter &counter) {
         use.blocks += counter.blocks.load(std::memory_order_relaxed);

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Holds docs/store.md to what it says.
+"""Holds a page to what it says.
 
-    check_doc.py DOC --program FILE    writes the program of the document (its ```cpp block) to FILE
+    check_doc.py DOC --program FILE    writes the program of the document (its first ```cpp block) to FILE
     check_doc.py DOC --run STORLIB_H   runs the commands of its ```console blocks, in one shell and an
                                        empty folder, and compares what they print; compares its table
                                        of codes with the header's

@@ -29,13 +29,6 @@ protected:
         std::filesystem::remove_all(folder_);
     }
 
-    static std::string plugin(const std::string &name) {
-        return std::string(PMI_TEST_PLUGINS "/") + name + ".so";
-    }
-    static std::string example(const std::string &name) {
-        return std::string(PMI_EXAMPLES "/") + name + ".so";
-    }
-
     static void write(const std::string &path, std::string_view content) {
         const auto parent = std::filesystem::path(path).parent_path();
         if (!parent.empty()) {
@@ -48,10 +41,14 @@ protected:
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    // Runs a line of shell in which "pmi" is the program.
+    // Runs a line of shell in which "pmi" is the program, which is $pmi, and $plugins and $examples
+    // are folders. $p is the test plug-in without faults.
     static Ran shell(const std::string &line) {
-        const std::string script = "pmi() { " PMI_PROGRAM " \"$@\"; }\n" + line;
-        write("script.sh", script);
+        write("script.sh", "pmi=" PMI_PROGRAM " plugins=" PMI_TEST_PLUGINS " examples=" PMI_EXAMPLES
+                           "\n"
+                           "p=$plugins/test_plugin_NONE.so\n"
+                           "pmi() { $pmi \"$@\"; }\n" +
+                               line);
         const int status = std::system("sh ./script.sh >out.txt 2>err.txt </dev/null");
         Ran ran{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), read("out.txt"),
                 read("err.txt")};

@@ -1,5 +1,7 @@
-/* A plug-in in plain C: finds the largest byte of all objects. */
+/* A plug-in in plain C: finds the largest byte of all objects. C takes every header. */
 #include "pmi_plugin.h"
+#include "storapp.h"
+#include "sysapp.h"
 
 static int largest_byte(const char *data, unsigned data_len, const char *params,
                         unsigned params_len, char **result, unsigned *result_len) {

@@ -1,11 +1,10 @@
-// The calls that the module makes, numbered as they come, and made to fail by number.
+// The calls that the module makes, numbered as they come, and made to fail by number: a policy of
+// the interposer.
 //
-// The linker's --wrap puts a fault point in front of every operation that can fail. Calls are
-// numbered from 1 while points are armed, over all threads together. Beside that, a ledger notes
-// what the module takes and must give back.
+// Calls that can fail are numbered from 1 while points are armed, over all threads together.
 #pragma once
 
-#include "storlib.h"
+#include "support/interposer.h"
 
 #include <string>
 #include <vector>
@@ -19,15 +18,12 @@ enum class Mode {
     host_2_dies,
     host_3_dies,
 };
-inline constexpr Mode all_modes[] = {Mode::refused, Mode::reply_lost, Mode::host_1_dies,
-                                     Mode::host_2_dies, Mode::host_3_dies};
 
 enum class Extent {
     once,
     operation, // this call and all later ones of the same operation
     all,       // this call and all later ones
 };
-inline constexpr Extent all_extents[] = {Extent::once, Extent::operation, Extent::all};
 
 // Failing memory, threads and locks do nothing but refuse; the other modes number the calls of the
 // store alone.
@@ -37,9 +33,13 @@ struct Point {
     Extent extent = Extent::once;
 };
 
-// "12:refused:once,15:host_2_dies:all" and back; an empty list for what is no such text.
+// "12:refused:once,15:host_2_dies:all" and back; throws what is no such text.
 std::string to_text(const std::vector<Point> &points);
 std::vector<Point> to_points(const std::string &text);
+
+// A code that no table has, as if from a network underneath: the answer of the store's operations,
+// where they have none of their own for a failure.
+inline constexpr int connection_lost = -199;
 
 // What happened while points were armed.
 struct Seen {
@@ -53,16 +53,10 @@ struct Seen {
 void arm(const std::vector<Point> &points, bool one_worker);
 Seen disarm();
 
-// A handle of the application, which is no call of the module.
-OMRALIB_HANDLE open_handle();
+// The operation that failed last on the calling thread since it asked last, or "".
+std::string take_failed();
 
-// What the module has taken and not given back; zero when nothing runs.
-struct Ledger {
-    int object_locks = 0; // whose tickets it has
-    int mutexes = 0;
-    int descriptors = 0; // not in their pools
-    int threads = 0;     // started, and neither waiting for work nor at their end yet
-};
-Ledger ledger();
+// The policy.
+interposer::Verdict fail_by_number(const interposer::Call &call);
 
 } // namespace faults

@@ -4,7 +4,6 @@
 
 #include "fault_points.h"
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,8 +18,10 @@ struct Scenario {
 extern const std::vector<Scenario> all;
 
 // Runs the scenario with these points armed, then checks that the module has kept nothing and works
-// as if nothing had happened. What is wrong goes to `complaint_out`.
+// as if nothing had happened. What is wrong goes to `complaint_out`; `stage_out` says what is going
+// on, for whoever finds the process hanging.
 faults::Seen run(const Scenario &scenario, unsigned int num_workers,
-                 const std::vector<faults::Point> &points, std::string &complaint_out);
+                 const std::vector<faults::Point> &points, std::string &complaint_out,
+                 const char *&stage_out);
 
 } // namespace scenarios

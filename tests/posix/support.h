@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -20,20 +19,11 @@ inline constexpr bool kSanitized = false;
 // Returns once the kernel shows a thread of this process asleep. The thread sets `tid`, 0 before,
 // to what gettid gives.
 inline void await_asleep(const std::atomic<pid_t> &tid) {
-    for (;; std::this_thread::yield()) {
-        std::ifstream file("/proc/self/task/" + std::to_string(tid) + "/stat");
-        std::string stat;
-        std::getline(file, stat);
-        const auto name_end = stat.rfind(") ");
-        if (name_end != std::string::npos && stat.at(name_end + 2) == 'S')
-            return;
+    std::string stat;
+    for (size_t name_end = std::string::npos;
+         name_end == std::string::npos || stat.at(name_end + 2) != 'S';) {
+        std::this_thread::yield();
+        std::getline(std::ifstream("/proc/self/task/" + std::to_string(tid) + "/stat"), stat);
+        name_end = stat.rfind(") ");
     }
-}
-
-// How long `func` takes at least, by the monotonic clock.
-template <typename Func>
-std::chrono::steady_clock::duration duration_of(Func func) {
-    const auto begin = std::chrono::steady_clock::now();
-    func();
-    return std::chrono::steady_clock::now() - begin;
 }

@@ -9,22 +9,17 @@
 
 namespace {
 
-struct Seen {
-    std::binary_semaphore done{0};
-    THREADID id = NULLTHREADID;
-    void *data_at_start = nullptr;
-};
+std::binary_semaphore done(0);
+THREADID own_id = NULLTHREADID;
 
 void *look_around(void *arg) {
-    auto *seen = static_cast<Seen *>(arg);
-    seen->id = Thread_myid();
-    seen->data_at_start = Thread_datap_get();
-    EXPECT_EQ(Thread_datap_set(seen), 1);
+    own_id = Thread_myid();
+    EXPECT_EQ(Thread_datap_get(), nullptr);
+    EXPECT_EQ(Thread_datap_set(arg), 1);
     // Released by a destructor: ending a thread leaves nothing behind.
     const struct Announce {
-        Seen *seen;
-        ~Announce() { seen->done.release(); }
-    } announce{seen};
+        ~Announce() { done.release(); }
+    } announce;
     Thread_end();
     ADD_FAILURE() << "ran on";
     return nullptr;
@@ -33,13 +28,11 @@ void *look_around(void *arg) {
 TEST(Thread, RunsWithItsOwnIdAndData) {
     int own_data = 0;
     EXPECT_EQ(Thread_datap_set(&own_data), 1);
-    Seen seen;
-    const THREADID id = Thread_fork(look_around, &seen);
-    ASSERT_NE(id, NULLTHREADID);
-    seen.done.acquire();
-    EXPECT_EQ(seen.id, id);
-    EXPECT_NE(seen.id, Thread_myid());
-    EXPECT_EQ(seen.data_at_start, nullptr);
+    const THREADID id = Thread_fork(look_around, &own_id);
+    done.acquire();
+    EXPECT_EQ(own_id, id);
+    EXPECT_NE(id, Thread_myid());
+    EXPECT_NE(id, NULLTHREADID);
     EXPECT_EQ(Thread_datap_get(), &own_data);
 }
 

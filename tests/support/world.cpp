@@ -16,6 +16,7 @@ void open(TestClock &clock, const Options &options) {
     configuration.lock_lease = options.lock_lease;
     store::Engine engine = decorated(store::engine_kinds().front().make(clock, configuration));
     decorator_of(*engine.objects).patience = options.lock_patience;
+    decorator_of(*engine.cluster).in_order = options.deliver_inline;
     new store::Store(std::move(engine), clock, configuration); // the process's from now on
 }
 

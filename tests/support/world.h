@@ -14,6 +14,7 @@ struct Options {
     unsigned int num_hosts = 1;
     platform::Millis lock_lease = platform::millis_per_minute;
     platform::Millis lock_patience = 0; // a clock that stands would never end a wait
+    bool deliver_inline = false;        // requests run on the thread that sends them
 };
 
 // Opens this process's store on this clock; neither is ever destroyed, since worker threads outlive

@@ -3,9 +3,9 @@
 //
 //   options -> plugin -> store -> objects (inputs) -> run -> output
 //
-// with progress beside objects, and watch beside run, which has progress and interrupt. The other
-// commands go part of the way: functions as far as the plug-in, explain as far as the objects and
-// no plug-in.
+// with progress beside objects, and supervisor beside run, which has progress and interrupt. The
+// other commands go part of the way: functions as far as the plug-in, explain as far as the objects
+// and no plug-in.
 //
 // Everything the user gave is checked before the first object is loaded.
 #include <chrono>

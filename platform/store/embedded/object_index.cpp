@@ -1,3 +1,6 @@
+/* Keeping the index of a shard: entries linked into postings and out of them, and the sorted views.
+ *
+ * A posting goes with its last entry, from the views as well; only adding may want memory. */
 #include "embedded/object_index.h"
 
 #include <algorithm>

@@ -1,3 +1,8 @@
+/* Choosing the way of a query through a shard, testing records, and telling the way to the user.
+ *
+ * In call order: for an answer QueryPlan::bind() and look_up() or test() at each shard; for an
+ * explanation QuerySurvey::add() at each shard and explain(). Both choose by expect(), which knows
+ * the indexes alone: the records themselves, expired ones too, are the shard's business. */
 #include "embedded/query_plan.h"
 
 #include <algorithm>
@@ -8,9 +13,6 @@ namespace {
 
 using Kind = Condition::Kind;
 using Field = Condition::Field;
-
-/* The cost of what cannot be looked up. */
-constexpr std::uint64_t impossible = UINT64_MAX;
 
 /* Counting starts with this many records and goes on to `patience` times as many, and so on. */
 constexpr std::uint64_t first_try = 8;
@@ -66,6 +68,24 @@ void QueryPlan::find_postings() {
     }
 }
 
+/* Calls visit(node) for every condition on the way that expect() has chosen. */
+template <typename Visit>
+void QueryPlan::follow_choice(std::size_t at, Visit visit) const {
+    visit(at);
+    switch (nodes_[at].condition->kind) {
+    case Kind::all_of:
+        follow_choice(nodes_[at].cheapest, visit);
+        break;
+    case Kind::any_of:
+        for (std::size_t part = at + 1; part < nodes_[at].end; part = nodes_[part].end) {
+            follow_choice(part, visit);
+        }
+        break;
+    case Kind::comparison:
+        break;
+    }
+}
+
 bool QueryPlan::bind(ObjectIndex &index, std::size_t num_records) {
     index_ = &index;
     sources_.clear();
@@ -73,7 +93,11 @@ bool QueryPlan::bind(ObjectIndex &index, std::size_t num_records) {
     for (std::uint64_t enough = first_try;; enough *= patience) {
         enough = std::min<std::uint64_t>(enough, num_records);
         if (expect(0, enough) < enough) {
-            choose_sources(0);
+            follow_choice(0, [this](std::size_t at) {
+                if (nodes_[at].condition->kind == Kind::comparison) {
+                    sources_.push_back(at);
+                }
+            });
             return true;
         }
         if (enough == num_records) {
@@ -125,30 +149,18 @@ std::uint64_t QueryPlan::expect_comparison(std::size_t at, std::uint64_t enough)
     if (node.is_one_value) {
         return node.posting == nullptr ? 0 : node.posting->length;
     }
+    return count_values(*node.condition, enough);
+}
+
+/* How many records have a value of a comparison with an index; counting stops at `enough`. */
+std::uint64_t QueryPlan::count_values(const Condition &comparison, std::uint64_t enough) {
     std::uint64_t sum = 0;
-    index_->visit_postings(*node.condition, [&](const Posting &posting) {
+    index_->visit_postings(comparison, [&](const Posting &posting) {
         ++num_examined_;
         sum += posting.length;
         return sum < enough;
     });
     return sum;
-}
-
-/* Follows the choices that expect() has made. */
-void QueryPlan::choose_sources(std::size_t at) {
-    switch (nodes_[at].condition->kind) {
-    case Kind::all_of:
-        choose_sources(nodes_[at].cheapest);
-        break;
-    case Kind::any_of:
-        for (std::size_t part = at + 1; part < nodes_[at].end; part = nodes_[part].end) {
-            choose_sources(part);
-        }
-        break;
-    case Kind::comparison:
-        sources_.push_back(at);
-        break;
-    }
 }
 
 /* Tests ---------------------------------------------------------------------------------------- */
@@ -207,12 +219,13 @@ bool QueryPlan::found_before(const Record &record, std::size_t num_sources) cons
 /* The survey ----------------------------------------------------------------------------------- */
 
 QuerySurvey::QuerySurvey(const Selection &selection, std::uint32_t now_s)
-    : plan_(selection, now_s), expected_(plan_.nodes_.size()) {}
+    : plan_(selection, now_s), expected_(plan_.nodes_.size()), looked_up_(plan_.nodes_.size()) {}
 
 void QuerySurvey::add(ObjectIndex &index, std::size_t num_records,
                       std::span<const Record *const> examples) {
-    plan_.index_ = &index;
-    plan_.find_postings();
+    if (plan_.bind(index, num_records)) {
+        plan_.follow_choice(0, [&](std::size_t at) { looked_up_[at] += num_records; });
+    }
     num_objects_ += num_records;
     for (std::size_t at = 0; at < expected_.size(); ++at) {
         if (plan_.nodes_[at].condition->kind == Kind::comparison) {
@@ -225,11 +238,7 @@ std::uint64_t QuerySurvey::expect_comparison(std::size_t at, std::size_t num_rec
                                              std::span<const Record *const> examples) {
     const QueryPlan::Node &node = plan_.nodes_[at];
     if (node.condition->field == Field::index) {
-        std::uint64_t sum = 0;
-        plan_.index_->visit_postings(*node.condition, [&](const Posting &posting) {
-            sum += posting.length;
-            return true;
-        });
+        const std::uint64_t sum = plan_.count_values(*node.condition, UINT64_MAX);
         return node.condition->negated ? num_records - sum : sum;
     }
     if (examples.empty()) {
@@ -256,33 +265,12 @@ std::uint64_t QuerySurvey::expected(std::size_t at) const {
     return std::min(number, num_objects_);
 }
 
-/* How many objects looking a condition up would give. */
-std::uint64_t QuerySurvey::cost(std::size_t at) const {
-    const QueryPlan::Node &node = plan_.nodes_[at];
-    if (node.condition->kind == Kind::comparison) {
-        return can_look_up(*node.condition) ? expected_[at] : impossible;
-    }
-    const bool all = node.condition->kind == Kind::all_of;
-    std::uint64_t number = all ? impossible : 0;
-    for (std::size_t part = at + 1; part < node.end; part = plan_.nodes_[part].end) {
-        const std::uint64_t part_cost = cost(part);
-        if (all) {
-            number = std::min(number, part_cost);
-        } else {
-            number =
-                part_cost == impossible || number == impossible ? impossible : number + part_cost;
-        }
-    }
-    return number;
-}
-
 Explanation QuerySurvey::explain() const {
     Explanation explanation;
     explanation.num_objects = num_objects_;
     explanation.expected = expected(0);
-    const std::uint64_t root_cost = cost(0);
-    const bool look_up = root_cost != impossible && (root_cost < num_objects_ || root_cost == 0);
-    const auto access = look_up ? Explanation::Access::looked_up : Explanation::Access::scanned;
+    const auto access = 2 * looked_up_.front() > num_objects_ ? Explanation::Access::looked_up
+                                                              : Explanation::Access::scanned;
     if (plan_.nodes_.front().condition->kind == Kind::all_of) {
         describe_parts(0, 0, access, explanation);
     } else {
@@ -298,25 +286,27 @@ void QuerySurvey::describe(std::size_t at, unsigned int level, Explanation::Acce
     describe_parts(at, level + 1, access, explanation);
 }
 
-/* The cheapest part first; of an all_of that is looked up, only this one is, and the others are
- * tested. */
+/* In the order of their use, which is that of the objects they give. Of an all_of that is looked
+ * up, only one part is, for most objects; it comes first, and the others are tested. */
 void QuerySurvey::describe_parts(std::size_t at, unsigned int level, Explanation::Access access,
                                  Explanation &explanation) const {
     std::vector<std::size_t> parts;
     for (std::size_t part = at + 1; part < plan_.nodes_[at].end; part = plan_.nodes_[part].end) {
         parts.push_back(part);
     }
-    const auto rank = [&](std::size_t part) {
-        const std::uint64_t look_up_cost =
-            access == Explanation::Access::looked_up ? cost(part) : impossible;
-        return std::pair(look_up_cost, expected(part));
-    };
     std::stable_sort(parts.begin(), parts.end(),
-                     [&](std::size_t a, std::size_t b) { return rank(a) < rank(b); });
-    const bool all = plan_.nodes_[at].condition->kind == Kind::all_of;
+                     [&](std::size_t a, std::size_t b) { return expected(a) < expected(b); });
+    const bool one_is_looked_up = plan_.nodes_[at].condition->kind == Kind::all_of &&
+                                  access == Explanation::Access::looked_up;
+    if (one_is_looked_up) {
+        const auto chosen =
+            std::max_element(parts.begin(), parts.end(), [&](std::size_t a, std::size_t b) {
+                return looked_up_[a] < looked_up_[b];
+            });
+        std::rotate(parts.begin(), chosen, chosen + 1);
+    }
     for (const std::size_t part : parts) {
-        const bool only_tested =
-            all && access == Explanation::Access::looked_up && part != parts.front();
+        const bool only_tested = one_is_looked_up && part != parts.front();
         describe(part, level, only_tested ? Explanation::Access::tested : access, explanation);
     }
 }

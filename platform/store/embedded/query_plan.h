@@ -10,8 +10,11 @@
  *
  * A QueryPlan is made once for a query and then bound to one shard after the other, whose locks
  * guard what it does there. Counting stops where a cheaper way is known, so that planning never
- * costs more than answering does. A QuerySurvey counts to the end instead and adds the shards up,
- * to say which way a query would go. */
+ * costs more than answering does.
+ *
+ * A QuerySurvey says which way a query would go. It asks the plan for its choice at every shard and
+ * describes the way by which most objects would be looked for; of its own it only counts how many
+ * objects each condition holds for, which decides nothing. */
 #pragma once
 
 #include <cstdint>
@@ -87,11 +90,13 @@ private:
 
     void add_nodes(const Condition &condition);
     void find_postings();
+    std::uint64_t count_values(const Condition &comparison, std::uint64_t enough);
     std::uint64_t expect(std::size_t at, std::uint64_t enough);
     std::uint64_t expect_all_of(std::size_t at, std::uint64_t enough);
     std::uint64_t expect_any_of(std::size_t at, std::uint64_t enough);
     std::uint64_t expect_comparison(std::size_t at, std::uint64_t enough);
-    void choose_sources(std::size_t at);
+    template <typename Visit>
+    void follow_choice(std::size_t at, Visit visit) const;
 
     bool holds(const Node &node, const Record &record) const;
     bool comparison_holds(const Node &node, const Record &record) const;
@@ -121,15 +126,17 @@ private:
     std::uint64_t expect_comparison(std::size_t at, std::size_t num_records,
                                     std::span<const Record *const> examples);
     std::uint64_t expected(std::size_t at) const;
-    std::uint64_t cost(std::size_t at) const;
     void describe(std::size_t at, unsigned int level, Explanation::Access access,
                   Explanation &explanation) const;
     void describe_parts(std::size_t at, unsigned int level, Explanation::Access access,
                         Explanation &explanation) const;
 
     QueryPlan plan_;
-    std::vector<std::uint64_t> expected_; /* of the comparisons, by node */
     std::uint64_t num_objects_ = 0;
+
+    /* By node. */
+    std::vector<std::uint64_t> expected_;  /* of the comparisons */
+    std::vector<std::uint64_t> looked_up_; /* objects of the shards that are searched this way */
 };
 
 } // namespace store

@@ -1,3 +1,5 @@
+// Opening and reading files whose names come from the user: what cannot be read becomes an error
+// that names the file.
 #include "cli/files.h"
 
 #include <cerrno>

@@ -1,3 +1,5 @@
+// The handler of SIGINT. It sets a flag, or ends the process by the signal itself, which are things
+// that a signal handler may do.
 #include "cli/interrupt.h"
 
 #include <atomic>

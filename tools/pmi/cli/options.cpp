@@ -1,3 +1,5 @@
+// The commands, their options and the help texts. CLI11 reads them; what takes several options or a
+// syntax of our own is checked behind it, with messages of the same kind.
 #include "cli/options.h"
 
 #include <algorithm>
@@ -56,6 +58,8 @@ constexpr const char *kHelp = R"(Examples:
   pmi run ./word_frequencies.so /usr/include
   pmi explain --query 'index0 = "h" and size > 4096' /usr/include
   pmi run --help)";
+
+constexpr unsigned int kMaxHosts = 64; // as OMRALIB_CONFIG allows
 
 // A check for CLI11: a whole number from `min` to `max`.
 CLI::Validator number(std::uint64_t min, std::uint64_t max) {
@@ -175,7 +179,7 @@ CLI::Option *add_input_options(CLI::App &command, Options &options,
     command.add_option("--hosts", options.num_hosts, "Hosts that the store plays")
         ->type_name("N")
         ->capture_default_str()
-        ->check(number(1, std::numeric_limits<unsigned int>::max()));
+        ->check(number(1, kMaxHosts));
     command
         .add_option_function<std::string>(
             "--memory-limit",

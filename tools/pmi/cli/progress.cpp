@@ -1,3 +1,4 @@
+// Drawing the line of progress: not too often, and a last time when it is over.
 #include "cli/progress.h"
 
 #include <algorithm>

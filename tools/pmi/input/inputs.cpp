@@ -1,3 +1,5 @@
+// Cutting the input: directories into files, files into lines or paragraphs or left whole. Only one
+// piece is in memory at a time.
 #include "input/inputs.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Results, exceptions and figures, as text, as JSON or raw. A code is printed with the name and the
+// text that its owner has for it: the plug-in, the module or the store.
 #include "run/output.h"
 
 #include <algorithm>

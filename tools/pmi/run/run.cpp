@@ -1,3 +1,5 @@
+// Registering the functions of a plug-in, starting the worker, and one call of the module under a
+// supervisor. An invocation that fails, or is cancelled, is an exception.
 #include "run/run.h"
 
 #include <algorithm>
@@ -6,7 +8,7 @@
 #include <fmt/format.h>
 
 #include "cli/error.h"
-#include "run/watch.h"
+#include "run/supervisor.h"
 
 namespace pmi_cli {
 
@@ -50,14 +52,14 @@ OMRAPMI_INVOKE_ARGS make_args(const Function &eval, const Function &merge,
 std::string invoke(const StoreHandle &handle, OMRAPMI_INVOKE_ARGS &args, const Options &options) {
     OMRAPMI_INVOKE_EXT_ARGS ext{};
     ext.event_app_id = kAppId;
-    const InvocationWatch watch(handle, options.lost_host);
+    const InvocationSupervisor supervisor(handle, options.lost_host);
     const int status = Omrapmi_invoke_ext(handle.get(), &args, &ext);
     if (status == OMRALIB_ERR_CANCELLED) {
-        throw Cancelled(fmt::format("cancelled: {} done, {} failed", watch.objects_done(),
-                                    watch.progress().num_failed));
+        throw Cancelled(fmt::format("cancelled: {} done, {} failed", supervisor.objects_done(),
+                                    supervisor.progress().num_failed));
     }
     check_status(status, "the invocation failed");
-    return watch.lost_host_text();
+    return supervisor.lost_host_text();
 }
 
 } // namespace

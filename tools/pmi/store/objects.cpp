@@ -1,3 +1,5 @@
+// Loading the pieces of the input under keys made of their numbers, with the indexes that
+// --index-from names, and turning --index into a query of the module.
 #include "store/objects.h"
 
 #include <algorithm>

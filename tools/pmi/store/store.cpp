@@ -1,3 +1,5 @@
+// The store's calls with errors that users need: a query that is refused is shown with a mark where
+// it went wrong, any other failure with the name and the text of its code.
 #include "store/store.h"
 
 #include <algorithm>

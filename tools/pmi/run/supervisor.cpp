@@ -1,25 +1,27 @@
-#include "run/watch.h"
+// The store reports progress on the invoking thread; every report is the occasion to look at the
+// interrupt note and at --lose-host, and to draw the line. Nothing here has a thread of its own.
+#include "run/supervisor.h"
 
 #include <fmt/format.h>
 
 namespace pmi_cli {
 
-InvocationWatch::InvocationWatch(const StoreHandle &handle,
-                                 const std::optional<LostHost> &lost_host)
+InvocationSupervisor::InvocationSupervisor(const StoreHandle &handle,
+                                           const std::optional<LostHost> &lost_host)
     : handle_(handle), lost_host_(lost_host) {
-    const auto take_progress = [](const OMRALIB_PROGRESS *progress, void *watch) {
-        static_cast<InvocationWatch *>(watch)->take(*progress);
+    const auto take_progress = [](const OMRALIB_PROGRESS *progress, void *supervisor) {
+        static_cast<InvocationSupervisor *>(supervisor)->take(*progress);
     };
     check_status(Omralib_set_progress_func(handle_.get(), take_progress, this),
                  "the progress cannot be watched");
 }
 
-InvocationWatch::~InvocationWatch() {
+InvocationSupervisor::~InvocationSupervisor() {
     Omralib_set_progress_func(handle_.get(), nullptr, nullptr);
     line_.finish(text(), progress_.num_done);
 }
 
-void InvocationWatch::take(const OMRALIB_PROGRESS &progress) {
+void InvocationSupervisor::take(const OMRALIB_PROGRESS &progress) {
     if (cancelled_) {
         return; // what hosts drop now has not been done
     }
@@ -34,7 +36,7 @@ void InvocationWatch::take(const OMRALIB_PROGRESS &progress) {
     }
 }
 
-void InvocationWatch::lose_host() {
+void InvocationSupervisor::lose_host() {
     const bool running = progress_.num_hosts_done < progress_.num_hosts;
     if (lost_host_ && lost_after_.empty() && running &&
         progress_.num_done * 100 >= progress_.num_matched * lost_host_->percent) {
@@ -43,16 +45,16 @@ void InvocationWatch::lose_host() {
     }
 }
 
-std::string InvocationWatch::objects_done() const {
+std::string InvocationSupervisor::objects_done() const {
     return fmt::format("{} of {} objects", progress_.num_done, progress_.num_matched);
 }
 
-std::string InvocationWatch::text() const {
+std::string InvocationSupervisor::text() const {
     return fmt::format("evaluated {}, {} failed, {} of {} hosts", objects_done(),
                        progress_.num_failed, progress_.num_hosts_done, progress_.num_hosts);
 }
 
-std::string InvocationWatch::lost_host_text() const {
+std::string InvocationSupervisor::lost_host_text() const {
     if (!lost_host_) {
         return "";
     }

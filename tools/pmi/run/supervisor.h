@@ -14,14 +14,14 @@
 
 namespace pmi_cli {
 
-// Watches the invocations on a handle as long as it lives. Used by the invoking thread, on which
+// Attends to the invocations on a handle as long as it lives. Used by the invoking thread, on which
 // the store calls it, too.
-class InvocationWatch {
+class InvocationSupervisor {
 public:
-    InvocationWatch(const StoreHandle &handle, const std::optional<LostHost> &lost_host);
-    InvocationWatch(const InvocationWatch &) = delete;
-    InvocationWatch &operator=(const InvocationWatch &) = delete;
-    ~InvocationWatch();
+    InvocationSupervisor(const StoreHandle &handle, const std::optional<LostHost> &lost_host);
+    InvocationSupervisor(const InvocationSupervisor &) = delete;
+    InvocationSupervisor &operator=(const InvocationSupervisor &) = delete;
+    ~InvocationSupervisor();
 
     // How far the invocation is; of a cancelled one, how far it was then.
     const OMRALIB_PROGRESS &progress() const { return progress_; }

@@ -1,0 +1,207 @@
+// The plug-ins of these tests. FAULT names what is wrong with one:
+//   NONE    nothing: user functions that return and throw whatever there is, and that steer the run
+//           that they are part of
+//   BARE    nothing either, but it offers no printer and no texts
+//   others  it must be refused
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+#include "pmi_plugin.hpp"
+#include "storapp.h"
+
+namespace {
+
+enum { NONE, BARE, SAME_ID, SAME_NAME, ID_64, NOTHING, OTHER_VERSION, NULL_FUNCTION, NO_MERGE };
+
+std::string give(std::size_t number) {
+    return {reinterpret_cast<const char *>(&number), sizeof number};
+}
+
+std::size_t take(std::string_view bytes) {
+    std::size_t number = 0;
+    std::memcpy(&number, bytes.data(), sizeof number);
+    return number;
+}
+
+std::string length(const pmi::Object &object) {
+    if (object.data.starts_with('f')) {
+        throw pmi::Failure(7);
+    }
+    return give(object.data.size() + object.params.size());
+}
+
+std::string once(const pmi::Object &object) {
+    return give(1000 + object.params.size());
+}
+
+std::string line(const pmi::Object &object) {
+    return std::string(object.data) + "\n";
+}
+
+std::vector<std::byte> copy(const pmi::Object &object) {
+    return {object.bytes().begin(), object.bytes().end()};
+}
+
+// Objects a to h come to every end that there is.
+std::optional<std::string> throwing(const pmi::Object &object) {
+    switch (object.data.front()) {
+    case 'a':
+        throw pmi::Failure(5);
+    case 'b':
+        throw std::runtime_error("unexpected");
+    case 'c':
+        throw 42;
+    case 'd':
+        throw std::bad_alloc();
+    case 'e':
+        throw pmi::Failure(0);
+    case 'f':
+        return std::nullopt;
+    default:
+        return std::string(object.data);
+    }
+}
+
+void nothing(const pmi::Object &) {}
+
+void park(const pmi::Object &) {
+    for (;;) {
+        pause();
+    }
+}
+
+void interrupt(const pmi::Object &object) {
+    static std::atomic_flag interrupted;
+    if (!interrupted.test_and_set()) {
+        std::raise(SIGINT);
+    }
+    park(object);
+}
+
+// The first objects are evaluated at once, all others when a host's request has gone to another.
+std::string line_after_loss(const pmi::Object &object) {
+    static std::atomic<int> num_calls = 0;
+    OMRALIB_STATS stats{};
+    if (++num_calls > 10) {
+        while (Omralib_get_stats(&stats) == OMRALIB_RET_SUCCESS && stats.num_retries == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    return line(object);
+}
+
+void sum(std::span<char> into, std::string_view from) {
+    const std::string merged = give(take({into.data(), into.size()}) + take(from));
+    std::copy(merged.begin(), merged.end(), into.begin());
+}
+
+void refuse(std::span<char>, std::string_view) {
+    throw pmi::Failure(9);
+}
+
+// Keeps the smaller one: in place while the lengths agree, else anew.
+std::optional<std::string> smaller(std::span<char> into, std::string_view from) {
+    const std::string_view old(into.data(), into.size());
+    if (from >= old) {
+        return std::nullopt;
+    }
+    if (from.size() != old.size()) {
+        return std::string(from);
+    }
+    std::memcpy(into.data(), from.data(), from.size());
+    return std::nullopt;
+}
+
+std::string empty(std::string_view, std::string_view) {
+    return {};
+}
+
+// The lines of both, sorted: one that is lost or counted twice shows.
+std::string unite(std::string_view into, std::string_view from) {
+    std::vector<std::string_view> lines;
+    for (std::string_view rest : {into, from}) {
+        while (!rest.empty()) {
+            lines.push_back(rest.substr(0, rest.find('\n') + 1));
+            rest.remove_prefix(lines.back().size());
+        }
+    }
+    std::sort(lines.begin(), lines.end());
+    std::string united;
+    for (const std::string_view one : lines) {
+        united += one;
+    }
+    return united;
+}
+
+// Offers a table of numbers and nothing else.
+std::string print(const pmi::Result &result) {
+    if (result.json() || result.data().size() != sizeof(std::size_t)) {
+        throw pmi::Failure(1);
+    }
+    return "total " + std::to_string(take(result.data())) + "\n";
+}
+
+const char *code_text(int code) {
+    return code == 7 ? "the object starts with f" : nullptr;
+}
+
+void add_all(pmi::Plugin &plugin) {
+    plugin.eval<length>(0, "length", "The length of an object and of the parameters");
+    plugin.merge<sum>(1, "sum", "Adds lengths");
+    plugin.invoke_once<once>(2, "once", "1000 and the length of the parameters");
+    plugin.eval<copy>(3, "copy", "The object");
+    plugin.eval<line>(4, "line", "The object and a newline");
+    plugin.eval<line_after_loss>(5, "line_after_loss", "The same, once a host is lost");
+    plugin.eval<throwing>(6, "throwing", "Throws by the first letter");
+    plugin.eval<nothing>(7, "nothing", "No result");
+    plugin.eval<park>(8, "park", "Never returns");
+    plugin.eval<interrupt>(9, "interrupt", "Interrupts the program and never returns");
+    plugin.merge<refuse>(10, "refuse", "Always fails");
+    plugin.merge<smaller>(11, "smaller", "The smaller one");
+    plugin.merge<empty>(12, "empty", "Breaks the rules");
+    plugin.merge<unite>(63, "unite", "Sorts the lines");
+}
+
+} // namespace
+
+int pmi_plugin_register(PMI_REGISTRAR *preg) {
+    pmi::Plugin plugin(*preg);
+    switch (FAULT) {
+    case NONE:
+        plugin.printer<print>();
+        plugin.code_text(code_text);
+        [[fallthrough]];
+    case BARE:
+        add_all(plugin);
+        break;
+    case SAME_ID:
+        plugin.eval<line>(5, "first", "");
+        plugin.invoke_once<once>(5, "second", "");
+        break;
+    case SAME_NAME:
+        plugin.eval<line>(5, "first", "");
+        plugin.eval<line>(6, "first", "");
+        break;
+    case ID_64:
+        plugin.eval<line>(64, "first", "");
+        break;
+    case NULL_FUNCTION:
+        preg->add_merge(preg, 6, "first", "", nullptr);
+        break;
+    case OTHER_VERSION:
+        return 99;
+    case NO_MERGE:
+        plugin.eval<line>(0, "line", "");
+        break;
+    default:
+        break;
+    }
+    return int{PMI_PLUGIN_ABI};
+}
