@@ -30,10 +30,15 @@ PlayedHosts::PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, uns
             configuration(num_hosts, more)),
       random(seed), answer([](const Job &) { return OMRALIB_INVOKE_ACCEPTED; }),
       before_step([](Job &) {}), merge_fails([] { return false; }),
+      loses_answer([] { return false; }),
       turn([this](store::Millis deadline) { take_turn(deadline); }) {
     cluster().in_order = true;
     cluster().on_receive = [this](const store::Request &request) {
         receiving_ = request.share.host.number;
+    };
+    objects().fates = cluster().fates = [this](std::string_view operation) {
+        const bool may_be_lost = is_invoking_ && (!is_at_work_ || operation == "reply");
+        return may_be_lost && loses_answer() ? (pick(2) == 0 ? lost : never_left) : as_usual;
     };
     played = this;
     clock.on_wait = [this](store::Millis deadline) { turn(deadline); };
@@ -113,6 +118,7 @@ void PlayedHosts::step(std::list<Job>::iterator job) {
     if (job->is_stuck) {
         return;
     }
+    is_at_work_ = true;
     switch (++job->num_steps) {
     case 1:
         compute(*job);
@@ -130,6 +136,7 @@ void PlayedHosts::step(std::list<Job>::iterator job) {
         }
         jobs.erase(job);
     }
+    is_at_work_ = false;
 }
 
 void PlayedHosts::finish_zombies() {
@@ -207,16 +214,13 @@ void PlayedHosts::report(Job &job) {
 /* Invocations ---------------------------------------------------------------------------------- */
 
 Outcome PlayedHosts::invoke(unsigned int timeout_s, OMRALIB_HANDLE its_hdl) {
-    OMRA_INDEX_HDR header{};
-    header.reserved = OMRALIB_INDEX_OP_INVOKE;
-    header.app_id = data_app;
-    header.reserved2 = event_app;
+    OMRA_INDEX_HDR header = make_header(data_app, event_app);
     header.invoke_timeout = timeout_s;
-    unsigned int len = 0;
     Outcome outcome;
-    outcome.status = Omralib_invoke(its_hdl, 0, &header, sizeof header, &len);
+    is_invoking_ = true;
+    outcome.status = ::invoke(its_hdl, header, "", outcome.result);
+    is_invoking_ = false;
     if (outcome.status == OMRALIB_RET_SUCCESS) {
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(its_hdl, &outcome.result, len));
         take_objects(its_hdl, outcome);
     }
     return outcome;

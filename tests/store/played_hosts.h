@@ -1,5 +1,6 @@
 /* Hosts whose work a test carries out in small steps, on the invoking thread itself: whenever the
- * invocation would sleep, the test decides what happens next. So a run has one order of events and a clock that moves when the test says so; with the same seed it is the same run.
+ * invocation would sleep, the test decides what happens next. So a run has one order of events and
+ * a clock that moves when the test says so; with the same seed it is the same run.
  *
  * The hosts behave like the module: they store the results object of a request or merge into the
  * one that is there, then the exceptions, then they report. An object is evaluated to its number;
@@ -10,7 +11,6 @@
 #include <functional>
 #include <list>
 #include <random>
-#include <thread>
 
 #include "store_test.h"
 
@@ -85,9 +85,10 @@ public:
     int num_jobs = 0;    /* ever accepted */
 
     /* The test's part; each has a default. */
-    std::function<int(const Job &job)> answer;        /* of the invoke callback */
-    std::function<void(Job &job)> before_step;        /* may kill the job's host */
-    std::function<bool()> merge_fails;                /* the user's merge function */
+    std::function<int(const Job &job)> answer; /* of the invoke callback */
+    std::function<void(Job &job)> before_step; /* may kill the job's host */
+    std::function<bool()> merge_fails;         /* the user's merge function */
+    std::function<bool()> loses_answer;        /* of a call by the invocation, or of a reply */
     std::function<void(store::Millis deadline)> turn; /* a step of a job, or time passes */
 
 private:
@@ -102,4 +103,6 @@ private:
     void take_objects(OMRALIB_HANDLE its_hdl, Outcome &outcome);
 
     std::uint32_t receiving_ = 0; /* the host whose callback runs */
+    bool is_invoking_ = false;
+    bool is_at_work_ = false; /* a host */
 };

@@ -50,3 +50,31 @@ unsigned long long count(OMRALIB_HANDLE hdl, unsigned int app_id) {
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_count_objs(hdl, app_id, &num));
     return num;
 }
+
+OMRA_INDEX_HDR make_header(unsigned int app_id, unsigned int event_app_id) {
+    OMRA_INDEX_HDR header{};
+    header.reserved = OMRALIB_INDEX_OP_INVOKE;
+    header.app_id = app_id;
+    header.reserved2 = event_app_id;
+    return header;
+}
+
+int invoke(OMRALIB_HANDLE hdl, const OMRA_INDEX_HDR &header, std::string_view query,
+           OMRA_INVOKE_RESULT &result_out) {
+    std::string request(reinterpret_cast<const char *>(&header), sizeof header);
+    request += query;
+    unsigned int len = 0;
+    const int status =
+        Omralib_invoke(hdl, 0, request.data(), static_cast<unsigned int>(request.size()), &len);
+    if (status == OMRALIB_RET_SUCCESS) {
+        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(hdl, &result_out, sizeof result_out));
+        EXPECT_EQ(OMRALIB_INDEX_OP_INVOKE, result_out.reserved);
+    }
+    return status;
+}
+
+std::string error_text(OMRALIB_HANDLE hdl) {
+    char text[200];
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_error_text(hdl, text, sizeof text));
+    return text;
+}

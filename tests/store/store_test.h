@@ -40,8 +40,8 @@ protected:
         hdl_ = Omralib_open_ext("store test guid");
     }
 
-    /* Reading under lock waits for no other holder, because that would be waiting for the clock to be
-     * turned; a test that wants it to sets its patience. */
+    /* Reading under lock waits for no other holder, because that would be waiting for the clock to
+     * be turned; a test that wants it to sets its patience. */
     DecoratedObjects &objects() { return decorator_of(store_.objects()); }
     DecoratedCluster &cluster() { return decorator_of(store_.cluster()); }
 
@@ -93,3 +93,13 @@ std::string fetch(OMRALIB_HANDLE hdl, unsigned int len);
 int update(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, int ticket, std::string_view data, bool unlock);
 
 unsigned long long count(OMRALIB_HANDLE hdl, unsigned int app_id);
+
+/* The header of a request for the objects of `app_id`, served by those who handle `event_app_id`.
+ */
+OMRA_INDEX_HDR make_header(unsigned int app_id, unsigned int event_app_id);
+
+/* With this header and what follows it; fetches the result. */
+int invoke(OMRALIB_HANDLE hdl, const OMRA_INDEX_HDR &header, std::string_view query,
+           OMRA_INVOKE_RESULT &result_out);
+
+std::string error_text(OMRALIB_HANDLE hdl);

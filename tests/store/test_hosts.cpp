@@ -1,5 +1,9 @@
-/* Invocations over many hosts, which refuse, are silent and die: whatever happens, an object's
- * result counts once, and what was lost is counted as failed. */
+/* Invocations over many hosts, which refuse, are silent and die, while answers get lost: whatever
+ * happens, an object's result counts once, and what was lost is counted as failed.
+ *
+ * A failure of the random runs prints the seed that brings it back: STORE_HOSTS_SEED=... test_store
+ */
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 
@@ -7,7 +11,8 @@
 
 namespace {
 
-using std::uint32_t;
+using store::Millis;
+using store::millis_per_minute;
 using store::millis_per_second;
 
 constexpr unsigned long long num_objects = 60;
@@ -26,7 +31,7 @@ std::vector<unsigned long long> numbers(unsigned long long num, bool failing) {
 }
 
 /* What one host that never fails would have answered. */
-void expect_exact(const Outcome &outcome, unsigned long long num) {
+void expect_exact(const Outcome &outcome, unsigned long long num = num_objects) {
     ASSERT_EQ(OMRALIB_RET_SUCCESS, outcome.status);
     EXPECT_EQ(numbers(num, false), outcome.evaluated);
     EXPECT_EQ(numbers(num, true), outcome.failed);
@@ -39,7 +44,7 @@ void expect_exact(const Outcome &outcome, unsigned long long num) {
 
 /* What holds even when hosts fail for good: the result is that of the objects that are counted as
  * successful, each in it once. */
-void expect_consistent(const Outcome &outcome, unsigned long long num) {
+void expect_consistent(const Outcome &outcome, unsigned long long num = num_objects) {
     ASSERT_EQ(OMRALIB_RET_SUCCESS, outcome.status);
     EXPECT_EQ(num, outcome.result.num_successful + outcome.result.num_failed);
     EXPECT_EQ(outcome.result.num_successful, outcome.evaluated.size());
@@ -49,18 +54,6 @@ void expect_consistent(const Outcome &outcome, unsigned long long num) {
     }
 }
 
-TEST_P(Hosts, OneUsesTheKeysOfItsRequestAndFoldsNothing) {
-    PlayedHosts hosts(GetParam(), 1);
-    hosts.store_objects(num_objects);
-    OMRA_OBJKEY results_key{};
-    hosts.before_step = [&](Job &job) { results_key = job.params.results_key; };
-    const Outcome outcome = hosts.invoke();
-    expect_exact(outcome, num_objects);
-    EXPECT_EQ(0, memcmp(&results_key, &outcome.result.results_key, sizeof results_key));
-    EXPECT_EQ(1, hosts.num_jobs);
-    EXPECT_EQ(0u, hosts.num_temp_objects());
-}
-
 /* Results that are there at once are folded in log2 rounds: a fold of folds and so on. */
 TEST_P(Hosts, FoldPairwise) {
     constexpr unsigned long long num = 200; /* so that every host has a result */
@@ -68,7 +61,6 @@ TEST_P(Hosts, FoldPairwise) {
     hosts.store_objects(num);
     std::map<unsigned long long, int> rounds; /* by the number in the key of a results object */
     int max_rounds = 0;
-    std::size_t num_evaluating = 0;
     hosts.before_step = [&](Job &job) {
         if (job.is_fold() && job.num_steps == 0) {
             /* The oldest are folded first: no target is deeper than its source. */
@@ -77,269 +69,160 @@ TEST_P(Hosts, FoldPairwise) {
             max_rounds = std::max(max_rounds, depth);
         }
     };
-    hosts.turn = [&](store::Millis) { /* everything evaluates first, then everything folds */
-                                      num_evaluating = std::max(num_evaluating, hosts.jobs.size());
-                                      hosts.step(hosts.jobs.begin());
-    };
+    /* Everything evaluates first, then everything folds. */
+    hosts.turn = [&](Millis) { hosts.step(hosts.jobs.begin()); };
     expect_exact(hosts.invoke(), num);
-    const int num_parts = static_cast<int>(num_evaluating);
-    EXPECT_EQ(16, num_parts);
-    EXPECT_EQ(2 * num_parts - 1, hosts.num_jobs);
+    EXPECT_EQ(16 + 15, hosts.num_jobs);
+    EXPECT_EQ(15u, hosts.stats().num_folds);
     EXPECT_EQ(4, max_rounds);
-    EXPECT_EQ(static_cast<unsigned long long>(num_parts - 1), hosts.stats().num_folds);
     EXPECT_EQ(0u, hosts.num_temp_objects());
-}
-
-TEST_P(Hosts, FoldWhileAnotherIsStillEvaluating) {
-    PlayedHosts hosts(GetParam(), 4);
-    hosts.store_objects(num_objects);
-    unsigned long long folds_meanwhile = 0;
-    hosts.turn = [&](store::Millis) {
-        /* The first one sleeps as long as there is anything else to do. */
-        const Job &first = hosts.jobs.front();
-        if (hosts.jobs.size() > 1) {
-            hosts.step(std::next(hosts.jobs.begin()));
-        } else {
-            folds_meanwhile +=
-                !first.is_fold() && first.num_steps == 0 ? hosts.stats().num_folds : 0;
-            hosts.step(hosts.jobs.begin());
-        }
-    };
-    expect_exact(hosts.invoke(), num_objects);
-    EXPECT_EQ(2u, folds_meanwhile);
-    EXPECT_EQ(3u, hosts.stats().num_folds);
 }
 
 /* A host dies at every step of a request and of a fold, with and without going on as if nothing had
  * happened. */
 TEST_P(Hosts, DieAtAnyStepAndChangeNothing) {
-    for (const bool in_fold : {false, true}) {
-        for (int num_steps = 0; num_steps < 4; ++num_steps) {
-            for (const bool as_zombie : {false, true}) {
-                SCOPED_TRACE(testing::Message() << in_fold << num_steps << as_zombie);
-                PlayedHosts hosts(GetParam(), 4);
-                hosts.store_objects(num_objects);
-                std::uint32_t dead = 0;
-                hosts.before_step = [&](Job &job) {
-                    if (dead == 0 && job.is_fold() == in_fold && job.num_steps == num_steps) {
-                        dead = job.host;
-                        hosts.kill(dead, as_zombie);
-                    }
-                };
-                expect_exact(hosts.invoke(), num_objects);
-                hosts.finish_zombies();
-                EXPECT_NE(0u, dead);
-                EXPECT_GE(hosts.stats().num_retries, 1u);
-                EXPECT_EQ(0u, hosts.num_temp_objects());
-
-                /* And nothing more is sent to it. */
-                hosts.answer = [&](const Job &job) {
-                    EXPECT_NE(dead, job.host);
-                    return OMRALIB_INVOKE_ACCEPTED;
-                };
-                expect_exact(hosts.invoke(), num_objects);
+    for (int i = 0; i < 16; ++i) {
+        const bool in_fold = i % 2 != 0;
+        const bool as_zombie = i / 2 % 2 != 0;
+        const int num_steps = i / 4;
+        SCOPED_TRACE(testing::Message() << in_fold << num_steps << as_zombie);
+        PlayedHosts hosts(GetParam(), 4);
+        hosts.store_objects(num_objects);
+        std::uint32_t dead = 0;
+        hosts.before_step = [&](Job &job) {
+            if (dead == 0 && job.is_fold() == in_fold && job.num_steps == num_steps) {
+                dead = job.host;
+                hosts.kill(dead, as_zombie);
             }
-        }
+        };
+        expect_exact(hosts.invoke());
+        hosts.finish_zombies();
+        EXPECT_NE(0u, dead);
+        EXPECT_GE(hosts.stats().num_retries, 1u);
+        EXPECT_EQ(0u, hosts.num_temp_objects());
+
+        /* And nothing more is sent to it. */
+        hosts.answer = [&](const Job &job) {
+            EXPECT_NE(dead, job.host);
+            return OMRALIB_INVOKE_ACCEPTED;
+        };
+        expect_exact(hosts.invoke());
     }
-}
-
-TEST_P(Hosts, FailEverythingWhenAllAreGone) {
-    PlayedHosts hosts(GetParam(), 3);
-    hosts.store_objects(num_objects);
-    hosts.before_step = [&](Job &job) {
-        if (job.num_steps == 3) {
-            for (std::uint32_t host = 1; host <= 3; ++host) {
-                hosts.kill(host, true);
-            }
-        }
-    };
-    const Outcome outcome = hosts.invoke();
-    EXPECT_EQ(num_objects, outcome.result.num_failed);
-    EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(outcome.result.results_key));
-    EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(outcome.result.exceptions_key));
-    hosts.finish_zombies();
-    EXPECT_EQ(0u, hosts.num_temp_objects());
-    EXPECT_EQ(OMRALIB_ERR_NO_WORKER, hosts.invoke().status);
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_declare_host_gone(0));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_declare_host_gone(4));
 }
 
 TEST_P(Hosts, AreAskedAgainWithGrowingPausesThenAnotherIs) {
     PlayedHosts hosts(GetParam(), 2);
     hosts.store_objects(num_objects);
-    std::vector<store::Millis> times;
+    std::vector<Millis> pauses;
+    Millis asked_at = hosts.clock.now();
     hosts.answer = [&](const Job &job) {
-        if (job.host == 1) {
-            times.push_back(hosts.clock.now());
-            return times.size() % 2 != 0 ? OMRALIB_INVOKE_NO_KEYS : OMRALIB_INVOKE_NO_MEMORY;
+        if (job.host != 1) {
+            return OMRALIB_INVOKE_ACCEPTED;
         }
-        return OMRALIB_INVOKE_ACCEPTED;
+        pauses.push_back(hosts.clock.now() - std::exchange(asked_at, hosts.clock.now()));
+        return pauses.size() % 2 != 0 ? OMRALIB_INVOKE_NO_KEYS : OMRALIB_INVOKE_NO_MEMORY;
     };
-    hosts.turn = [&](store::Millis deadline) { /* no step takes time */
-                                               if (hosts.jobs.empty()) {
-                                                   hosts.clock.advance(deadline -
-                                                                       hosts.clock.now());
-                                               } else {
-                                                   hosts.step(hosts.jobs.begin());
-                                               }
+    hosts.turn = [&](Millis deadline) { /* no step takes time */
+                                        if (hosts.jobs.empty()) {
+                                            hosts.clock.advance(deadline - hosts.clock.now());
+                                        } else {
+                                            hosts.step(hosts.jobs.begin());
+                                        }
     };
-    expect_exact(hosts.invoke(), num_objects);
-    std::vector<store::Millis> pauses;
-    for (std::size_t i = 1; i < times.size(); ++i) {
-        pauses.push_back(times[i] - times[i - 1]);
-    }
-    EXPECT_EQ((std::vector<store::Millis>{10, 20, 40, 80, 160, 320, 640, 1000}), pauses);
-    EXPECT_EQ(times.size(), hosts.stats().num_refusals);
-    EXPECT_EQ(times.size(), hosts.stats().num_retries);
+    expect_exact(hosts.invoke());
+    EXPECT_EQ((std::vector<Millis>{0, 10, 20, 40, 80, 160, 320, 640, 1000}), pauses);
+    EXPECT_EQ(pauses.size(), hosts.stats().num_refusals);
+    EXPECT_EQ(pauses.size(), hosts.stats().num_retries);
 
     /* Any other answer is final, and a deadline ends the asking. */
-    const OMRALIB_STATS before = hosts.stats();
     hosts.answer = [](const Job &) { return -1; };
     EXPECT_EQ(num_objects, hosts.invoke().result.num_failed);
-    EXPECT_EQ(before.num_refusals + 4, hosts.stats().num_refusals);
+    EXPECT_EQ(pauses.size() + 4, hosts.stats().num_refusals);
     hosts.answer = [](const Job &) { return OMRALIB_INVOKE_NO_MEMORY; };
-    const store::Millis start = hosts.clock.now();
+    const Millis start = hosts.clock.now();
     EXPECT_EQ(OMRALIB_ERR_INVOKE_TIMEOUT, hosts.invoke(1).status);
     EXPECT_EQ(start + millis_per_second, hosts.clock.now());
     EXPECT_EQ(0u, hosts.num_temp_objects());
 }
 
-TEST_P(Hosts, GiveTheKeysOfASilentOneToOneWithNothingToDo) {
-    PlayedHosts hosts(GetParam(), 2);
-    hosts.store_objects(num_objects);
-    const store::Millis start = hosts.clock.now();
-    store::Millis moved_at = 0;
-    std::uint32_t silent = 0;
-    hosts.answer = [&](const Job &) {
-        if (silent != 0 && moved_at == 0 && hosts.clock.now() != start) {
-            moved_at = hosts.clock.now();
-        }
-        return OMRALIB_INVOKE_ACCEPTED;
+TEST_P(Hosts, AreGivenUpAsSilentOnlyWhenOthersAreNot) {
+    const Millis all_day = 1440 * millis_per_minute;
+    const struct {
+        const char *what;
+        bool all_rest; /* else only the host of the first request */
+        Millis rest;   /* before they do anything; the others take no time */
+        unsigned int timeout_s;
+        Millis end; /* of the invocation */
+        unsigned int num_retries;
+        unsigned int num_folds; /* while they rest */
+    } table[] = {
+        {"the keys of a silent one go to another", false, all_day, 10, 5 * millis_per_second, 1, 2},
+        {"all are slow", true, 9 * millis_per_second, 10, 9 * millis_per_second, 0, 0},
+        {"what is done is kept for hours", false, all_day, 0, all_day, 0, 2},
     };
-    hosts.turn = [&](store::Millis deadline) {
-        const auto job = std::find_if(hosts.jobs.begin(), hosts.jobs.end(),
-                                      [&](const Job &each) { return each.host != silent; });
-        if (silent == 0) {
-            silent = hosts.jobs.front().host;
-        } else if (job != hosts.jobs.end()) {
-            hosts.step(job);
-        } else {
-            hosts.clock.advance(deadline - hosts.clock.now());
-        }
-    };
-    expect_exact(hosts.invoke(10), num_objects);
-    EXPECT_EQ(5 * millis_per_second, moved_at - start);
-    /* It wakes up and makes its objects: nobody wants them. */
-    ASSERT_EQ(1u, hosts.jobs.size());
-    hosts.finish_zombies();
-    EXPECT_EQ(0u, hosts.num_temp_objects());
-}
-
-TEST_P(Hosts, AreLeftAloneWhileAllAreSlow) {
-    PlayedHosts hosts(GetParam(), 4);
-    hosts.store_objects(num_objects);
-    const store::Millis start = hosts.clock.now();
-    hosts.turn = [&](store::Millis deadline) {
-        if (hosts.clock.now() - start < 9 * millis_per_second) {
-            hosts.clock.advance(std::min(deadline, start + 9 * millis_per_second) -
-                                hosts.clock.now());
-        } else {
-            hosts.step(hosts.jobs.begin());
-        }
-    };
-    expect_exact(hosts.invoke(10), num_objects);
-    EXPECT_EQ(0u, hosts.stats().num_retries);
-}
-
-TEST_P(Hosts, KeepWhatIsDoneWhileTheSlowestTakesHours) {
-    PlayedHosts hosts(GetParam(), 3);
-    hosts.store_objects(num_objects);
-    const store::Millis end = hosts.clock.now() + 120 * store::millis_per_minute;
-    hosts.turn = [&](store::Millis deadline) {
-        if (hosts.jobs.size() > 1 || hosts.clock.now() >= end) {
-            hosts.step(--hosts.jobs.end());
-        } else {
-            ASSERT_NE(store::never, deadline);
-            hosts.clock.advance(deadline - hosts.clock.now());
-        }
-    };
-    expect_exact(hosts.invoke(), num_objects);
-}
-
-TEST_P(Hosts, AMergeThatFailsLosesOneResultAndSaysSo) {
-    PlayedHosts hosts(GetParam(), 4);
-    hosts.store_objects(num_objects);
-    int num_merges = 0;
-    hosts.merge_fails = [&] { return ++num_merges == 1; };
-    const Outcome outcome = hosts.invoke();
-    expect_consistent(outcome, num_objects);
-    EXPECT_LT(outcome.evaluated.size(), numbers(num_objects, false).size());
-    EXPECT_FALSE(outcome.evaluated.empty());
-    EXPECT_EQ(numbers(num_objects, true), outcome.failed);
-    EXPECT_EQ(1u, outcome.num_merge_exceptions);
-    EXPECT_EQ(2u, hosts.stats().num_folds);
-    EXPECT_EQ(0u, hosts.num_temp_objects());
-}
-
-/* A fold needs room for a copy; it waits for it a while. */
-TEST_P(Hosts, FoldWhenThereIsRoomAgain) {
-    for (const bool comes_back : {true, false}) {
-        store::Configuration configuration;
-        configuration.memory_limit = 1 << 20;
-        PlayedHosts hosts(GetParam(), 2, 0, configuration);
+    for (const auto &row : table) {
+        SCOPED_TRACE(row.what);
+        PlayedHosts hosts(GetParam(), 4);
         hosts.store_objects(num_objects);
-        unsigned long long num_ballast = 0;
-        hosts.before_step = [&](Job &job) {
-            if (!job.is_fold() && job.num_steps == 3 && hosts.jobs.size() == 1) {
-                while (put(hosts.worker, make_key(9, num_ballast), "x") == OMRALIB_RET_SUCCESS) {
-                    ++num_ballast;
-                }
+        const Millis start = hosts.clock.now();
+        std::uint32_t resting = 0;
+        std::optional<unsigned long long> num_folds;
+        hosts.turn = [&](Millis deadline) {
+            resting = resting != 0 ? resting : hosts.jobs.front().host;
+            const Millis now = hosts.clock.now();
+            const auto able = std::ranges::find_if(hosts.jobs, [&](const Job &job) {
+                return now >= start + row.rest || (!row.all_rest && job.host != resting);
+            });
+            if (able != hosts.jobs.end()) {
+                hosts.step(able);
+                return;
             }
+            num_folds = num_folds.value_or(hosts.stats().num_folds);
+            ASSERT_NE(store::never, deadline);
+            hosts.clock.advance(std::min(deadline, start + row.rest) - now);
         };
-        const auto step_at_random = hosts.turn;
-        hosts.turn = [&](store::Millis deadline) {
-            if (hosts.jobs.empty() && comes_back) {
-                for (; num_ballast > 0; --num_ballast) {
-                    Omralib_remove_obj(hosts.worker, 0, make_key(9, num_ballast - 1));
-                }
-            }
-            step_at_random(deadline);
-        };
-        const Outcome outcome = hosts.invoke();
-        if (comes_back) {
-            expect_exact(outcome, num_objects);
-        } else {
-            expect_consistent(outcome, num_objects);
-            EXPECT_FALSE(outcome.evaluated.empty());
-        }
+        expect_exact(hosts.invoke(row.timeout_s));
+        EXPECT_EQ(row.end, hosts.clock.now() - start);
+        EXPECT_EQ(row.num_retries, hosts.stats().num_retries);
+        EXPECT_EQ(row.num_folds, num_folds);
+        /* Who wakes up late makes its objects for nobody. */
+        hosts.finish_zombies();
         EXPECT_EQ(0u, hosts.num_temp_objects());
     }
 }
 
-TEST_P(Hosts, ADeadlineInTheMiddleOfFoldingLeavesNothing) {
-    PlayedHosts hosts(GetParam(), 4);
+/* A fold needs room for a copy, for which it waits a while: then a result is lost. */
+TEST_P(Hosts, CountAsFailedWhatThereIsNoRoomToFold) {
+    store::Configuration configuration;
+    configuration.memory_limit = 1 << 20;
+    PlayedHosts hosts(GetParam(), 2, 0, configuration);
     hosts.store_objects(num_objects);
     hosts.before_step = [&](Job &job) {
-        job.is_stuck = job.is_fold() && hosts.stats().num_folds == 1;
+        int status = job.num_steps == 3 && hosts.jobs.size() == 1 ? OMRALIB_RET_SUCCESS : 0;
+        for (unsigned int i = 0; status == OMRALIB_RET_SUCCESS; ++i) {
+            status = put(hosts.worker, make_key(9, i), "x");
+        }
     };
-    EXPECT_EQ(OMRALIB_ERR_INVOKE_TIMEOUT, hosts.invoke(10).status);
-    for (Job &job : hosts.jobs) {
-        job.is_stuck = false;
-    }
-    hosts.before_step = [](Job &) {};
-    hosts.finish_zombies();
+    const Outcome outcome = hosts.invoke();
+    expect_consistent(outcome);
+    EXPECT_FALSE(outcome.evaluated.empty());
+    EXPECT_LT(outcome.evaluated.size(), numbers(num_objects, false).size());
     EXPECT_EQ(0u, hosts.num_temp_objects());
 }
 
 /* Everything at once, in an order that the seed decides. */
 void run_at_random(const EngineParam &engine, unsigned int seed) {
     SCOPED_TRACE(testing::Message() << "to see it again: STORE_HOSTS_SEED=" << seed);
-    PlayedHosts hosts(engine, 1 + seed % 16, seed);
-    const unsigned long long num = hosts.pick(5) == 0 ? hosts.pick(4) : hosts.pick(80);
+    const unsigned int num_hosts = 1 + seed % 16;
+    PlayedHosts hosts(engine, num_hosts, seed);
+    /* An engine may let its hosts find their parts of very many themselves. */
+    const unsigned int bounds[] = {4, 80, 80, 80, 80, 1200};
+    const unsigned long long num = hosts.pick(bounds[hosts.pick(6)]);
     hosts.store_objects(num);
-    const std::uint32_t reliable = 1 + hosts.pick(1 + seed % 16);
+    const std::uint32_t reliable = 1 + hosts.pick(num_hosts);
     const bool has_reliable = hosts.pick(4) != 0;
     const bool merges_fail = hosts.pick(4) == 0;
+    const bool answers_get_lost = hosts.pick(4) == 0;
     const unsigned int timeout_s = hosts.pick(3) == 0 ? 10 : 0;
     const auto is_unlucky = [&](std::uint32_t host, unsigned int one_in) {
         return (host != reliable || !has_reliable) && hosts.pick(one_in) == 0;
@@ -361,24 +244,27 @@ void run_at_random(const EngineParam &engine, unsigned int seed) {
         }
     };
     hosts.merge_fails = [&] { return merges_fail && hosts.pick(3) == 0; };
+    hosts.loses_answer = [&] { return answers_get_lost && hosts.pick(30) == 0; };
     const Outcome outcome = hosts.invoke(timeout_s);
-    if (has_reliable && !merges_fail && timeout_s == 0) {
+    if (has_reliable && !merges_fail && !answers_get_lost && timeout_s == 0) {
         expect_exact(outcome, num);
-    } else if (timeout_s == 0 || outcome.status != OMRALIB_ERR_INVOKE_TIMEOUT) {
+    } else if (!(timeout_s != 0 && outcome.status == OMRALIB_ERR_INVOKE_TIMEOUT) &&
+               !(answers_get_lost && outcome.status == OMRALIB_ERR_UNKNOWN)) {
         expect_consistent(outcome, num);
     }
+    EXPECT_TRUE(num_hosts > 1 || hosts.stats().num_folds == 0);
     hosts.answer = [](const Job &) { return OMRALIB_INVOKE_ACCEPTED; };
     hosts.before_step = [](Job &) {};
     hosts.finish_zombies();
+    /* What nobody knows of goes when its time is over. */
+    hosts.clock.advance(answers_get_lost ? 5 * millis_per_minute : 0);
     EXPECT_EQ(0u, hosts.num_temp_objects());
 }
 
 TEST_P(Hosts, GiveExactResultsInAnyOrderOfEvents) {
-    if (const char *seed = std::getenv("STORE_HOSTS_SEED")) {
-        run_at_random(GetParam(), static_cast<unsigned int>(std::strtoul(seed, nullptr, 10)));
-        return;
-    }
-    for (unsigned int seed = 0; seed < 600 && !HasFailure(); ++seed) {
+    const char *given = std::getenv("STORE_HOSTS_SEED");
+    const unsigned int first = given == nullptr ? 0 : static_cast<unsigned int>(std::atoi(given));
+    for (unsigned int seed = first; seed < first + (given ? 1 : 600) && !HasFailure(); ++seed) {
         run_at_random(GetParam(), seed);
     }
 }

@@ -12,11 +12,6 @@ using store::millis_per_second;
 constexpr unsigned int event_app = 77;
 constexpr unsigned int data_app = 5;
 
-struct Answer {
-    int status = 0;
-    OMRA_INVOKE_RESULT result{};
-};
-
 /* The last request, and whose it was. */
 OMRALIB_INVOKE_PARAMS request;
 std::string served_by;
@@ -27,16 +22,6 @@ int accept(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams) {
     request = *pparams;
     accepted.release();
     return OMRALIB_INVOKE_ACCEPTED;
-}
-
-OMRA_INDEX_HDR make_header(unsigned int app_id = data_app, unsigned int event_app_id = event_app) {
-    OMRA_INDEX_HDR header{};
-    header.reserved = OMRALIB_INDEX_OP_INVOKE;
-    header.app_id = app_id;
-    header.reserved2 = event_app_id;
-    header.invoke_op = 11;
-    header.merge_op = 12;
-    return header;
 }
 
 class Invocations : public StoreTest {
@@ -51,23 +36,19 @@ protected:
         EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_start_app_event_handling(worker_, event_app));
     }
 
-    Answer invoke(const OMRA_INDEX_HDR &header, const std::string &query = "") {
-        std::string bytes(reinterpret_cast<const char *>(&header), sizeof header);
-        bytes += query;
-        unsigned int len = 0;
-        Answer answer;
-        answer.status =
-            Omralib_invoke(hdl_, 0, bytes.data(), static_cast<unsigned int>(bytes.size()), &len);
-        if (answer.status == OMRALIB_RET_SUCCESS) {
-            EXPECT_EQ(sizeof answer.result, len);
-            EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(hdl_, &answer.result, len));
-            EXPECT_EQ(OMRALIB_INDEX_OP_INVOKE, answer.result.reserved);
-        }
+    struct Answer {
+        int status;
+        OMRA_INVOKE_RESULT result;
+    };
+
+    Answer invoke(const OMRA_INDEX_HDR &header, std::string_view query = "") {
+        Answer answer{};
+        answer.status = ::invoke(hdl_, header, query, answer.result);
         return answer;
     }
 
     /* Starts an invocation on a thread of its own and waits until its request is accepted. */
-    std::future<Answer> start_invocation(const OMRA_INDEX_HDR &header = make_header()) {
+    std::future<Answer> start_invocation(const OMRA_INDEX_HDR &header) {
         auto answer = std::async(std::launch::async, [this, header] { return invoke(header); });
         accepted.acquire();
         return answer;
@@ -77,12 +58,15 @@ protected:
         return Omralib_complete_invoke(worker_, request.context, num_successful, num_failed);
     }
 
+    const OMRA_INDEX_HDR header_ = make_header(data_app, event_app);
     const OMRALIB_HANDLE worker_ = Omralib_open_ext("the worker guid ");
 };
 FOR_ALL_ENGINES(Invocations);
 
 TEST_P(Invocations, DeliverTheRequestAndAnswerWithItsCounts) {
-    OMRA_INDEX_HDR header = make_header();
+    OMRA_INDEX_HDR header = header_;
+    header.invoke_op = 11;
+    header.merge_op = 12;
     header.params_key = make_key(9, 9);
     header.immediate_params = 1;
     auto answer = start_invocation(header);
@@ -121,13 +105,13 @@ TEST_P(Invocations, CountEveryKeyOnceWhateverTheHostSays) {
         unsigned int said_successful, said_failed, successful;
     } cases[] = {{9, 0, 3}, {1, 0, 1}, {3, 3, 3}, {0, 0, 0}, {0xFFFFFFFFu, 0xFFFFFFFFu, 3}};
     for (const auto &c : cases) {
-        auto answer = start_invocation();
+        auto answer = start_invocation(header_);
         EXPECT_EQ(OMRALIB_RET_SUCCESS, complete(c.said_successful, c.said_failed));
         const Answer got = answer.get();
         EXPECT_EQ(c.successful, got.result.num_successful);
         EXPECT_EQ(3 - c.successful, got.result.num_failed);
     }
-    auto answer = start_invocation();
+    auto answer = start_invocation(header_);
     EXPECT_EQ(OMRALIB_RET_SUCCESS, put(worker_, request.results_key, "half done"));
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_flush_invoke(request.context));
     const Answer flushed = answer.get();
@@ -136,7 +120,7 @@ TEST_P(Invocations, CountEveryKeyOnceWhateverTheHostSays) {
 }
 
 TEST_P(Invocations, EndAtTheirDeadlineAndIgnoreWhatComesLate) {
-    OMRA_INDEX_HDR header = make_header();
+    OMRA_INDEX_HDR header = header_;
     header.invoke_timeout = 10;
     auto answer = start_invocation(header);
     EXPECT_EQ(OMRALIB_RET_SUCCESS, put(worker_, request.results_key, "half done"));
@@ -174,7 +158,7 @@ TEST_P(Invocations, ReachOnlyWhoServesTheAppId) {
         EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke(make_header(app_id, 78)).status);
     }
     /* Stopping ends what a handle with the same identifier has started, and only that. */
-    const OMRA_INDEX_HDR without_objects = make_header(6);
+    const OMRA_INDEX_HDR without_objects = make_header(6, event_app);
     for (const OMRALIB_HANDLE hdl : {hdl_, worker_}) {
         const Answer none = invoke(without_objects);
         EXPECT_EQ(OMRALIB_RET_SUCCESS, none.status);
@@ -183,44 +167,37 @@ TEST_P(Invocations, ReachOnlyWhoServesTheAppId) {
         EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(none.result.exceptions_key));
         EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_stop_app_event_handling(hdl, event_app));
     }
-    EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke(make_header()).status);
+    EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke(header_).status);
     EXPECT_FALSE(accepted.try_acquire());
 }
 
 TEST_P(Invocations, TellMalformedRequests) {
     unsigned int len = 0;
-    const OMRA_INDEX_HDR good = make_header();
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_invoke(hdl_, 0, &good, 103, &len));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_invoke(hdl_, 0, &header_, 103, &len));
     EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_invoke(hdl_, 0, nullptr, 104, &len));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_invoke(hdl_, 0, &good, 104, nullptr));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_invoke(hdl_, 0, &header_, 104, nullptr));
     const auto term = [](USHORT index, USHORT flags) {
         const OMRA_INDEX_SPEC spec{index, flags, make_value(1)};
         return std::string(reinterpret_cast<const char *>(&spec), sizeof spec);
     };
-    constexpr ULONG invoke_op = OMRALIB_INDEX_OP_INVOKE;
-    constexpr ULONG as_text = OMRALIB_QUERY_PASS_THROUGH;
-    const struct {
-        ULONG kind, num_index, query_kind;
-        std::string query;
-        int status;
-    } table[] = {
-        {invoke_op, 0, 0, "x", OMRALIB_ERR_BAD_ARGS},
-        {invoke_op, 1, 0, "", OMRALIB_ERR_BAD_ARGS},
-        {invoke_op, 1, 0, term(8, 0), OMRALIB_ERR_BAD_QUERY},
-        {invoke_op, 1, 0, term(0, 2), OMRALIB_ERR_BAD_QUERY},
-        {invoke_op, 1, 3, term(0, 0), OMRALIB_ERR_BAD_ARGS},
-        {invoke_op, 0x80000001, 0, term(0, 0), OMRALIB_ERR_BAD_ARGS},
-        {invoke_op, 8, as_text, "nonsense", OMRALIB_ERR_BAD_QUERY},
-        {invoke_op, 7, as_text, "nonsense", OMRALIB_ERR_BAD_ARGS},
-        {1, 0, 0, "", OMRALIB_ERR_BAD_ARGS},
+    const auto status = [&](ULONG num_index, ULONG query_kind, std::string_view query,
+                            ULONG kind = OMRALIB_INDEX_OP_INVOKE) {
+        OMRA_INDEX_HDR header = header_;
+        header.reserved = kind;
+        header.num_index = num_index;
+        header.reserved1 = query_kind;
+        return invoke(header, query).status;
     };
-    for (const auto &row : table) {
-        OMRA_INDEX_HDR header = good;
-        header.reserved = row.kind;
-        header.num_index = row.num_index;
-        header.reserved1 = row.query_kind;
-        EXPECT_EQ(row.status, invoke(header, row.query).status) << &row - table;
-    }
+    constexpr ULONG as_text = OMRALIB_QUERY_PASS_THROUGH;
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(0, 0, "x"));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(1, 0, ""));
+    EXPECT_EQ(OMRALIB_ERR_BAD_QUERY, status(1, 0, term(8, 0)));
+    EXPECT_EQ(OMRALIB_ERR_BAD_QUERY, status(1, 0, term(0, 2)));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(1, 3, term(0, 0)));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(0x80000001, 0, term(0, 0)));
+    EXPECT_EQ(OMRALIB_ERR_BAD_QUERY, status(8, as_text, "nonsense"));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(7, as_text, "nonsense"));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(0, 0, "", 1));
     EXPECT_FALSE(accepted.try_acquire());
 }
 

@@ -39,8 +39,8 @@ struct Command {
 struct ModelObject {
     std::string bytes;
     unsigned int timeout_m = 0;
-    Millis expires_at = store::never;
     std::vector<OMRA_OBJ_INDEX> values;
+    Millis expires_at = store::never;
     int ticket = 0;
     Millis locked_until = 0; /* `never` while an open handle holds the lock */
 };
@@ -61,7 +61,7 @@ public:
     static const std::vector<Operation> operations;
 
     explicit ModelRun(std::uint64_t memory_limit)
-        : StoreTest(limited(memory_limit)), limit_(memory_limit) {
+        : StoreTest(configured(memory_limit)), limit_(memory_limit) {
         OMRALIB_CB cb;
         cb.event_ext_cb = [](OMRA_OBJKEY, const char *, unsigned int) {
             events->release();
@@ -78,7 +78,8 @@ public:
     void execute(const Command &command) {
         handle_ = &handles_[command.handle];
         detail_ = command.detail;
-        choose(make_key(1 + command.object % 2, command.object));
+        number_ = command.object;
+        choose(some_key(0));
         (this->*operations[command.op].carry_out)();
         RC_ASSERT(Omralib_handle_ready(handle_->hdl) ==
                   (handle_->pending ? OMRALIB_ERR_OBJ_READING : OMRALIB_RET_SUCCESS));
@@ -93,7 +94,7 @@ public:
             RC_ASSERT(events->try_acquire_for(std::chrono::seconds(60)));
         }
         list();
-        stop_threads();
+        store_.cluster().detach();
         RC_ASSERT(!events->try_acquire());
         OMRALIB_STATS stats;
         RC_ASSERT(OMRALIB_RET_SUCCESS == Omralib_get_stats(&stats));
@@ -101,13 +102,23 @@ public:
     }
 
 private:
-    static store::Configuration limited(std::uint64_t memory_limit) {
+    static store::Configuration configured(std::uint64_t memory_limit) {
         store::Configuration configuration;
         configuration.memory_limit = memory_limit;
         return configuration;
     }
 
     void TestBody() override {}
+
+    /* The object of the command, or one of those after it. */
+    Key some_key(unsigned int distance) const {
+        const unsigned int number = (number_ + distance) % num_objects;
+        return make_key(1 + number % 2, number);
+    }
+
+    static std::string text_of(store::Bytes bytes) {
+        return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
+    }
 
     void choose(const Key &key) {
         key_ = key;
@@ -261,69 +272,72 @@ private:
                                                            : OMRALIB_RET_SUCCESS;
     }
 
-    using Locks = std::vector<std::pair<Key, int>>;
-
-    /* One of the handle's locks; or, with the end of them, a ticket that is worth nothing: its own
-     * of another object, another handle's, or nobody's. */
-    Locks::iterator choose_lock(int &ticket_out) {
-        Locks &mine = handle_->locks;
-        Locks &locks = detail_ % 8 == 7 ? handles_[(detail_ >> 3) % num_handles].locks : mine;
-        ticket_out = no_ticket;
+    /* Mostly that of one of the handle's locks; else one that is worth nothing: its own of another
+     * object, another handle's, or nobody's. */
+    int choose_ticket() {
+        const auto &locks = handles_[detail_ % 8 == 7 ? 0 : handle_ - handles_].locks;
         if (locks.empty()) {
-            return mine.end();
+            return no_ticket;
         }
-        const auto chosen = locks.begin() + static_cast<std::ptrdiff_t>(detail_ % locks.size());
-        ticket_out = chosen->second;
-        if (detail_ % 8 == 6 && store::order_of(chosen->first, key_) != 0) {
-            return mine.end();
+        const auto [key, ticket] = locks[detail_ % locks.size()];
+        choose(detail_ % 8 == 6 ? key_ : key);
+        return ticket;
+    }
+
+    auto find_lock(int ticket) {
+        return std::ranges::find_if(handle_->locks, [&](const auto &held) {
+            return held.second == ticket && store::order_of(held.first, key_) == 0;
+        });
+    }
+
+    int expect_held(int ticket) {
+        return find_lock(ticket) != handle_->locks.end() ? expect_lock(ticket)
+                                                         : OMRALIB_ERR_LOCK_LOST;
+    }
+
+    void note_unlocked(int ticket, int status) {
+        if (status == OMRALIB_RET_SUCCESS) {
+            object_->ticket = 0;
         }
-        choose(chosen->first);
-        return &locks == &mine ? chosen : mine.end();
+        if (const auto held = find_lock(ticket); held != handle_->locks.end()) {
+            handle_->locks.erase(held);
+        }
     }
 
     void update_locked() {
-        int ticket = 0;
-        const auto chosen = choose_lock(ticket);
-        const bool known = chosen != handle_->locks.end();
+        const int ticket = choose_ticket();
         const bool unlocking = detail_ % 3 != 0;
         const std::string data = some_bytes();
-        int expected = known ? expect_lock(ticket) : OMRALIB_ERR_LOCK_LOST;
+        int expected = expect_held(ticket);
         if (expected == OMRALIB_RET_SUCCESS && !fits(data.size(), object_->values.size())) {
             expected = OMRALIB_ERR_NO_SPACE;
         }
         RC_ASSERT(expected == update(handle_->hdl, given_key(), ticket, data, unlocking));
         if (expected == OMRALIB_RET_SUCCESS) {
             object_->bytes = data;
-            object_->ticket = unlocking ? 0 : ticket;
             use(renews());
         }
-        if (known && expected != OMRALIB_ERR_NO_SPACE &&
-            (unlocking || expected != OMRALIB_RET_SUCCESS)) {
-            handle_->locks.erase(chosen);
+        if (expected != OMRALIB_ERR_NO_SPACE && (unlocking || expected != OMRALIB_RET_SUCCESS)) {
+            note_unlocked(ticket, expected);
         }
     }
 
     void unlock() {
-        int ticket = 0;
-        const auto chosen = choose_lock(ticket);
-        const bool known = chosen != handle_->locks.end();
-        const int expected = known ? expect_lock(ticket) : OMRALIB_ERR_LOCK_LOST;
+        const int ticket = choose_ticket();
+        const int expected = expect_held(ticket);
         RC_ASSERT(expected == Omralib_unlock_obj(handle_->hdl, ticket, 0, given_key()));
-        if (expected == OMRALIB_RET_SUCCESS) {
-            object_->ticket = 0;
-        }
-        if (known) {
-            handle_->locks.erase(chosen);
-        }
+        note_unlocked(ticket, expected);
     }
 
-    /* Another host's part, which only the engine sees: it locks, and renews no lease. */
+    /* Other hosts and the invocation: what only the engine sees -------------------------------- */
+
+    /* Locks, and renews no lease. */
     void lock_and_die() {
         store::Content content;
         int ticket = 0;
-        const int status = store_.objects().read_and_lock(key_, renews(), 0, ticket, content);
-        ticket = status == OMRALIB_RET_SUCCESS ? ticket : status;
-        if (note_lock(ticket, clock_.now() + lease)) {
+        const int status = objects().read_and_lock(key_, renews(), 0, ticket, content);
+        if (note_lock(status == OMRALIB_RET_SUCCESS ? ticket : status, clock_.now() + lease)) {
+            RC_ASSERT(text_of(content.bytes()) == object_->bytes);
             dead_ = {key_, ticket};
             use(renews());
         }
@@ -338,10 +352,9 @@ private:
         if (renewing && object_ && object_->ticket == ticket && !is_locked() && ticket != 0) {
             return; /* whether a lease that is over comes back is the engine's matter */
         }
-        store::Objects &objects = store_.objects();
-        RC_ASSERT(expected == (renewing           ? objects.renew_lock(key_, ticket)
-                               : detail_ % 3 == 1 ? objects.update(key_, ticket, true, false, {})
-                                                  : objects.unlock(key_, ticket)));
+        RC_ASSERT(expected == (renewing           ? objects().renew_lock(key_, ticket)
+                               : detail_ % 3 == 1 ? objects().update(key_, ticket, true, false, {})
+                                                  : objects().unlock(key_, ticket)));
         if (expected == OMRALIB_RET_SUCCESS && renewing) {
             object_->locked_until = clock_.now() + lease;
         } else if (expected == OMRALIB_RET_SUCCESS) {
@@ -350,8 +363,70 @@ private:
         }
     }
 
-    /* Nothing comes from the store any more. */
-    void stop_threads() { store_.cluster().detach(); }
+    void touch() {
+        const int expected = object_ ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND;
+        RC_ASSERT(expected == objects().exists(key_) && expected == objects().touch(key_));
+        if (object_) {
+            use(true);
+        }
+    }
+
+    void copy() {
+        ModelObject *const source = object_;
+        const Key from = key_;
+        choose(some_key(1));
+        if (!source && object_) {
+            return; /* either is wrong */
+        }
+        const unsigned int timeout_m = (detail_ >> 4) % 4;
+        const int expected = !source                          ? OMRALIB_ERR_OBJ_NOT_FOUND
+                             : object_                        ? OMRALIB_ERR_OBJ_EXISTS
+                             : !fits(source->bytes.size(), 0) ? OMRALIB_ERR_NO_SPACE
+                                                              : OMRALIB_RET_SUCCESS;
+        RC_ASSERT(expected == objects().copy(from, key_, timeout_m));
+        if (expected == OMRALIB_RET_SUCCESS) {
+            put({source->bytes, timeout_m, {}});
+            choose(from);
+            use(true);
+        }
+    }
+
+    /* What becomes of each when there is not room for all is the engine's choice. */
+    void create_many() {
+        std::vector<store::NewObject> fresh;
+        const std::string bytes = some_bytes();
+        for (unsigned int i = 0; i < 3; ++i) {
+            fresh.push_back({some_key(i), {std::as_bytes(std::span(bytes)), detail_ % 3, {}}});
+        }
+        store::Status statuses[3];
+        const store::Status status = objects().create_many(fresh, statuses);
+        bool all = true;
+        for (unsigned int i = 0; i < 3; ++i) {
+            choose(fresh[i].key);
+            const bool may_be_full = !object_ && limit_ != store::no_memory_limit;
+            RC_ASSERT(statuses[i] == (object_ ? OMRALIB_ERR_OBJ_EXISTS
+                                      : may_be_full && statuses[i] != OMRALIB_RET_SUCCESS
+                                          ? OMRALIB_ERR_NO_SPACE
+                                          : OMRALIB_RET_SUCCESS));
+            if (statuses[i] == OMRALIB_RET_SUCCESS) {
+                RC_ASSERT(fits(bytes.size(), 0));
+                put({bytes, detail_ % 3, {}});
+            }
+            all = all && statuses[i] == OMRALIB_RET_SUCCESS;
+        }
+        RC_ASSERT((status == OMRALIB_RET_SUCCESS) == all);
+    }
+
+    void remove_many() {
+        const Key keys[] = {some_key(0), some_key(1), some_key(2)};
+        store::Status statuses[3];
+        objects().remove_many(keys, statuses);
+        for (unsigned int i = 0; i < 3; ++i) {
+            choose(keys[i]);
+            RC_ASSERT(statuses[i] == (object_ ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND));
+            objects_.erase(keys[i]);
+        }
+    }
 
     void remove() {
         RC_ASSERT((object_ ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND) ==
@@ -450,6 +525,7 @@ private:
     Key key_{};
     ModelHandle *handle_ = nullptr;
     ModelObject *object_ = nullptr;
+    unsigned int number_ = 0;
     unsigned int detail_ = 0;
 };
 
@@ -464,6 +540,10 @@ const std::vector<ModelRun::Operation> ModelRun::operations = {
     {"update", &ModelRun::update_locked},
     {"unlock", &ModelRun::unlock},
     {"remove", &ModelRun::remove},
+    {"touch", &ModelRun::touch},
+    {"copy", &ModelRun::copy},
+    {"create many", &ModelRun::create_many},
+    {"remove many", &ModelRun::remove_many},
     {"find", &ModelRun::find},
     {"list", &ModelRun::list},
     {"close", &ModelRun::close},

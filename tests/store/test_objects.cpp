@@ -76,17 +76,13 @@ TEST_P(Handles, TellImpossibleArguments) {
 
 TEST_P(Handles, KeepTheTextOfAnErrorUntilSomethingElseFails) {
     char buf[8];
-    const auto text = [&] {
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_error_text(hdl_, buf, sizeof buf));
-        return std::string(buf);
-    };
     ASSERT_EQ(OMRALIB_ERR_BAD_QUERY, Omralib_explain_query(hdl_, 1, "size <", 6, buf, 8));
-    EXPECT_EQ("at 7: e", text());
     EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_error_text(hdl_, nullptr, 3));
     EXPECT_EQ(0u, count(hdl_, 1));
-    EXPECT_EQ("at 7: e", text());
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_error_text(hdl_, buf, sizeof buf));
+    EXPECT_STREQ("at 7: e", buf);
     EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, Omralib_remove_obj(hdl_, 0, make_key(1, 2)));
-    EXPECT_EQ("", text());
+    EXPECT_EQ("", error_text(hdl_));
 }
 
 TEST_P(Objects, AreToldApartByEveryFieldOfTheirKeys) {
@@ -109,32 +105,25 @@ TEST_P(Objects, AreToldApartByEveryFieldOfTheirKeys) {
 }
 
 TEST_P(Objects, AreListedInKeyOrderAndCounted) {
-    std::vector<OMRA_OBJKEY> expected;
-    for (unsigned int app_id : {3u, 5u}) {
-        for (unsigned int i = 0; i < 300; ++i) {
-            expected.push_back(make_key(app_id, i));
-        }
-    }
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, expected[i * 7 % expected.size()], "data"));
+    for (unsigned int i = 0; i < 600; ++i) {
+        const unsigned int number = i * 7 % 600;
+        ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(3 + number / 300, number), "data"));
     }
     ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(0x30000000, 1), "reserved"));
-
-    std::vector<OMRA_OBJKEY> listed;
-    const auto append = [](const OMRA_OBJKEY *pkey, void *parg) {
-        static_cast<std::vector<OMRA_OBJKEY> *>(parg)->push_back(*pkey);
-        return 0;
+    ULONGLONG next = 0;
+    const auto is_next = [](const OMRA_OBJKEY *pkey, void *parg) {
+        EXPECT_EQ((*static_cast<ULONGLONG *>(parg))++, pkey->obj_id.u64_comp[0]);
+        return pkey->obj_id.u64_comp[0] == 500 ? 1 : 0; /* that is enough */
     };
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_list_objs(hdl_, OMRALIB_ALL_APP_IDS, append, &listed));
-    ASSERT_EQ(expected.size(), listed.size());
-    EXPECT_EQ(0, memcmp(expected.data(), listed.data(), expected.size() * sizeof expected[0]));
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_list_objs(hdl_, OMRALIB_ALL_APP_IDS, is_next, &next));
+    EXPECT_EQ(501u, next);
     EXPECT_EQ(600u, count(hdl_, OMRALIB_ALL_APP_IDS));
-    EXPECT_EQ(300u, count(hdl_, 5));
+    EXPECT_EQ(300u, count(hdl_, 4));
     EXPECT_EQ(1u, count(hdl_, 0x30000000));
-    EXPECT_EQ(0u, count(hdl_, 4));
+    EXPECT_EQ(0u, count(hdl_, 5));
 
     OMRALIB_STATS stats;
-    ASSERT_EQ("data", get(hdl_, expected[0]));
+    ASSERT_EQ("data", get(hdl_, make_key(3, 1)));
     ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_stats(&stats));
     EXPECT_EQ(601u, stats.num_objects);
     EXPECT_EQ(600u * 4 + 8, stats.num_bytes);

@@ -139,7 +139,7 @@ TEST_P(Waiting, EndsWhenTheLockIsGivenBackHoweverThatHappens) {
     EXPECT_EQ(0u, num_lock_waits());
 
     std::future<int> waiter = start_waiting(other);
-    clock_.advance(objects().patience);
+    clock_.advance(store::millis_per_second);
     EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, waiter.get());
 
     waiter = start_waiting(other);

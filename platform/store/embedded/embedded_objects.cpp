@@ -159,8 +159,14 @@ Status EmbeddedObjects::touch(const Key &key) {
 
 Status EmbeddedObjects::copy(const Key &from, const Key &to, std::uint32_t timeout_m) {
     Content content;
-    const Status status = read(from, true, content);
-    return status == OMRALIB_RET_SUCCESS ? create(to, {content.bytes(), timeout_m, {}}) : status;
+    Status status = read(from, false, content);
+    if (status == OMRALIB_RET_SUCCESS) {
+        status = create(to, {content.bytes(), timeout_m, {}});
+    }
+    if (status == OMRALIB_RET_SUCCESS) {
+        touch(from);
+    }
+    return status;
 }
 
 /* Sets of objects --------------------------------------------------------------------------------
