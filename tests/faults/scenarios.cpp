@@ -30,7 +30,7 @@ using world::app;
 constexpr unsigned int num_hosts = 3, num_objects = 7;
 constexpr unsigned int failing_object = 3; // its eval fails
 constexpr unsigned int unmergeable = 5;    // merging fails when this alone is the source
-// By a clock a thousand times as fast as the wall's. The first is for runs in which one call after
+// By a clock a hundred times as fast as the wall's. The first is for runs in which one call after
 // the other fails, and so may never come to their end; the other is never reached.
 constexpr unsigned int hasty_timeout_s = 30, patient_timeout_s = 100'000;
 
@@ -211,7 +211,7 @@ TestClock *pclock = nullptr;
 
 // Lives as long as the process: the module's threads are never told to end.
 void open_world() {
-    pclock = new TestClock(1000);
+    pclock = new TestClock(100);
     world::open(*pclock, {num_hosts, platform::millis_per_minute, 5});
     for (unsigned int object = 0; object < num_objects; ++object) {
         world::put(object, set_functions::object_bytes(object));

@@ -186,6 +186,9 @@ int Omralib_update_locked_obj(OMRALIB_HANDLE hdl, int lock_tkt, unsigned int unl
         }
         const Status status = store.objects().update(named.key, lock_tkt, unlock == 1, named.renew,
                                                      as_bytes(pdata, data_len));
+        if (status == OMRALIB_RET_SUCCESS && named.key.app_id == reserved_app_id) {
+            store.serving.requests.note_update(named.key);
+        }
         return drop_lock_if_gone(use, named.key, lock_tkt, unlock == 1, status);
     });
 }

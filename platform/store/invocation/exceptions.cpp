@@ -1,4 +1,4 @@
-/* Reading the pieces and storing them as one. */
+/* Reading the objects and storing them as one. */
 #include "invocation/exceptions.h"
 
 #include <algorithm>
@@ -7,17 +7,18 @@ namespace store {
 
 namespace {
 
-struct Piece {
+struct ReadObject {
     Key key;
     Content content;
 };
 
-Status read_pieces(TempObjects &objects, const std::vector<Key> &keys, std::vector<Piece> &pieces) {
+Status read_objects(TempObjects &objects, const std::vector<Key> &keys,
+                    std::vector<ReadObject> &read) {
     for (const Key &key : keys) {
-        Piece piece{key, {}};
-        const Status status = objects.read(key, piece.content);
+        ReadObject object{key, {}};
+        const Status status = objects.read(key, object.content);
         if (status == OMRALIB_RET_SUCCESS) {
-            pieces.push_back(std::move(piece));
+            read.push_back(std::move(object));
         } else if (status != OMRALIB_ERR_OBJ_NOT_FOUND) {
             return OMRALIB_ERR_UNKNOWN;
         }
@@ -26,12 +27,12 @@ Status read_pieces(TempObjects &objects, const std::vector<Key> &keys, std::vect
 }
 
 /* As many whole records as one object can hold. */
-std::vector<std::byte> join(const std::vector<Piece> &pieces) {
+std::vector<std::byte> join(const std::vector<ReadObject> &read) {
     constexpr std::size_t record_bytes = 48;
     constexpr std::size_t max_bytes = UINT32_MAX / record_bytes * record_bytes;
     std::vector<std::byte> joined;
-    for (const Piece &piece : pieces) {
-        const Bytes bytes = piece.content.bytes();
+    for (const ReadObject &object : read) {
+        const Bytes bytes = object.content.bytes();
         const std::size_t length = std::min(bytes.size(), max_bytes - joined.size());
         joined.insert(joined.end(), bytes.begin(), bytes.begin() + static_cast<long>(length));
     }
@@ -65,20 +66,20 @@ Status join_exceptions(TempObjects &objects, const std::vector<Key> &keys, std::
         key_out = presence == Presence::there ? keys.front() : Key{};
         return presence != Presence::unknown ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_UNKNOWN;
     }
-    std::vector<Piece> pieces;
-    const Status status = read_pieces(objects, keys, pieces);
-    if (status != OMRALIB_RET_SUCCESS || pieces.empty()) {
+    std::vector<ReadObject> read;
+    const Status status = read_objects(objects, keys, read);
+    if (status != OMRALIB_RET_SUCCESS || read.empty()) {
         return status;
     }
-    Key kept = pieces.front().key;
-    if (pieces.size() > 1) {
-        const Key key = store_joined(objects, join(pieces), timeout_m);
+    Key kept = read.front().key;
+    if (read.size() > 1) {
+        const Key key = store_joined(objects, join(read), timeout_m);
         kept = is_null(key) ? kept : key;
     }
     std::vector<Key> others;
-    for (const Piece &piece : pieces) {
-        if (order_of(piece.key, kept) != 0) {
-            others.push_back(piece.key);
+    for (const ReadObject &object : read) {
+        if (order_of(object.key, kept) != 0) {
+            others.push_back(object.key);
         }
     }
     objects.remove(others);

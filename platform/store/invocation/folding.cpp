@@ -15,7 +15,6 @@ void Folding::start() {
 Status Folding::settle(const Task &task, bool &left_exceptions_out) {
     const Fold &fold = task.fold;
     const bool done = task.state == Task::State::completed;
-    /* A host counts a merge as done although the user's function failed; its exception tells. */
     const Presence exceptions =
         done ? shared_.temp_objects.look_for(task.exceptions_key) : Presence::gone;
     if (exceptions == Presence::unknown) {

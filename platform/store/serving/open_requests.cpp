@@ -78,6 +78,15 @@ RequestProgress OpenRequests::progress_of(const HostId &sender, RequestId id) {
                               : RequestProgress{};
 }
 
+void OpenRequests::note_update(const Key &key) {
+    const Guard guard(lock_);
+    for (const auto &[context, request] : contexts_) {
+        if (request->request.is_merge && order_of(request->request.results_key, key) == 0) {
+            request->has_merged = true;
+        }
+    }
+}
+
 /* Reads -----------------------------------------------------------------------------------------
  */
 

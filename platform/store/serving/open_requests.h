@@ -33,6 +33,7 @@ struct OpenRequest {
     /* Self-synchronised. */
     std::atomic<bool> withdrawn{false};
     const std::unique_ptr<std::atomic<bool>[]> begun; /* by key, when progress is wanted */
+    std::atomic<bool> has_merged{false};              /* of a merge request: into its results */
 
     bool is_noticed() const {
         return request.progress_is_wanted || withdrawn.load(std::memory_order_relaxed);
@@ -80,6 +81,10 @@ public:
 
     void withdraw(const HostId &sender, RequestId id);
     RequestProgress progress_of(const HostId &sender, RequestId id);
+
+    /* The object at `key` has new bytes: if it is the results object of a merge request, that has
+     * happened. */
+    void note_update(const Key &key);
 
     /* True while reads are to be told to note_read(). */
     bool is_noticing() const { return num_noticed_.load(std::memory_order_relaxed) != 0; }

@@ -114,6 +114,11 @@ Status Serving::complete(std::uint32_t context, std::uint32_t num_successful,
     }
     reply.num_successful = num_successful;
     reply.num_failed = num_failed;
+    if (open->request.is_merge && !open->has_merged) {
+        /* Its handler counts it as done although the user's function failed. */
+        reply.num_successful = 0;
+        reply.num_failed = 1;
+    }
     const Status status = open->withdrawn ? OMRALIB_ERR_BAD_ARGS : send_reply(reply);
     /* What may count stays, until somebody takes it or its time is over. */
     if (status != OMRALIB_RET_SUCCESS && status != OMRALIB_ERR_UNKNOWN) {
