@@ -41,7 +41,9 @@ std::vector<store::Key> find(const store::Condition &where) {
     selection.app_id = data_app;
     selection.where = where;
     std::vector<store::Key> keys;
-    check(store::find(store::Store::current()->objects(), selection, nullptr, keys) == OMRALIB_RET_SUCCESS, "find");
+    check(store::find(store::Store::current()->objects(), selection, nullptr, keys) ==
+              OMRALIB_RET_SUCCESS,
+          "find");
     return keys;
 }
 

@@ -58,8 +58,8 @@ void HandleTable::close(OMRALIB_HANDLE hdl, HandleSlot &slot) {
 
 template <typename Visit>
 void HandleTable::for_each_slot(Visit visit) const {
-    const std::uint32_t num_slots = num_slots_.load(std::memory_order_acquire);
-    for (std::uint32_t i = 0; i < num_slots; ++i) {
+    const std::uint32_t num_used = num_slots_.load(std::memory_order_acquire);
+    for (std::uint32_t i = 0; i < num_used; ++i) {
         if (const HandleSlot *slot = slot_of(i)) {
             visit(*slot);
         }

@@ -38,7 +38,8 @@
 #include <string>
 #include <string_view>
 
-#include "engine/engine.h"
+#include "engine/selection.h"
+#include "engine/types.h"
 
 namespace store {
 
