@@ -100,10 +100,12 @@ int Omralib_read_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned int *pda
         } else if (!use->read_notes.is_empty()) {
             use->read_notes.clear();
         }
-        Content content;
-        const Status status = store.objects().read(named.key, named.renew, content);
+        const Status status = store.objects().read(named.key, named.renew, use->pending);
         if (status == OMRALIB_RET_SUCCESS) {
-            hand_over(use, std::move(content), pdata_len_out);
+            *pdata_len_out = use->pending.length();
+            if (use->pending.length() == 0) {
+                use->pending.reset();
+            }
             use->count_read();
         }
         return status;

@@ -136,13 +136,14 @@ Status EmbeddedCluster::declare_gone(std::uint32_t host_number) {
 /* Plans -----------------------------------------------------------------------------------------
  */
 
-/* Which of `hosts` a slot is at home on. What is at home on a host that is not among them is spread
- * over those that are. */
+/* Which of `hosts` a slot is at home on. Neighbouring slots are at home on one host, so that few
+ * shards are divided. What is at home on a host that is not among `hosts` is spread over those that
+ * are. */
 std::size_t EmbeddedCluster::home_of_slot(std::uint32_t slot, std::span<const HostId> hosts) const {
-    const HostId home = host_at(slot % num_hosts_);
+    const HostId home = host_at(slot * num_hosts_ / num_slots);
     const auto found = std::find(hosts.begin(), hosts.end(), home);
     return found != hosts.end() ? static_cast<std::size_t>(found - hosts.begin())
-                                : slot / num_hosts_ % hosts.size();
+                                : slot % hosts.size();
 }
 
 std::vector<Share> EmbeddedCluster::deal_out(std::vector<Key> keys,

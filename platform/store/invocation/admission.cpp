@@ -34,6 +34,7 @@ void Admission::admit_next() {
     Place &next = *waiting_.front();
     waiting_.pop_front();
     ++num_inside_;
+    next.admission_.lock_.assert_held(); /* it waits here */
     next.admitted_ = true;
     mailroom_.nudge(next.box_);
 }
