@@ -80,7 +80,7 @@ Random &own_random() {
 // What a label says: the objects that fail, and whether merges do.
 bool eval_fails(unsigned int object, unsigned int label) {
     constexpr std::array permilles = {0u, 0u, 0u, 0u, 1u, 10u, 200u, 1000u};
-    const unsigned long long mixed = (label * 0x100000000 + object + 1) * 0x9E3779B97F4A7C15;
+    const unsigned long long mixed = (label * 0x100000000ULL + object + 1) * 0x9E3779B97F4A7C15;
     return (mixed >> 32) % 1000 < permilles[label % permilles.size()];
 }
 bool merges_fail(unsigned int label) {
