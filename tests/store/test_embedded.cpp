@@ -42,7 +42,8 @@ TEST(KeySort, AgreesWithComparingWhereverKeysDiffer) {
             std::vector<Key> expected = keys;
             std::ranges::sort(expected, store::KeyLess());
             store::sort_keys(keys);
-            EXPECT_TRUE(num == 0 || std::memcmp(expected.data(), keys.data(), num * sizeof(Key)) == 0)
+            EXPECT_TRUE(num == 0 ||
+                        std::memcmp(expected.data(), keys.data(), num * sizeof(Key)) == 0)
                 << num << " keys, case " << &masks - cases;
         }
     }

