@@ -142,6 +142,7 @@ void PlayedHosts::step(std::list<Job>::iterator job) {
 void PlayedHosts::finish_zombies() {
     for (auto job = jobs.begin(); job != jobs.end();) {
         const auto next = std::next(job);
+        job->is_zombie = true;
         for (int i = job->num_steps; i < 4 && !job->is_stuck; ++i) {
             step(job);
         }

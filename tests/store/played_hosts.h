@@ -20,7 +20,7 @@ struct Job {
     OMRALIB_INVOKE_PARAMS params{};
     int num_steps = 0; /* done: 1 computed, 2 results stored, 3 exceptions stored, 4 reported */
     bool is_stuck = false;
-    bool is_zombie = false; /* its host was declared gone, but it goes on */
+    bool is_zombie = false; /* nobody wants it any more, but it goes on */
     int report = 0;         /* what the store said to the report */
 
     std::string results;
@@ -67,7 +67,7 @@ public:
     /* Carries out a step of a job, which is taken off the list when it has reported. */
     void step(std::list<Job>::iterator job);
 
-    /* Does what the late jobs of hosts that are gone still do. */
+    /* Does what late jobs still do when the invocation is over. */
     void finish_zombies();
 
     DecoratedObjects &objects() { return decorator_of(store.objects()); }

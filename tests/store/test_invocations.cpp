@@ -7,8 +7,6 @@
 
 namespace {
 
-using store::millis_per_second;
-
 constexpr unsigned int event_app = 77;
 constexpr unsigned int data_app = 5;
 
@@ -117,27 +115,6 @@ TEST_P(Invocations, CountEveryKeyOnceWhateverTheHostSays) {
     const Answer flushed = answer.get();
     EXPECT_EQ(3u, flushed.result.num_failed);
     EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(flushed.result.results_key));
-}
-
-TEST_P(Invocations, EndAtTheirDeadlineAndIgnoreWhatComesLate) {
-    OMRA_INDEX_HDR header = header_;
-    header.invoke_timeout = 10;
-    auto answer = start_invocation(header);
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, put(worker_, request.results_key, "half done"));
-    clock_.advance(10 * millis_per_second - 1);
-    EXPECT_EQ(std::future_status::timeout, answer.wait_for(std::chrono::seconds(0)));
-    clock_.advance(1);
-    EXPECT_EQ(OMRALIB_ERR_INVOKE_TIMEOUT, answer.get().status);
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_handle_ready(hdl_));
-    EXPECT_EQ("status -109", get(hdl_, request.results_key));
-
-    /* The host goes on and finishes: nothing of it stays. */
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, put(worker_, request.results_key, "late"));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, put(worker_, request.exceptions_key, "late"));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, complete(3, 0));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_flush_invoke(request.context));
-    EXPECT_EQ("status -109", get(hdl_, request.results_key));
-    EXPECT_EQ("status -109", get(hdl_, request.exceptions_key));
 }
 
 TEST_P(Invocations, ReachOnlyWhoServesTheAppId) {

@@ -233,11 +233,8 @@ private:
             RC_ASSERT(OMRALIB_ERR_NOT_READING == Omralib_flush_read_data(handle_->hdl));
             return;
         }
-        std::string data(handle_->pending->size(), '\0');
-        RC_ASSERT(OMRALIB_RET_SUCCESS ==
-                  Omralib_get_read_data(handle_->hdl, data.data(),
-                                        static_cast<unsigned int>(data.size())));
-        RC_ASSERT(data == *handle_->pending);
+        const auto len = static_cast<unsigned int>(handle_->pending->size());
+        RC_ASSERT(fetch(handle_->hdl, len) == *handle_->pending);
         handle_->pending.reset();
     }
 

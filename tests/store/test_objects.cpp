@@ -26,12 +26,13 @@ TEST_P(Handles, AClosedNumberStaysInvalidWhenItsSlotIsUsedAgain) {
 }
 
 TEST_P(Handles, RunOutCleanly) {
-    std::vector<OMRALIB_HANDLE> open;
-    for (OMRALIB_HANDLE hdl; (hdl = Omralib_open_ext(nullptr)) != OMRALIB_NULL_HANDLE;) {
-        open.push_back(hdl);
+    unsigned int num = 0;
+    OMRALIB_HANDLE last = OMRALIB_NULL_HANDLE;
+    for (OMRALIB_HANDLE hdl; (hdl = Omralib_open_ext(nullptr)) != OMRALIB_NULL_HANDLE; ++num) {
+        last = hdl;
     }
-    EXPECT_EQ(65534u, open.size());
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(open.back()));
+    EXPECT_EQ(65534u, num);
+    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(last));
     EXPECT_NE(OMRALIB_NULL_HANDLE, Omralib_open_ext(nullptr));
     EXPECT_EQ(OMRALIB_NULL_HANDLE, Omralib_open_ext(nullptr));
 }
@@ -74,17 +75,6 @@ TEST_P(Handles, TellImpossibleArguments) {
     EXPECT_EQ(OMRALIB_ERR_NOT_READING, Omralib_get_read_data(hdl_, buf, 3));
 }
 
-TEST_P(Handles, KeepTheTextOfAnErrorUntilSomethingElseFails) {
-    char buf[8];
-    ASSERT_EQ(OMRALIB_ERR_BAD_QUERY, Omralib_explain_query(hdl_, 1, "size <", 6, buf, 8));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_error_text(hdl_, nullptr, 3));
-    EXPECT_EQ(0u, count(hdl_, 1));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_error_text(hdl_, buf, sizeof buf));
-    EXPECT_STREQ("at 7: e", buf);
-    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, Omralib_remove_obj(hdl_, 0, make_key(1, 2)));
-    EXPECT_EQ("", error_text(hdl_));
-}
-
 TEST_P(Objects, AreToldApartByEveryFieldOfTheirKeys) {
     std::vector<OMRA_OBJKEY> keys(7, make_key(1, 1));
     keys[1].app_id = 0x30000000;
@@ -107,7 +97,8 @@ TEST_P(Objects, AreToldApartByEveryFieldOfTheirKeys) {
 TEST_P(Objects, AreListedInKeyOrderAndCounted) {
     for (unsigned int i = 0; i < 600; ++i) {
         const unsigned int number = i * 7 % 600;
-        ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(3 + number / 300, number), "data"));
+        ASSERT_EQ(OMRALIB_RET_SUCCESS,
+                  put(hdl_, make_key(number < 300 ? 3 : 0x0FFFFFFF, number), "data"));
     }
     ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(0x30000000, 1), "reserved"));
     ULONGLONG next = 0;
@@ -118,7 +109,7 @@ TEST_P(Objects, AreListedInKeyOrderAndCounted) {
     ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_list_objs(hdl_, OMRALIB_ALL_APP_IDS, is_next, &next));
     EXPECT_EQ(501u, next);
     EXPECT_EQ(600u, count(hdl_, OMRALIB_ALL_APP_IDS));
-    EXPECT_EQ(300u, count(hdl_, 4));
+    EXPECT_EQ(300u, count(hdl_, 0x0FFFFFFF));
     EXPECT_EQ(1u, count(hdl_, 0x30000000));
     EXPECT_EQ(0u, count(hdl_, 5));
 

@@ -378,7 +378,7 @@ TEST_P(Queries, FindWhatStaysWhileOthersChange) {
     std::jthread changing([](const std::stop_token &stop) {
         const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
         for (unsigned int i = 0; !stop.stop_requested(); ++i) {
-            put_indexed(hdl, make_key(1, 1000 + i % 1000), {make_index(0, 1000 + i % 7)});
+            put_indexed(hdl, make_key(1, 1000 + i % 1000), {make_index(0, 1000 + i % 1000)});
             Omralib_remove_obj(hdl, 0, make_key(1, 1000 + (i + 500) % 1000));
         }
     });
@@ -427,6 +427,8 @@ TEST_P(Queries, ThatAreNotValidSayWhereAndWhy) {
          "at 10: the string has 33 bytes; at most 32 are allowed"},
         {"index0 = 0x10000000000000000000000000000000000000000000000000000000000000000",
          "at 10: the number is larger than 2^256 - 1"},
+        {"index0 = 115792089237316195423570985008687907853269984665640564039457584007913129639936",
+         "at 10: the number is larger than 2^256 - 1"},
         {"(size = 1", "at 10: expected 'and', 'or' or ')' after '1'"},
         {"size = 1)", "at 9: expected 'and', 'or', 'limit', 'sample' or the end after '1'"},
         {"size = 1 limit", "at 15: expected a whole number after 'limit'"},
@@ -451,9 +453,14 @@ TEST_P(Queries, ThatAreNotValidSayWhereAndWhy) {
     }
     EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, invoke("size", 3));
     EXPECT_EQ("the kind of the query is 3, not 0, 1 or 2", error_text(hdl_));
-    char text[10];
-    EXPECT_EQ(OMRALIB_ERR_BAD_QUERY, Omralib_explain_query(hdl_, 1, "index0 <", 8, text, 10));
-    EXPECT_EQ("at 9: expected a number or a string after '<'", error_text(hdl_));
+    char text[8];
+    EXPECT_EQ(OMRALIB_ERR_BAD_QUERY, Omralib_explain_query(hdl_, 1, "index0 <", 8, text, 8));
+    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_error_text(hdl_, nullptr, 3));
+    EXPECT_EQ(0u, count(hdl_, 1)); /* what succeeds leaves the text alone */
+    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_error_text(hdl_, text, sizeof text));
+    EXPECT_STREQ("at 9: e", text);
+    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, Omralib_remove_obj(hdl_, 0, make_key(1, 2)));
+    EXPECT_EQ("", error_text(hdl_));
 }
 
 TEST_P(Queries, AreBounded) {

@@ -9,6 +9,7 @@
 namespace {
 
 using store::millis_per_minute;
+using store::millis_per_second;
 
 class TimeOuts : public StoreTest {};
 FOR_ALL_ENGINES(TimeOuts);
@@ -49,14 +50,16 @@ TEST_P(TimeOuts, AreToldToWhoeverHandlesTheAppId) {
     };
     ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_register_cb(OMRALIB_CB_EVENT_EXT, cb));
     ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_start_app_event_handling(hdl_, 2));
+    clock_.advance(1); /* expired objects are swept at whole seconds */
     ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(1, 1), "nobody listens", 1));
     ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(2, 1), "renewed", 1));
     ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(2, 2), "forgotten", 1));
     clock_.advance(millis_per_minute / 2);
     EXPECT_EQ("renewed", get(hdl_, make_key(2, 1)));
-    clock_.advance(millis_per_minute / 2);
+    clock_.advance(31 * millis_per_second);
     arrived.acquire(); /* nothing but time brings it */
-    clock_.advance(millis_per_minute / 2);
+    clock_.advance(29 * millis_per_second);
+    EXPECT_EQ(0u, count(hdl_, 2)); /* and whoever comes first, before it is time to sweep */
     arrived.acquire();
     ASSERT_EQ(2u, events.size());
     EXPECT_EQ(2u, events[0].number);

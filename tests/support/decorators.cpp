@@ -29,24 +29,6 @@ store::Status with_fate(const Fates &fates, std::string_view operation, Call cal
     return with_fate(fates, operation, nothing, [&](int &) { return call(); });
 }
 
-// Tells the decorator what it has cost.
-class CountedScan final : public store::Scan {
-public:
-    CountedScan(std::unique_ptr<store::Scan> inner, std::atomic<std::uint64_t> &num_examined)
-        : inner_(std::move(inner)), num_examined_(num_examined) {}
-    ~CountedScan() override { num_examined_ += inner_->num_examined(); }
-
-    std::uint64_t expected() const override { return inner_->expected(); }
-    store::Status next(std::vector<store::Key> &keys, bool &more_out) override {
-        return inner_->next(keys, more_out);
-    }
-    std::uint64_t num_examined() const override { return inner_->num_examined(); }
-
-private:
-    const std::unique_ptr<store::Scan> inner_;
-    std::atomic<std::uint64_t> &num_examined_;
-};
-
 } // namespace
 
 // Objects -----------------------------------------------------------------------------------------
@@ -108,11 +90,7 @@ store::Status DecoratedObjects::copy(const store::Key &from, const store::Key &t
 store::Status DecoratedObjects::scan(const store::Selection &selection, const store::Part *part,
                                      std::unique_ptr<store::Scan> &scan_out) {
     return with_fate(fates, "scan", scan_out, [&](std::unique_ptr<store::Scan> &scan) {
-        const store::Status status = inner_->scan(selection, part, scan);
-        if (status == OMRALIB_RET_SUCCESS) {
-            scan = std::make_unique<CountedScan>(std::move(scan), num_examined);
-        }
-        return status;
+        return inner_->scan(selection, part, scan);
     });
 }
 
@@ -170,10 +148,6 @@ store::Status DecoratedCluster::plan(const store::Selection &selection,
                                      std::span<const store::HostId> hosts,
                                      std::vector<store::Share> &shares_out) {
     return with_fate(fates, "plan", shares_out, [&](std::vector<store::Share> &shares) {
-        if (planner) {
-            shares = planner(selection, hosts);
-            return static_cast<store::Status>(OMRALIB_RET_SUCCESS);
-        }
         return inner_->plan(selection, hosts, shares);
     });
 }

@@ -30,9 +30,6 @@ public:
     Fates fates;
     // At most; more than none is for tests that turn the clock while somebody waits.
     store::Millis patience = 0;
-    // Records and index values that scans have looked at.
-    std::atomic<std::uint64_t> num_examined{0};
-
     store::Status create(const store::Key &key, const store::ObjectSpec &spec) override;
     store::Status read(const store::Key &key, bool renew, store::Content &content_out) override;
     store::Status read_and_lock(const store::Key &key, bool renew, store::Millis its_patience,
@@ -68,11 +65,6 @@ public:
     bool in_order = false;
     // Called before the request reaches its host.
     std::function<void(const store::Request &request)> on_receive;
-    // In the place of the engine's plan.
-    std::function<std::vector<store::Share>(const store::Selection &selection,
-                                            std::span<const store::HostId> hosts)>
-        planner;
-
     void attach(store::RequestReceiver &receiver, store::ReplySink &sink,
                 store::EventReceiver &events) override;
     void detach() override { inner_->detach(); }
