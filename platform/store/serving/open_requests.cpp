@@ -21,13 +21,13 @@ std::uint64_t OpenRequest::num_begun() const {
 /* Contexts ---------------------------------------------------------------------------------------
  */
 
-std::uint32_t OpenRequests::add(std::shared_ptr<OpenRequest> request) {
+std::uint32_t OpenRequests::add(const std::shared_ptr<OpenRequest> &request) {
     const Guard guard(lock_);
     do {
         ++last_context_;
     } while (last_context_ == 0 || contexts_.contains(last_context_));
     const bool noticed = request->is_noticed();
-    contexts_.emplace(last_context_, std::move(request));
+    contexts_.emplace(last_context_, request);
     num_noticed_ += noticed ? 1 : 0;
     ++version_;
     return last_context_;

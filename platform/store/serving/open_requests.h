@@ -71,7 +71,7 @@ public:
     OpenRequests &operator=(const OpenRequests &) = delete;
 
     /* A context, never 0, that names the request from now on. Throws std::bad_alloc. */
-    std::uint32_t add(std::shared_ptr<OpenRequest> request);
+    std::uint32_t add(const std::shared_ptr<OpenRequest> &request);
 
     /* Ends a context; exactly one of those who try gets the request, the others nullptr. */
     std::shared_ptr<OpenRequest> take(std::uint32_t context);
