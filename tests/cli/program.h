@@ -30,10 +30,6 @@ protected:
     }
 
     static void write(const std::string &path, std::string_view content) {
-        const auto parent = std::filesystem::path(path).parent_path();
-        if (!parent.empty()) {
-            std::filesystem::create_directories(parent);
-        }
         std::ofstream(path, std::ios::binary) << content;
     }
     static std::string read(const std::string &path) {

@@ -41,6 +41,7 @@ TEST_F(Examples, recordStatistics) {
 }
 
 TEST_F(Examples, grep) {
+    std::filesystem::create_directory("d");
     write("d/a.c", "int a;\nlong b;\nint c;");
     write("d/b.c", "nothing\n");
     write("d/c.c", "int(x);\n");

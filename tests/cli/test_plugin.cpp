@@ -4,6 +4,7 @@
 //   BARE    nothing either, but it offers no printer and no texts
 //   others  it must be refused
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -41,12 +42,12 @@ std::string once(const pmi::Object &object) {
     return give(1000 + object.params.size());
 }
 
-std::string line(const pmi::Object &object) {
-    return std::string(object.data) + "\n";
-}
-
 std::vector<std::byte> copy(const pmi::Object &object) {
     return {object.bytes().begin(), object.bytes().end()};
+}
+
+std::string line(const pmi::Object &object) {
+    return std::string(object.data) + "\n";
 }
 
 // Objects a to h come to every end that there is.
@@ -71,18 +72,14 @@ std::optional<std::string> throwing(const pmi::Object &object) {
 
 void nothing(const pmi::Object &) {}
 
-void park(const pmi::Object &) {
+void park(const pmi::Object &object) {
+    static std::atomic_flag interrupted;
+    if (object.params == "interrupt" && !interrupted.test_and_set()) {
+        std::raise(SIGINT);
+    }
     for (;;) {
         pause();
     }
-}
-
-void interrupt(const pmi::Object &object) {
-    static std::atomic_flag interrupted;
-    if (!interrupted.test_and_set()) {
-        std::raise(SIGINT);
-    }
-    park(object);
 }
 
 // The first objects are evaluated at once, all others when a host's request has gone to another.
@@ -108,14 +105,13 @@ void refuse(std::span<char>, std::string_view) {
 
 // Keeps the smaller one: in place while the lengths agree, else anew.
 std::optional<std::string> smaller(std::span<char> into, std::string_view from) {
-    const std::string_view old(into.data(), into.size());
-    if (from >= old) {
-        return std::nullopt;
-    }
-    if (from.size() != old.size()) {
+    const bool is_smaller = from < std::string_view(into.data(), into.size());
+    if (is_smaller && from.size() != into.size()) {
         return std::string(from);
     }
-    std::memcpy(into.data(), from.data(), from.size());
+    if (is_smaller) {
+        std::memcpy(into.data(), from.data(), from.size());
+    }
     return std::nullopt;
 }
 
@@ -123,20 +119,11 @@ std::string empty(std::string_view, std::string_view) {
     return {};
 }
 
-// The lines of both, sorted: one that is lost or counted twice shows.
+// Lines of five bytes, sorted: one that is lost or counted twice shows.
 std::string unite(std::string_view into, std::string_view from) {
-    std::vector<std::string_view> lines;
-    for (std::string_view rest : {into, from}) {
-        while (!rest.empty()) {
-            lines.push_back(rest.substr(0, rest.find('\n') + 1));
-            rest.remove_prefix(lines.back().size());
-        }
-    }
-    std::sort(lines.begin(), lines.end());
-    std::string united;
-    for (const std::string_view one : lines) {
-        united += one;
-    }
+    std::string united = std::string(into) + std::string(from);
+    auto *const lines = reinterpret_cast<std::array<char, 5> *>(united.data());
+    std::sort(lines, lines + united.size() / lines->size());
     return united;
 }
 
@@ -161,8 +148,7 @@ void add_all(pmi::Plugin &plugin) {
     plugin.eval<line_after_loss>(5, "line_after_loss", "The same, once a host is lost");
     plugin.eval<throwing>(6, "throwing", "Throws by the first letter");
     plugin.eval<nothing>(7, "nothing", "No result");
-    plugin.eval<park>(8, "park", "Never returns");
-    plugin.eval<interrupt>(9, "interrupt", "Interrupts the program and never returns");
+    plugin.eval<park>(8, "park", "Never returns, and may interrupt the program");
     plugin.merge<refuse>(10, "refuse", "Always fails");
     plugin.merge<smaller>(11, "smaller", "The smaller one");
     plugin.merge<empty>(12, "empty", "Breaks the rules");
