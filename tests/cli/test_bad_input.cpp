@@ -1,5 +1,6 @@
 // Everything a user can get wrong: the message names the value and what is allowed, nothing goes to
 // standard output, and the exit code is 2.
+#include <fmt/format.h>
 #include <fnmatch.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -104,19 +105,18 @@ TEST_F(BadInput, inputsAndTheirIndexes) {
 }
 
 TEST_F(BadInput, plugins) {
-    expect_refused(
-        {{"pmi run ./none.so in.txt", "'./none.so'*No such file"},
-         {"pmi functions ./", "not a regular file"},
-         {"pmi functions ./in.txt", "'./in.txt'*cannot be loaded"},
-         {"pmi run libm.so.6 in.txt", "'libm.so.6'*given by its path"}, // no search
-         {"cp $p here.so; pmi functions here.so", "'here.so'*'./here.so'"},
-         {"pmi functions $plugins/test_plugin_SAME_ID.so", "'first' and 'second'*same id 5"},
-         {"pmi functions $plugins/test_plugin_SAME_NAME.so", "5 and 6*same name 'first'"},
-         {"pmi functions $plugins/test_plugin_ID_64.so", "'first' has id 64*0 to 63"},
-         {"pmi functions $plugins/test_plugin_NOTHING.so", "registers no function"},
-         {"pmi functions $plugins/test_plugin_OTHER_VERSION.so", "version 99"},
-         {"pmi functions $plugins/test_plugin_NULL_FUNCTION.so", "'first' is NULL"},
-         {"pmi run $plugins/test_plugin_NO_MERGE.so in.txt", "it has no merge function"}});
+    expect_refused({{"pmi run ./none.so in.txt", "'./none.so'*No such file"},
+                    {"pmi functions ./", "not a regular file"},
+                    {"pmi functions ./in.txt", "'./in.txt'*cannot be loaded"},
+                    {"pmi run libm.so.6 in.txt", "'libm.so.6'*given by its path"}, // no search
+                    {"cp $p here.so; pmi functions here.so", "'here.so'*'./here.so'"},
+                    {"FAULT='same id' pmi functions $p", "'first' and 'second'*same id 5"},
+                    {"FAULT='same name' pmi functions $p", "5 and 6*same name 'first'"},
+                    {"FAULT='id 64' pmi functions $p", "'first' has id 64*0 to 63"},
+                    {"FAULT='nothing' pmi functions $p", "registers no function"},
+                    {"FAULT='other version' pmi functions $p", "version 99"},
+                    {"FAULT='null function' pmi functions $p", "'first' is NULL"},
+                    {"FAULT='no merge' pmi run $p in.txt", "it has no merge function"}});
     expect_run_refused({{"--eval none", "no eval function 'none'*length, once, copy"},
                         {"--eval sum", "no eval function 'sum'"},
                         {"--merge none", "no merge function 'none'*sum, refuse"}});
@@ -136,7 +136,7 @@ TEST_F(BadInput, pluginsOfOthers) {
             if (message.empty()) {
                 EXPECT_EQ(pmi("functions " + path).status, 0) << change;
             } else {
-                expect_refused({{"pmi functions " + path, "'" + path + "'*" + message}});
+                expect_refused({{"pmi functions " + path, fmt::format("'{}'*{}", path, message)}});
             }
         }
     };
@@ -147,7 +147,7 @@ TEST_F(BadInput, pluginsOfOthers) {
     expect("chmod 1777 folder", ""); // as /tmp
     for (const std::string &path : {file, std::string("folder/inner")}) {
         expect("chown 1:0 " + path, "belongs to user 1;*(user 0) or to root");
-        expect("chown 0:1 " + path + "; chmod 775 " + path,
+        expect(fmt::format("chown 0:1 {0}; chmod 775 {0}", path),
                "group 1 may write*mode 0775*chmod g-w");
         expect("chown 0:0 " + path, ""); // a group of root alone
     }
@@ -157,7 +157,7 @@ TEST_F(BadInput, pluginsOfOthers) {
 TEST_F(BadInput, queriesArePointedAt) {
     const auto expect = [](const std::string &query, const std::string &complaint) {
         for (const std::string command : {"run $p", "explain"}) {
-            const Ran ran = pmi(command + " none.txt --query '" + query + "'");
+            const Ran ran = pmi(fmt::format("{} none.txt --query '{}'", command, query));
             EXPECT_EQ(ran.status, 2);
             EXPECT_EQ(ran.out, "");
             EXPECT_THAT(ran.err, HasSubstr(complaint));

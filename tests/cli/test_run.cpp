@@ -1,5 +1,6 @@
 // Runs that go well, runs in which objects, merges, hosts or the user end them, and what is
 // printed.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
@@ -55,10 +56,9 @@ TEST_F(RunCommand, addsUpWhatMatches) {
                 {fields + "--index 7=" + std::string(32, 'v'), 1, 47}};
     for (const auto &[arguments, objects, total] : rows) {
         const Ran ran = pmi("run $p " + arguments);
-        EXPECT_EQ(ran.out, "total " + std::to_string(total) + "\n") << arguments;
-        const std::string num = std::to_string(objects);
-        EXPECT_THAT(ran.err, StartsWith("pmi: " + num + " objects matched, " + num +
-                                        " successful, 0 failed"))
+        EXPECT_EQ(ran.out, fmt::format("total {}\n", total)) << arguments;
+        EXPECT_THAT(ran.err, StartsWith(fmt::format(
+                                 "pmi: {0} objects matched, {0} successful, 0 failed", objects)))
             << arguments;
     }
     EXPECT_EQ(shell("printf 'a\\n\\nbc' | pmi run $p --split lines -").out, "total 3\n");
@@ -85,7 +85,7 @@ TEST_F(RunCommand, namesFailedObjects) {
               R"({"code":7,"object":"in.txt:5","text":"the object starts with f"})");
     EXPECT_THAT(json_ran.err, HasSubstr("cannot print")); // this plug-in prints tables only
     EXPECT_EQ(json["result"]["hex"], "0a00000000000000");
-    const Ran bare = pmi("run $plugins/test_plugin_BARE.so --split lines in.txt --exceptions 0");
+    const Ran bare = shell("FAULT=bare pmi run $p --split lines in.txt --exceptions 0");
     EXPECT_THAT(bare.err, StartsWith("pmi: and 3 more exceptions\n"));
     EXPECT_THAT(bare.out, StartsWith("00000000  0a 00"));
 }
@@ -112,7 +112,7 @@ TEST_F(RunCommand, reportsFailedMergesAndInvocations) {
 
 TEST_F(RunCommand, stopsExceptionsAtTheBorder) {
     write("in.txt", "a\nb\nc\nd\ne\nf\ng\n");
-    const Ran ran = pmi("run $plugins/test_plugin_BARE.so --eval throwing --split lines in.txt");
+    const Ran ran = shell("FAULT=bare pmi run $p --eval throwing --split lines in.txt");
     EXPECT_EQ(ran.status, 1);
     EXPECT_EQ(ran.out, "g\n");
     EXPECT_THAT(ran.err, StartsWith("pmi: in.txt:1: a code of the plug-in (5)\n"
@@ -125,11 +125,11 @@ TEST_F(RunCommand, stopsExceptionsAtTheBorder) {
 
 TEST_F(RunCommand, mergesInPlaceAndAnew) {
     write("in.txt", "bb\naa\na\nccc\nab\n");
-    const std::string run = "run $plugins/test_plugin_BARE.so --split lines in.txt --eval ";
-    EXPECT_EQ(pmi(run + "copy --merge smaller").out, "a\n");
-    EXPECT_THAT(pmi(run + "copy --merge empty").err,
+    const std::string run = "FAULT=bare pmi run $p --split lines in.txt --eval ";
+    EXPECT_EQ(shell(run + "copy --merge smaller").out, "a\n");
+    EXPECT_THAT(shell(run + "copy --merge empty").err,
                 HasSubstr("returned an empty result (1000003)"));
-    EXPECT_THAT(pmi(run + "nothing").err, StartsWith("pmi: there is no result\n"));
+    EXPECT_THAT(shell(run + "nothing").err, StartsWith("pmi: there is no result\n"));
 }
 
 TEST_F(RunCommand, printsTheSameBytesWithAnyHosts) {
@@ -138,13 +138,13 @@ TEST_F(RunCommand, printsTheSameBytesWithAnyHosts) {
         lines += std::to_string(i) + "\n";
     }
     write("in.txt", lines);
-    const std::string run = "run $plugins/test_plugin_BARE.so --merge unite --split lines in.txt "
+    const std::string run = "FAULT=bare pmi run $p --merge unite --split lines in.txt "
                             "--hosts 4 --stats --eval ";
-    const Ran calm = pmi(run + "line --raw");
+    const Ran calm = shell(run + "line --raw");
     EXPECT_EQ(calm.out, lines);
     EXPECT_THAT(calm.err, HasSubstr("\n            evaluated  400\n"));
 
-    const Ran lost = pmi(run + "line_after_loss --lose-host 2@1% --json");
+    const Ran lost = shell(run + "line_after_loss --lose-host 2@1% --json");
     EXPECT_EQ(lost.status, 0) << lost.err;
     EXPECT_THAT(lost.err, AllOf(StartsWith("pmi: host 2 was declared gone after "),
                                 EndsWith(" of 400 objects\n")));
