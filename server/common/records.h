@@ -49,6 +49,9 @@ enum OMRAPMI_MEM_TAG : unsigned int {
 // A loop that has gone round this often has lost its way, and reports it.
 inline constexpr unsigned int OMRAPMI_MAX_ROUNDS = 249999999;
 
+// The last of the app ids that are anybody's; behind them are those with a meaning of their own.
+inline constexpr unsigned int OMRAPMI_MAX_ORDINARY_APP_ID = 0x0FFFFFFF;
+
 // Ids of the queues and spin locks.
 inline constexpr unsigned int OMRAPMI_IDSC_BLOCKQ_ID = 0x515;
 inline constexpr unsigned int OMRAPMI_WDSC_BLOCKQ_ID = 0x516;

@@ -240,7 +240,7 @@ static BOOLEAN start_workers(OMRALIB_HANDLE *phdl_out) {
 
 void *Omrapmi_thrd_dispatcher(void *f_args) {
     OMRAPMI_ASSERT(f_args == NULL);
-    BOOLEAN init = FALSE;
+    BOOLEAN is_set_up = FALSE;
     OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE;
     for (;;) {
         OMRAPMI_IDSC *pidsc = reinterpret_cast<OMRAPMI_IDSC *>(
@@ -249,8 +249,8 @@ void *Omrapmi_thrd_dispatcher(void *f_args) {
         if (pidsc == NULL) {
             continue;
         }
-        if (!init) {
-            init = TRUE;
+        if (!is_set_up) {
+            is_set_up = TRUE;
             if (!start_workers(&hdl)) {
                 Thread_end();
                 return NULL;

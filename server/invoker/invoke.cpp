@@ -19,7 +19,6 @@
 static BOOLEAN is_seeded = FALSE;
 static BOOLEAN init = FALSE;
 
-static constexpr ULONG MAX_ORDINARY_APP_ID = 0x0FFFFFFF;
 static constexpr ULONG ALL_APP_IDS = 0xFFFFFFFF;
 
 int Omrapmi_invoker_init(void) {
@@ -46,12 +45,12 @@ int Omrapmi_invoker_init(void) {
 }
 
 static BOOLEAN is_app_id_ok(ULONG app_id) {
-    return app_id <= MAX_ORDINARY_APP_ID || app_id == MGTI_APPID_INVOKE_ONCE ||
+    return app_id <= OMRAPMI_MAX_ORDINARY_APP_ID || app_id == MGTI_APPID_INVOKE_ONCE ||
            (app_id & 0xF0000000) == 0xD0000000 || app_id == ALL_APP_IDS;
 }
 
 static BOOLEAN is_event_app_id_ok(ULONG event_app_id) {
-    return event_app_id <= MAX_ORDINARY_APP_ID || event_app_id == MGTI_APPID_INVOKE_ONCE ||
+    return event_app_id <= OMRAPMI_MAX_ORDINARY_APP_ID || event_app_id == MGTI_APPID_INVOKE_ONCE ||
            event_app_id == MGTI_APPID_SYSTEM_BACKREST;
 }
 

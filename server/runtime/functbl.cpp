@@ -36,7 +36,7 @@ static int allocate_slots(unsigned int /*unused*/) {
     return OMRALIB_RET_SUCCESS;
 }
 
-static OMRAPMI_ONCE once = {
+static OMRAPMI_ONCE functbl_once = {
     .pquick = set_up_locks, .pslow = allocate_slots, .plock = &omrapmi_functbl_state.lock};
 
 int Omrapmi_func_table_init(void) {
@@ -46,7 +46,7 @@ int Omrapmi_func_table_init(void) {
         return ret;
     }
     Omralib_use_large_keys();
-    return Omrapmi_do_once(&once, 0);
+    return Omrapmi_do_once(&functbl_once, 0);
 }
 
 int Omrapmi_func_table_add(void *pfunc, unsigned int func_id, unsigned int app_id,

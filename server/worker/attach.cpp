@@ -7,8 +7,6 @@
 #include "common/trace.h"
 #include "runtime/once.h"
 
-static constexpr unsigned int MAX_ORDINARY_APP_ID = 0x0FFFFFFF;
-
 // Registers both callbacks, the event callback first.
 static int register_callbacks(unsigned int /*unused*/) {
     OMRALIB_CB cb;
@@ -29,7 +27,7 @@ static int register_callbacks(unsigned int /*unused*/) {
 }
 
 // Comes after the worker side's own set-up, which makes the lock.
-static OMRAPMI_ONCE once = {
+static OMRAPMI_ONCE attach_once = {
     .pquick = NULL, .pslow = register_callbacks, .plock = &omrapmi_worker_state.lock_init};
 
 int Omrapmi_worker_init_svc(void) {
@@ -38,7 +36,7 @@ int Omrapmi_worker_init_svc(void) {
         OMRAPMI_TRACE("Tr [pmi-wis 0] %d\n", ret);
         return ret;
     }
-    return Omrapmi_do_once(&once, 0);
+    return Omrapmi_do_once(&attach_once, 0);
 }
 
 int Omrapmi_worker_register_app_name(OMRALIB_HANDLE hdl, unsigned int event_app_id) {
@@ -76,7 +74,7 @@ int Omrapmi_worker_register_app_name(OMRALIB_HANDLE hdl, unsigned int event_app_
 }
 
 static BOOLEAN can_start_or_stop(unsigned int event_app_id) {
-    return event_app_id <= MAX_ORDINARY_APP_ID || event_app_id == MGTI_APPID_SYSTEM_BACKREST;
+    return event_app_id <= OMRAPMI_MAX_ORDINARY_APP_ID || event_app_id == MGTI_APPID_SYSTEM_BACKREST;
 }
 
 // The two things that the store is told about an app id, and how the trace speaks of them.

@@ -81,7 +81,7 @@ static int start_dispatcher(unsigned int num_worker_thrds) {
     return OMRALIB_RET_SUCCESS;
 }
 
-static OMRAPMI_ONCE once = {.pquick = set_up_queues_and_pools,
+static OMRAPMI_ONCE state_once = {.pquick = set_up_queues_and_pools,
                             .pslow = start_dispatcher,
                             .plock = &omrapmi_worker_state.lock_init};
 
@@ -95,7 +95,7 @@ int Omrapmi_worker_init_ext(unsigned int num_worker_thrds) {
     if (omrapmi_in_svc) {
         num_worker_thrds = 1;
     }
-    return Omrapmi_do_once(&once, num_worker_thrds);
+    return Omrapmi_do_once(&state_once, num_worker_thrds);
 }
 
 int Omrapmi_get_worker_thread_count(void) {

@@ -30,10 +30,6 @@ protected:
     }
 
     static void write(const std::string &path, std::string_view content) {
-        const auto parent = std::filesystem::path(path).parent_path();
-        if (!parent.empty()) {
-            std::filesystem::create_directories(parent);
-        }
         std::ofstream(path, std::ios::binary) << content;
     }
     static std::string read(const std::string &path) {
@@ -41,12 +37,10 @@ protected:
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    // Runs a line of shell in which "pmi" is the program, which is $pmi, and $plugins and $examples
-    // are folders. $p is the test plug-in without faults.
+    // Runs a line of shell in which "pmi" is the program, which is $pmi, $p is the tests' plug-in,
+    // and $examples the folder of the examples.
     static Ran shell(const std::string &line) {
-        write("script.sh", "pmi=" PMI_PROGRAM " plugins=" PMI_TEST_PLUGINS " examples=" PMI_EXAMPLES
-                           "\n"
-                           "p=$plugins/test_plugin_NONE.so\n"
+        write("script.sh", "pmi=" PMI_PROGRAM " p=" PMI_TEST_PLUGIN "\n"
                            "pmi() { $pmi \"$@\"; }\n" +
                                line);
         const int status = std::system("sh ./script.sh >out.txt 2>err.txt </dev/null");

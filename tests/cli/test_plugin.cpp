@@ -1,12 +1,12 @@
-// The plug-ins of these tests. FAULT names what is wrong with one:
-//   NONE    nothing: user functions that return and throw whatever there is, and that steer the run
-//           that they are part of
-//   BARE    nothing either, but it offers no printer and no texts
-//   others  it must be refused
+// The plug-in of these tests: user functions that return and throw whatever there is, and that
+// steer the run that they are part of. The environment's FAULT names what is wrong with it: it must
+// be refused, or, "bare", offers no printer and no texts.
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -17,8 +17,6 @@
 #include "storapp.h"
 
 namespace {
-
-enum { NONE, BARE, SAME_ID, SAME_NAME, ID_64, NOTHING, OTHER_VERSION, NULL_FUNCTION, NO_MERGE };
 
 std::string give(std::size_t number) {
     return {reinterpret_cast<const char *>(&number), sizeof number};
@@ -41,12 +39,12 @@ std::string once(const pmi::Object &object) {
     return give(1000 + object.params.size());
 }
 
-std::string line(const pmi::Object &object) {
-    return std::string(object.data) + "\n";
-}
-
 std::vector<std::byte> copy(const pmi::Object &object) {
     return {object.bytes().begin(), object.bytes().end()};
+}
+
+std::string line(const pmi::Object &object) {
+    return std::string(object.data) + "\n";
 }
 
 // Objects a to h come to every end that there is.
@@ -71,18 +69,14 @@ std::optional<std::string> throwing(const pmi::Object &object) {
 
 void nothing(const pmi::Object &) {}
 
-void park(const pmi::Object &) {
+void park(const pmi::Object &object) {
+    static std::atomic_flag interrupted;
+    if (object.params == "interrupt" && !interrupted.test_and_set()) {
+        std::raise(SIGINT);
+    }
     for (;;) {
         pause();
     }
-}
-
-void interrupt(const pmi::Object &object) {
-    static std::atomic_flag interrupted;
-    if (!interrupted.test_and_set()) {
-        std::raise(SIGINT);
-    }
-    park(object);
 }
 
 // The first objects are evaluated at once, all others when a host's request has gone to another.
@@ -108,14 +102,13 @@ void refuse(std::span<char>, std::string_view) {
 
 // Keeps the smaller one: in place while the lengths agree, else anew.
 std::optional<std::string> smaller(std::span<char> into, std::string_view from) {
-    const std::string_view old(into.data(), into.size());
-    if (from >= old) {
-        return std::nullopt;
-    }
-    if (from.size() != old.size()) {
+    const bool is_smaller = from < std::string_view(into.data(), into.size());
+    if (is_smaller && from.size() != into.size()) {
         return std::string(from);
     }
-    std::memcpy(into.data(), from.data(), from.size());
+    if (is_smaller) {
+        std::memcpy(into.data(), from.data(), from.size());
+    }
     return std::nullopt;
 }
 
@@ -123,20 +116,11 @@ std::string empty(std::string_view, std::string_view) {
     return {};
 }
 
-// The lines of both, sorted: one that is lost or counted twice shows.
+// Lines of five bytes, sorted: one that is lost or counted twice shows.
 std::string unite(std::string_view into, std::string_view from) {
-    std::vector<std::string_view> lines;
-    for (std::string_view rest : {into, from}) {
-        while (!rest.empty()) {
-            lines.push_back(rest.substr(0, rest.find('\n') + 1));
-            rest.remove_prefix(lines.back().size());
-        }
-    }
-    std::sort(lines.begin(), lines.end());
-    std::string united;
-    for (const std::string_view one : lines) {
-        united += one;
-    }
+    std::string united = std::string(into) + std::string(from);
+    auto *const lines = reinterpret_cast<std::array<char, 5> *>(united.data());
+    std::sort(lines, lines + united.size() / lines->size());
     return united;
 }
 
@@ -161,8 +145,7 @@ void add_all(pmi::Plugin &plugin) {
     plugin.eval<line_after_loss>(5, "line_after_loss", "The same, once a host is lost");
     plugin.eval<throwing>(6, "throwing", "Throws by the first letter");
     plugin.eval<nothing>(7, "nothing", "No result");
-    plugin.eval<park>(8, "park", "Never returns");
-    plugin.eval<interrupt>(9, "interrupt", "Interrupts the program and never returns");
+    plugin.eval<park>(8, "park", "Never returns, and may interrupt the program");
     plugin.merge<refuse>(10, "refuse", "Always fails");
     plugin.merge<smaller>(11, "smaller", "The smaller one");
     plugin.merge<empty>(12, "empty", "Breaks the rules");
@@ -173,35 +156,26 @@ void add_all(pmi::Plugin &plugin) {
 
 int pmi_plugin_register(PMI_REGISTRAR *preg) {
     pmi::Plugin plugin(*preg);
-    switch (FAULT) {
-    case NONE:
+    const char *const variable = std::getenv("FAULT");
+    const std::string_view fault = variable != nullptr ? variable : "";
+    if (fault.empty()) {
         plugin.printer<print>();
         plugin.code_text(code_text);
-        [[fallthrough]];
-    case BARE:
+    }
+    if (fault.empty() || fault == "bare") {
         add_all(plugin);
-        break;
-    case SAME_ID:
+    } else if (fault == "same id") {
         plugin.eval<line>(5, "first", "");
         plugin.invoke_once<once>(5, "second", "");
-        break;
-    case SAME_NAME:
+    } else if (fault == "same name") {
         plugin.eval<line>(5, "first", "");
         plugin.eval<line>(6, "first", "");
-        break;
-    case ID_64:
+    } else if (fault == "id 64") {
         plugin.eval<line>(64, "first", "");
-        break;
-    case NULL_FUNCTION:
+    } else if (fault == "null function") {
         preg->add_merge(preg, 6, "first", "", nullptr);
-        break;
-    case OTHER_VERSION:
-        return 99;
-    case NO_MERGE:
+    } else if (fault == "no merge") {
         plugin.eval<line>(0, "line", "");
-        break;
-    default:
-        break;
     }
-    return int{PMI_PLUGIN_ABI};
+    return fault == "other version" ? 99 : int{PMI_PLUGIN_ABI};
 }

@@ -54,8 +54,7 @@ void EmbeddedCluster::detach() {
     objects_.detach_events();
 }
 
-/* Names and who serves --------------------------------------------------------------------------
- */
+/* Names and who serves ------------------------------------------------------------------------ */
 
 Status EmbeddedCluster::bind_name(std::string_view name, std::uint32_t &app_id_out) {
     const Guard guard(names_lock_);
@@ -133,8 +132,7 @@ Status EmbeddedCluster::declare_gone(std::uint32_t host_number) {
     return OMRALIB_RET_SUCCESS;
 }
 
-/* Plans -----------------------------------------------------------------------------------------
- */
+/* Plans --------------------------------------------------------------------------------------- */
 
 /* Which of `hosts` a slot is at home on. Neighbouring slots are at home on one host, so that few
  * shards are divided. What is at home on a host that is not among `hosts` is spread over those that
@@ -193,8 +191,7 @@ Status EmbeddedCluster::plan(const Selection &selection, std::span<const HostId>
     return status;
 }
 
-/* Requests and replies --------------------------------------------------------------------------
- */
+/* Requests and replies ------------------------------------------------------------------------ */
 
 Status EmbeddedCluster::send(Request request) {
     const HostId host = request.share.host;

@@ -80,8 +80,7 @@ EmbeddedObjects::EmbeddedObjects(Clock &clock, const Configuration &configuratio
       budget_(configuration.memory_limit), waiters_(clock), directory_(context_),
       sweeper_(clock, directory_) {}
 
-/* One object ------------------------------------------------------------------------------------
- */
+/* One object ---------------------------------------------------------------------------------- */
 
 /* Unlike any other ticket until 2^31 - 1 more locks have been taken, and never 0. */
 int EmbeddedObjects::next_ticket() {
@@ -169,8 +168,7 @@ Status EmbeddedObjects::copy(const Key &from, const Key &to, std::uint32_t timeo
     return status;
 }
 
-/* Sets of objects --------------------------------------------------------------------------------
- */
+/* Sets of objects ----------------------------------------------------------------------------- */
 
 std::vector<Partition *> EmbeddedObjects::partitions_of(std::uint32_t app_id) const {
     if (app_id == OMRALIB_ALL_APP_IDS) {

@@ -1,3 +1,4 @@
+/* What a value, and an object of a sample, is compared by. */
 #include "engine/conditions.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+/* Sorting keys by their bits, in place; see key_sort.h. */
 #include "engine/key_sort.h"
 
 #include <algorithm>

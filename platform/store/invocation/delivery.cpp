@@ -40,8 +40,7 @@ Task::Task(std::size_t its_index, Share its_share)
     }
 }
 
-/* Replies ---------------------------------------------------------------------------------------
- */
+/* Replies ------------------------------------------------------------------------------------- */
 
 Task *Delivery::find(RequestId request) {
     const auto found = std::find_if(tasks_.begin(), tasks_.end(), [&](const Task &task) {
@@ -124,8 +123,7 @@ void Delivery::drop_objects(const Task &task) {
     shared_.temp_objects.remove({task.results_key, task.exceptions_key});
 }
 
-/* Sending ---------------------------------------------------------------------------------------
- */
+/* Sending ------------------------------------------------------------------------------------- */
 
 Status Delivery::find_hosts(std::vector<HostId> &hosts_out) const {
     const std::uint32_t event_app_id = order_.header.reserved2;
@@ -257,8 +255,7 @@ bool Delivery::send_next() {
     return true;
 }
 
-/* Withdrawing -----------------------------------------------------------------------------------
- */
+/* Withdrawing --------------------------------------------------------------------------------- */
 
 /* When the host of a task that has been sent may count as silent, as far as can be known now. */
 Millis Delivery::silent_at(const Task &task) const {
@@ -311,8 +308,7 @@ void Delivery::stop() {
     }
 }
 
-/* The end of tasks ------------------------------------------------------------------------------
- */
+/* The end of tasks ---------------------------------------------------------------------------- */
 
 std::optional<Task> Delivery::take_ended() {
     const auto found =

@@ -39,8 +39,7 @@ Status Invocation::run(OMRA_INVOKE_RESULT &result_out) {
     return status;
 }
 
-/* Plan ------------------------------------------------------------------------------------------
- */
+/* Plan ---------------------------------------------------------------------------------------- */
 
 Status Invocation::plan() {
     std::vector<HostId> hosts;
@@ -63,8 +62,7 @@ Status Invocation::plan() {
     return status;
 }
 
-/* Deliver and fold ------------------------------------------------------------------------------
- */
+/* Deliver and fold ---------------------------------------------------------------------------- */
 
 /* Until everything is over, with OMRALIB_RET_SUCCESS, or the deadline has come, or the invocation
  * has been cancelled. */
@@ -176,8 +174,7 @@ void Invocation::renew() {
     }
 }
 
-/* Answer ----------------------------------------------------------------------------------------
- */
+/* Answer -------------------------------------------------------------------------------------- */
 
 /* Those that there may be: of hosts in the order of their shares, then of folds. */
 std::vector<Key> Invocation::exceptions_keys() {
@@ -240,8 +237,7 @@ void Invocation::discard() {
     shared_.temp_objects.remove(exceptions_keys());
 }
 
-/* Progress --------------------------------------------------------------------------------------
- */
+/* Progress ------------------------------------------------------------------------------------ */
 
 OMRALIB_PROGRESS Invocation::progress() const {
     OMRALIB_PROGRESS progress{};

@@ -18,8 +18,7 @@ std::uint64_t OpenRequest::num_begun() const {
     return num;
 }
 
-/* Contexts ---------------------------------------------------------------------------------------
- */
+/* Contexts ------------------------------------------------------------------------------------ */
 
 std::uint32_t OpenRequests::add(const std::shared_ptr<OpenRequest> &request) {
     const Guard guard(lock_);
@@ -87,8 +86,7 @@ void OpenRequests::note_update(const Key &key) {
     }
 }
 
-/* Reads -----------------------------------------------------------------------------------------
- */
+/* Reads --------------------------------------------------------------------------------------- */
 
 namespace {
 
