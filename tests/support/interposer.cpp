@@ -93,6 +93,7 @@ struct Operation;
 
 template <auto *operation, class R, class... A>
 struct Operation<operation, R(A...)> {
+    using Result = R;
     using Value = std::conditional_t<std::is_void_v<R>, long, R>;
     using Arguments = std::tuple<A...>;
 
@@ -306,7 +307,7 @@ std::size_t num_blocks() {
     std::tuple_element_t<index, interposer::Operation<name>::Arguments> a##index
 #define ARGUMENT(name, index) a##index
 #define WRAP(arity, name)                                                                          \
-    extern "C" auto __wrap_##name(EACH_##arity(PARAMETER, name)) {                                 \
+    extern "C" interposer::Operation<name>::Result __wrap_##name(EACH_##arity(PARAMETER, name)) {  \
         return interposer::Operation<name>::interpose(EACH_##arity(ARGUMENT, name));               \
     }
 INTERPOSED_OPERATIONS(WRAP)
