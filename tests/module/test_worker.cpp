@@ -21,27 +21,26 @@ protected:
     }
 };
 
-struct Count_case {
-    unsigned int num_lprocs, argument;
-    BOOLEAN in_svc;
-    int expected;
-};
-class Thread_count_test : public Init_test, public testing::WithParamInterface<Count_case> {};
-
-TEST_P(Thread_count_test, IsChosenOnce) {
-    const Count_case &c = GetParam();
-    instead<Sys_get_num_lprocs> = [&] { return c.num_lprocs; };
-    omrapmi_in_svc = c.in_svc;
-    EXPECT_EQ(Omrapmi_worker_init_ext(c.argument), 1);
-    EXPECT_EQ(Omrapmi_worker_init_ext(4), 1);
-    EXPECT_EQ(Omrapmi_get_worker_thread_count(), c.expected);
-    EXPECT_EQ(interposer::num_forks(), 1u); // the dispatcher
+// By the processors, the argument and whether the module is inside a service, in a process each.
+TEST_F(Init_test, TheNumberOfThreadsIsChosenOnce) {
+    const struct {
+        unsigned int num_lprocs, argument;
+        BOOLEAN in_svc;
+        int expected;
+    } cases[] = {{31, 0, 0, 32}, {40, 0, 0, 32}, {~0u, 0, 0, 2}, {1, 100, 0, 100}, {7, 8, 1, 1}};
+    for (const auto &each : cases) {
+        const auto set_up = [&] {
+            instead<Sys_get_num_lprocs> = [&] { return each.num_lprocs; };
+            omrapmi_in_svc = each.in_svc;
+            EXPECT_EQ(Omrapmi_worker_init_ext(each.argument), 1);
+            EXPECT_EQ(Omrapmi_worker_init_ext(4), 1);
+            EXPECT_EQ(interposer::num_forks(), 1u); // the dispatcher
+            EXPECT_EQ(Omrapmi_get_worker_thread_count(), each.expected);
+            std::exit(HasFailure() ? 1 : 0);
+        };
+        EXPECT_EXIT(set_up(), testing::ExitedWithCode(0), "");
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Rules, Thread_count_test,
-                         testing::Values(Count_case{31, 0, 0, 32}, Count_case{40, 0, 0, 32},
-                                         Count_case{~0u, 0, 0, 2}, Count_case{1, 100, 0, 100},
-                                         Count_case{7, 8, 1, 1}));
 
 // The schedules play this with fibers, which the thread sanitizer does not know.
 TEST_F(Init_test, AllThreadsMayComeFirst) {

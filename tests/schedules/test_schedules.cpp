@@ -32,10 +32,6 @@ constexpr Seed share = 1;
 
 constexpr unsigned int num_workers = 9; // a thread for each key of the largest request
 
-bool chance(Rng &rng, unsigned int one_in) {
-    return rng() % one_in == 0;
-}
-
 // Runs `body` in a process of its own. False when it ended in any way but well.
 bool passes_apart(const std::function<void()> &body, bool is_quiet) {
     std::fflush(nullptr);
@@ -127,7 +123,7 @@ protected:
         const auto n = static_cast<unsigned int>(2 + rng() % 8);
         // The objects that fail and that are silent, and the merges that fail, one bit each.
         Seed failing = 0, silent = 0, failing_merges = 0;
-        if (chance(rng, 2)) {
+        if (rng() % 2 == 0) {
             failing = rng() & rng();
             silent = rng() & rng();
             failing_merges = rng() & rng() & rng();
@@ -146,7 +142,7 @@ protected:
         script().is_sender = [](unsigned int host_id, unsigned int) {
             return host_id == 0xABC + 5;
         };
-        if (chance(rng, 2)) { // evals go on in this order of their objects only
+        if (rng() % 2 == 0) { // evals go on in this order of their objects only
             std::vector<unsigned int> order(n);
             std::iota(order.begin(), order.end(), 0u);
             std::shuffle(order.begin(), order.end(), rng);

@@ -67,12 +67,12 @@ int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_l
 
 // Answers -----------------------------------------------------------------------------------------
 
-// An invocation with these functions, and what may have happened to it beside them.
+// An invocation with these functions for objects of app id 7, and what may have happened to it
+// beside them.
 struct Invocation {
     Objects asked;
     std::function<bool(unsigned int object)> fails = {}; // its eval
     std::function<bool(unsigned int object)> is_silent = {};
-    unsigned int app_id = 7; // of the objects
     bool merges_may_fail = false;
     bool objects_may_be_lost = false; // reads fail, or no host is left that would take them
     bool answers_may_be_lost = false; // the store did what it said it had not done
