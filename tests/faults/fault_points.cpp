@@ -51,17 +51,15 @@ std::optional<Mode> next_call(const Call &call) {
     for (std::size_t i = 0; i < armed.points.size(); ++i) {
         const auto &[number, mode, extent] = armed.points[i];
         std::string &started = armed.started[i];
-        if (mode != Mode::refused && !call.is_store()) {
-            continue;
-        }
-        const unsigned int own_number =
-            mode == Mode::refused ? armed.seen.num_calls : armed.seen.num_store_calls;
+        const unsigned int own_number = mode == Mode::refused ? armed.seen.num_calls
+                                        : call.is_store()     ? armed.seen.num_store_calls
+                                                              : 0;
         if (own_number == number) {
             started = operation;
         }
-        if (own_number == number ||
-            (own_number > number &&
-             (extent == Extent::all || (extent == Extent::operation && started == operation)))) {
+        const bool goes_on =
+            extent == Extent::all || (extent == Extent::operation && started == operation);
+        if (own_number == number || (own_number > number && goes_on)) {
             armed.seen.num_fired += 1;
             return mode;
         }

@@ -66,16 +66,14 @@ struct Scenario {
     void (*run)();  // while points are armed
 };
 
-// What holds for the present run.
-struct Conditions {
-    unsigned int num_workers;
-    bool starts_up;
-    Plan plan;
+// The present run.
+Scenario scenario;
+unsigned int num_workers = 0;
+Plan plan;
 
-    bool is_lone() const { // no more than one call fails
-        return plan.empty() || (plan.size() == 1 && plan[0].extent == Extent::once);
-    }
-} conditions;
+bool is_lone() { // no more than one call fails
+    return plan.empty() || (plan.size() == 1 && plan[0].extent == Extent::once);
+}
 
 // Invocations -------------------------------------------------------------------------------------
 
@@ -141,22 +139,21 @@ int status_after(const std::string &failed) {
 void invoke_armed(const Request &request) {
     faults::take_failed();
     set_functions::Invocation expected = calm(request);
-    expected.objects_may_be_lost |= !conditions.plan.empty();
+    expected.objects_may_be_lost |= !plan.empty();
     expected.answers_may_be_lost =
-        std::ranges::count(conditions.plan, Mode::reply_lost, &faults::Point::mode) != 0;
-    const int status =
-        invoke(request, expected, conditions.is_lone() ? patient_timeout_s : hasty_timeout_s);
+        std::ranges::count(plan, Mode::reply_lost, &faults::Point::mode) != 0;
+    const int status = invoke(request, expected, is_lone() ? patient_timeout_s : hasty_timeout_s);
     const std::string failed = faults::take_failed();
-    if (conditions.is_lone() && !worker_side_lost) {
+    if (is_lone() && !worker_side_lost) {
         expect(status == status_after(failed) ||
-                   (failed.empty() && conditions.starts_up && status != OMRALIB_ERR_INVOKE_TIMEOUT),
+                   (failed.empty() && scenario.starts_up && status != OMRALIB_ERR_INVOKE_TIMEOUT),
                "the invocation ended with " + std::to_string(status) + " after " + failed);
     }
 }
 
 void set_up_module() {
     set_functions::register_all(app);
-    Omrapmi_worker_init_ext(conditions.num_workers);
+    Omrapmi_worker_init_ext(num_workers);
     Omrapmi_worker_start(app);
 }
 
@@ -178,7 +175,7 @@ void first_use(std::size_t first) {
         [] { Omrapmi_free(Omrapmi_malloc(5)); },
         [] { invoke_armed({}); },
     };
-    Omrapmi_worker_init_ext(conditions.num_workers);
+    Omrapmi_worker_init_ext(num_workers);
     for (std::size_t i = 0; i < std::size(entries); ++i) {
         entries[(first + i) % std::size(entries)]();
     }
@@ -286,11 +283,11 @@ void check_afterwards() {
 }
 
 // Runs the scenario with these points armed.
-void play(const Scenario &scenario, unsigned int num_workers, const Plan &plan) {
+void play(const Plan &points) {
     sys_trace_level = 0;
     Sys_set_trace_func(listen);
     open_world();
-    conditions = {num_workers, scenario.starts_up, plan};
+    plan = points;
     be_calm();
     // The pools' first descriptors, so that the module needs memory for more.
     std::vector<OMRAPMI_IDSC *> idscs;
@@ -338,8 +335,9 @@ void play(const Scenario &scenario, unsigned int num_workers, const Plan &plan) 
 class Sweep : public testing::TestWithParam<std::tuple<Scenario, unsigned int>> {
 protected:
     void SetUp() override {
+        std::tie(scenario, num_workers) = GetParam();
         if (const char *text = std::getenv("FAULT_POINTS")) {
-            std::apply(play, std::tuple_cat(GetParam(), std::tuple(faults::to_points(text))));
+            play(faults::to_points(text));
             ASSERT_STREQ("", report.complaints);
             GTEST_SKIP() << "the one run is right";
         }
@@ -348,17 +346,17 @@ protected:
     }
 
     // Runs the scenario in a new process.
-    static faults::Seen run(const Plan &plan) {
+    static faults::Seen run(const Plan &points) {
         report = {};
         const pid_t child = fork();
         if (child == 0) {
             alarm(60);
-            std::apply(play, std::tuple_cat(GetParam(), std::tuple(plan)));
+            play(points);
             _exit(report.complaints[0] == '\0' ? 0 : 1);
         }
         int status = 0;
         waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0) << "FAULT_POINTS='" << faults::to_text(plan)
+        EXPECT_EQ(status, 0) << "FAULT_POINTS='" << faults::to_text(points)
                              << "': " << report.complaints
                              << (WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "") << " "
                              << (report.stage ? report.stage : "at the start");

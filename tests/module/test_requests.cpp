@@ -18,6 +18,7 @@ protected:
         Module_test::SetUp();
         ASSERT_EQ(Omrapmi_worker_init_ext(1), 1);
         ASSERT_TRUE(set_functions::register_all(world::app));
+        Sys_set_trace_func([](const char *line) { trace += line; });
         run(eval_request(4), {}); // starts the threads
     }
     // Runs a request until nothing of it is left, and removes what it leaves in the store. Answers
@@ -25,6 +26,7 @@ protected:
     // each exception's code, with the number of the object whose eval or read failed; the reports.
     static std::string run(const OMRALIB_INVOKE_PARAMS &params, const Keys &keys) {
         take_log();
+        trace.clear();
         const Completion done = run_request(params, keys);
         wait_until([] { return interposer::ledger() == interposer::Ledger{}; });
         std::ostringstream text;
@@ -53,6 +55,8 @@ protected:
     static void put_result(const std::vector<unsigned int> &objects, unsigned int number = 900) {
         world::put(number, set_functions::result_bytes(set_functions::set_of(objects)));
     }
+
+    static inline std::string trace; // of the last request
 };
 
 TEST_F(Request_test, ThoseThatCannotRunAreCompletedAsFailed) {
@@ -78,6 +82,10 @@ TEST_F(Request_test, ThoseThatCannotRunAreCompletedAsFailed) {
     EXPECT_EQ(run(eval_request(5), {}), "0/0 [num_keys > 0|num_keys != 0]");
     // An invoke-once eval for several keys would be completed for each of them.
     EXPECT_EQ(run(eval_request(5, "", MGTI_APPID_INVOKE_ONCE), keys).find("0/3 ["), 0u);
+    // A descriptor that is used again has kept nothing of the parameters.
+    EXPECT_EQ(run(merge_request(51, 0), keys), "0/3");
+    EXPECT_EQ(trace, "Tr [pmi-rgo 0] -109\nTr [pmi-d 0] -109\nTr [pmi-td 2]\n"
+                     "Omrapmi worker: completed eval invreq 5 after failure.\n");
 }
 
 TEST_F(Request_test, ParametersReachTheEvals) {
@@ -96,8 +104,6 @@ TEST_F(Request_test, ParametersReachTheEvals) {
 }
 
 TEST_F(Request_test, ReadsOfObjects) {
-    static std::string trace;
-    Sys_set_trace_func([](const char *line) { trace += line; });
     Keys keys = put_objects(4);
     world::remove(0);  // gone: counts as successful, silently
     world::put(3, ""); // an eval without data
