@@ -185,6 +185,8 @@ TEST_F(Request_test, TheEnd) {
     put_result({40, 41});
     world::put(901, std::string(48, '\0'));
     script().fails = fails;
+    const interposer::Answer elsewhere{"read_and_lock_obj", OMRALIB_ERR_OBJ_LOCKED};
+    interposer::script({elsewhere, elsewhere, elsewhere}); // one waits for the lock
     EXPECT_EQ(eval(4), "2/2 0 3 40 41 0 1001:1 1002:2");
     world::put(900, ""); // created, but not filled
     EXPECT_EQ(eval(1), "1/0 0");
