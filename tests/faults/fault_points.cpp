@@ -2,14 +2,10 @@
 
 #include "storapp.h"
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <sstream>
-#include <stdexcept>
 #include <utility>
 
 namespace faults {
@@ -19,73 +15,51 @@ using interposer::Call;
 using interposer::Verdict;
 
 struct Armed {
+    bool is_armed = false;
+    bool one_worker = true;
     std::vector<Point> points;
     std::vector<std::string> started; // by point: the operation that it began with
     Seen seen;
-    bool one_worker = true;
 };
 
 // Worker threads outlive main, and so do the things that they use.
 std::mutex &mutex = *new std::mutex;
 Armed &armed = *new Armed; // guarded by mutex
-std::atomic<bool> is_armed{false};
 thread_local std::string failed;
-
-constexpr std::array<std::string_view, 5> mode_names = {"refused", "reply_lost", "host_1_dies",
-                                                        "host_2_dies", "host_3_dies"};
-constexpr std::array<std::string_view, 3> extent_names = {"once", "operation", "all"};
-
-std::size_t index(auto value) {
-    return static_cast<std::size_t>(value);
-}
-
-template <class Value>
-Value find(const auto &names, const std::string &name) {
-    const auto found = std::ranges::find(names, name);
-    if (found == names.end()) {
-        throw std::invalid_argument(name);
-    }
-    return static_cast<Value>(found - names.begin());
-}
 
 // What a call answers that fails; nothing for one that cannot.
 std::optional<long> failure(const Call &call) {
-    static const std::map<std::string_view, long> own = {
-        {"Omralib_init", OMRALIB_ERR_CANT_INIT},
-        {"Omralib_open_ext", OMRALIB_NULL_HANDLE},
-        {"Sys_malloc", 0},
-        {"Thread_fork", NULLTHREADID},
-        {"Thread_datap_set", 0},
-        {"Lock_enter", 0},
-    };
-    const auto found = own.find(call.name);
-    return found != own.end() ? std::optional(found->second)
-           : call.is_store()  ? std::optional<long>(connection_lost)
-                              : std::nullopt;
+    static const std::set<std::string_view> not_of_the_store = {"Sys_malloc", "Thread_fork",
+                                                                "Thread_datap_set", "Lock_enter"};
+    if (!call.is_store()) {
+        return not_of_the_store.contains(call.name) ? std::optional<long>(0) : std::nullopt;
+    }
+    return call.name == "Omralib_init"       ? long{OMRALIB_ERR_CANT_INIT}
+           : call.name == "Omralib_open_ext" ? long{OMRALIB_NULL_HANDLE}
+                                             : connection_lost;
 }
 
 // Numbers the call; the mode in which it fails.
 std::optional<Mode> next_call(const Call &call) {
     std::string operation(call.name);
-    if (call.name == "Sys_malloc") {
-        operation.append(" ").append(std::to_string(call.number));
+    if (operation == "Sys_malloc") {
+        const std::string text = call.text();
+        operation.append(text, text.rfind(' ')); // its tag
     }
     armed.seen.num_calls += 1;
     armed.seen.num_store_calls += call.is_store() ? 1 : 0;
     for (std::size_t i = 0; i < armed.points.size(); ++i) {
         const auto &[number, mode, extent] = armed.points[i];
         std::string &started = armed.started[i];
-        const unsigned int own_number =
-            mode == Mode::refused ? armed.seen.num_calls : armed.seen.num_store_calls;
-        if (mode != Mode::refused && !call.is_store()) {
-            continue;
-        }
+        const unsigned int own_number = mode == Mode::refused ? armed.seen.num_calls
+                                        : call.is_store()     ? armed.seen.num_store_calls
+                                                              : 0;
         if (own_number == number) {
             started = operation;
         }
-        if (own_number == number ||
-            (own_number > number &&
-             (extent == Extent::all || (extent == Extent::operation && started == operation)))) {
+        const bool goes_on =
+            extent == Extent::all || (extent == Extent::operation && started == operation);
+        if (own_number == number || (own_number > number && goes_on)) {
             armed.seen.num_fired += 1;
             return mode;
         }
@@ -97,33 +71,27 @@ std::optional<Mode> next_call(const Call &call) {
 
 Verdict fail_by_number(const Call &call) {
     const std::optional<long> answer = failure(call);
-    if (!is_armed.load(std::memory_order_acquire) || !answer) {
+    const std::lock_guard guard(mutex);
+    const std::optional<Mode> mode = armed.is_armed && answer ? next_call(call) : std::nullopt;
+    if (!mode) {
         return {};
     }
-    const std::lock_guard guard(mutex);
-    const std::optional<Mode> mode = next_call(call);
-    if (mode && *mode <= Mode::reply_lost) {
-        failed = call.name;
-    }
-    if (mode == Mode::refused && (call.name != "Lock_enter" || armed.one_worker)) {
-        return {Verdict::refused, *answer};
-    }
-    if (mode == Mode::refused || mode == Mode::reply_lost) {
-        return {Verdict::answer_lost, *answer};
-    }
-    if (mode) {
-        const auto host =
-            static_cast<unsigned int>(*mode) - static_cast<unsigned int>(Mode::host_1_dies) + 1;
+    if (*mode >= Mode::host_1_dies) {
+        const unsigned int host =
+            1 + static_cast<unsigned int>(*mode) - static_cast<unsigned int>(Mode::host_1_dies);
         return {Verdict::carried_out, 0, [host] { Omralib_declare_host_gone(host); }};
     }
-    return {};
+    failed = call.name;
+    const bool is_done =
+        *mode == Mode::reply_lost || (call.name == "Lock_enter" && !armed.one_worker);
+    return {is_done ? Verdict::answer_lost : Verdict::refused, *answer};
 }
 
 std::string to_text(const std::vector<Point> &points) {
     std::ostringstream text;
     for (const auto &[number, mode, extent] : points) {
-        text << (text.tellp() > 0 ? "," : "") << number << ':' << mode_names.at(index(mode)) << ':'
-             << extent_names.at(index(extent));
+        text << (text.tellp() > 0 ? " " : "") << number << ' ' << static_cast<unsigned int>(mode)
+             << ' ' << static_cast<unsigned int>(extent);
     }
     return text.str();
 }
@@ -131,24 +99,20 @@ std::string to_text(const std::vector<Point> &points) {
 std::vector<Point> to_points(const std::string &text) {
     std::vector<Point> points;
     std::istringstream list(text);
-    for (std::string number, mode, extent; std::getline(list, number, ':') &&
-                                           std::getline(list, mode, ':') &&
-                                           std::getline(list, extent, ',');) {
-        points.push_back({static_cast<unsigned int>(std::stoul(number)),
-                          find<Mode>(mode_names, mode), find<Extent>(extent_names, extent)});
+    for (unsigned int number, mode, extent; list >> number >> mode >> extent;) {
+        points.push_back({number, Mode{mode}, Extent{extent}});
     }
     return points;
 }
 
 void arm(const std::vector<Point> &points, bool one_worker) {
     const std::lock_guard guard(mutex);
-    armed = {points, std::vector<std::string>(points.size()), {}, one_worker};
-    is_armed.store(true, std::memory_order_release);
+    armed = {true, one_worker, points, std::vector<std::string>(points.size()), {}};
 }
 
 Seen disarm() {
     const std::lock_guard guard(mutex);
-    is_armed.store(false, std::memory_order_release);
+    armed.is_armed = false;
     return armed.seen;
 }
 

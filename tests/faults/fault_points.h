@@ -11,7 +11,7 @@
 
 namespace faults {
 
-enum class Mode {
+enum class Mode : unsigned int {
     refused,     // nothing is done, and the answer is an error
     reply_lost,  // it is done, and the answer is an error all the same
     host_1_dies, // it is done, and then a host of the store is gone
@@ -19,7 +19,7 @@ enum class Mode {
     host_3_dies,
 };
 
-enum class Extent {
+enum class Extent : unsigned int {
     once,
     operation, // this call and all later ones of the same operation
     all,       // this call and all later ones
@@ -33,7 +33,7 @@ struct Point {
     Extent extent = Extent::once;
 };
 
-// "12:refused:once,15:host_2_dies:all" and back; throws what is no such text.
+// The three numbers of each point, as in "12 0 0 15 3 2", and back.
 std::string to_text(const std::vector<Point> &points);
 std::vector<Point> to_points(const std::string &text);
 

@@ -1,7 +1,8 @@
 #include "module_test.h"
 
+#include "sysapp.h"
+
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -12,27 +13,18 @@ namespace {
 
 using interposer::instead;
 
-void poll(const std::function<bool()> &condition) {
-    for (unsigned int looks = 0; !condition(); ++looks) {
-        if (looks == 100'000) {
-            std::abort();
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-}
-
-// The requests that are delivered and not complete, or not taken notice of. Worker threads outlive
-// main, and so does this.
-struct Book {
-    std::mutex lock;
-    std::map<unsigned int, Keys> keys;              // guarded by lock
-    std::map<unsigned int, Completion> completions; // guarded by lock
+// The requests that are delivered and not taken notice of. Worker threads outlive main, and so does
+// this.
+struct Request {
+    Keys keys;
+    std::optional<Completion> completion;
 };
-Book &book = *new Book;
+std::mutex &lock = *new std::mutex;
+auto &requests = *new std::map<unsigned int, Request>; // by context; guarded by lock
 
 int get_keys(unsigned int context, OMRA_OBJKEY *pkeys, unsigned int num_keys) {
-    const std::lock_guard guard(book.lock);
-    const Keys &keys = book.keys.at(context);
+    const std::lock_guard guard(lock);
+    const Keys &keys = requests.at(context).keys;
     EXPECT_EQ(keys.size(), num_keys);
     std::copy(keys.begin(), keys.end(), pkeys);
     return OMRALIB_RET_SUCCESS;
@@ -42,29 +34,32 @@ int complete(unsigned int context, const Completion &completion) {
     if (on_complete) {
         on_complete(context);
     }
-    const std::lock_guard guard(book.lock);
-    EXPECT_EQ(book.keys.erase(context), 1u) << "completed twice, or unknown";
-    book.completions[context] = completion;
+    const std::lock_guard guard(lock);
+    EXPECT_FALSE(std::exchange(requests.at(context).completion, completion)) << "completed twice";
     return OMRALIB_RET_SUCCESS;
 }
 
 } // namespace
 
-std::function<void(const std::function<bool()> &)> &wait_until = *new auto(std::function(poll));
+std::function<void(const std::function<bool()> &)> &wait_until =
+    *new auto(std::function([](const std::function<bool()> &condition) {
+        while (!condition()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }));
 std::function<void(unsigned int)> &on_complete = *new std::function<void(unsigned int)>;
 
 int deliver(OMRALIB_INVOKE_PARAMS params, const Keys &keys) {
-    params.num_keys = static_cast<int>(keys.size());
-    {
-        const std::lock_guard guard(book.lock);
-        book.keys[params.context] = keys;
-    }
     const unsigned int context = params.context;
+    params.num_keys = static_cast<int>(keys.size());
+    std::unique_lock guard(lock);
+    requests[context] = {keys, {}};
+    guard.unlock();
     const int result = Omrapmi_invoke_ext_cb("pmicli\0\0\0\0\0\0\0\0\0", &params);
     std::memset(&params, 0xEE, sizeof params); // the module must have made its own copy
+    guard.lock();
     if (result != OMRALIB_INVOKE_ACCEPTED) {
-        const std::lock_guard guard(book.lock);
-        book.keys.erase(context);
+        requests.erase(context);
     }
     return result;
 }
@@ -73,9 +68,10 @@ Completion run_request(const OMRALIB_INVOKE_PARAMS &params, const Keys &keys) {
     EXPECT_EQ(deliver(params, keys), OMRALIB_INVOKE_ACCEPTED);
     Completion result = {};
     wait_until([&] {
-        const std::lock_guard guard(book.lock);
-        const auto completion = book.completions.extract(params.context);
-        return !completion.empty() && (result = completion.mapped(), true);
+        const std::lock_guard guard(lock);
+        const auto completion = requests.at(params.context).completion;
+        result = completion.value_or(result);
+        return completion && requests.erase(params.context) == 1;
     });
     return result;
 }
@@ -153,7 +149,7 @@ void check_nothing_left() {
     const interposer::Ledger left = interposer::ledger();
     EXPECT_TRUE(left.reads == 0 && left.object_locks == 0 && left.mutexes == 0);
     EXPECT_EQ(interposer::num_blocks(), 0u);
-    EXPECT_TRUE(book.keys.empty() && book.completions.empty()) << "a request left open";
+    EXPECT_TRUE(requests.empty()) << "a request left open";
 }
 
 void Module_test::SetUp() {
@@ -163,10 +159,9 @@ void Module_test::SetUp() {
                                           unsigned int num_successful, unsigned int num_failed) {
         return complete(context, {num_successful, num_failed});
     };
-    instead<Omralib_flush_invoke> = [](unsigned int context) {
-        return complete(context, {0, 0, true});
-    };
+    instead<Omralib_flush_invoke> = [](unsigned int context) { return complete(context, {}); };
     interposer::before = interposer::scripted;
-    interposer::collect_traces();
+    sys_trace_level = 0; // so that trace lines are put together
+    Sys_set_trace_func([](const char *) {});
     hdl = interposer::real<Omralib_open_ext>(nullptr);
 }

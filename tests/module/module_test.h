@@ -21,7 +21,6 @@ extern std::function<void(const std::function<bool()> &condition)> &wait_until;
 
 struct Completion {
     unsigned int num_successful, num_failed;
-    bool flushed = false;
     bool operator==(const Completion &) const = default;
 };
 

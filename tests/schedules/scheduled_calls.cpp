@@ -20,13 +20,13 @@ std::set<const void *> held; // locks of all kinds
 int process_cs;
 
 void enter(const void *lock, bool excludes = true) {
-    scheduler.wait_until([=] { return !excludes || held.count(lock) == 0; });
+    wait_until([=] { return !excludes || held.count(lock) == 0; });
     held.insert(lock);
 }
 
 void leave(const void *lock) {
     held.erase(lock);
-    scheduler.point();
+    point();
 }
 
 } // namespace
@@ -36,27 +36,24 @@ void schedule_calls() {
         if (set_functions::is_asking()) { // as part of the user's function
             return interposer::Verdict();
         }
-        scheduler.point();
+        point();
         return planted.follows_script ? interposer::scripted(call) : interposer::Verdict();
     };
     instead<Thread_fork> = [](void *(*pfunc)(void *), void *parg) {
-        return scheduler.start([=] { pfunc(parg); });
+        return start([=] { pfunc(parg); });
     };
-    instead<Thread_end> = [] { scheduler.end(); };
-    instead<Thread_myid> = [] { return scheduler.current(); };
+    instead<Thread_end> = [] { end(); };
+    instead<Thread_myid> = [] { return current(); };
     instead<Thread_sleep> = [](unsigned int) {};
     instead<Thread_datap_set> = [](void *pdata) {
-        scheduler.datap() = pdata;
+        datap() = pdata;
         return 1;
     };
-    instead<Thread_datap_get> = [] { return scheduler.datap(); };
+    instead<Thread_datap_get> = [] { return datap(); };
     instead<Sys_get_num_lprocs> = [] { return 2u; };
     instead<Blockq_deq> = [](BLOCKQ *pbq, unsigned int) {
         LINK *plink = nullptr;
-        scheduler.wait_until([&] {
-            plink = real<Blockq_deq>(pbq, 0);
-            return plink != nullptr;
-        });
+        wait_until([&] { return (plink = real<Blockq_deq>(pbq, 0)) != nullptr; });
         return plink;
     };
     instead<Lock_enter> = [](THREADLOCK *plock, unsigned int) {

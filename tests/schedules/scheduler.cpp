@@ -1,7 +1,11 @@
 #include "scheduler.h"
 
 #include <algorithm>
+#include <memory>
+#include <random>
 #include <utility>
+
+#include <ucontext.h>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/common_interface_defs.h>
@@ -15,98 +19,45 @@ constexpr std::size_t stack_len = 256 * 1024;
 constexpr std::uint64_t middle = 1ull << 62; // priorities start above it and drop below
 constexpr unsigned int max_drops = 5;
 
-} // namespace
+struct Fiber {
+    unsigned long number = 0;
+    std::function<void()> body;
+    std::unique_ptr<char[]> stack;
+    ucontext_t context{};
+    const std::function<bool()> *condition = nullptr; // what it waits for
+    std::uint64_t priority = 0;
+    bool done = false;
+    void *datap = nullptr;
+    void *fake_stack = nullptr; // AddressSanitizer's
+};
 
-Scheduler &scheduler = *new Scheduler;
+auto &fibers = *new std::vector<std::unique_ptr<Fiber>>; // by number
+Fiber *running = nullptr;
+Fiber main_fiber; // the caller of run()
 
-Scheduler::~Scheduler() = default;
+// Of the present run.
+std::mt19937_64 random_bits;
+bool walks = false;
+std::uint64_t step = 0, lowest = 0;
+std::vector<std::uint64_t> drops; // the steps at which the running fiber drops
 
-bool Scheduler::run(std::uint64_t seed, const std::vector<std::function<void()>> &bodies,
-                    unsigned int num_steps) {
-    random_.seed(seed);
-    walks_ = random(4) == 0;
-    step_ = 0;
-    lowest_ = middle;
-    drops_.assign(random(max_drops + 1), 0);
-    for (std::uint64_t &drop : drops_) {
-        drop = 1 + random(num_steps);
-    }
-    for (const auto &fiber : fibers_) {
-        fiber->priority = middle + random(middle);
-    }
-    const std::size_t num_before = fibers_.size();
-    for (const auto &body : bodies) {
-        start(body);
-    }
-    while (Fiber *fiber = next()) {
-        switch_to(fiber);
-    }
-    const auto first = fibers_.begin() + static_cast<std::ptrdiff_t>(num_before);
-    const auto last = first + static_cast<std::ptrdiff_t>(bodies.size());
-    const bool all_ended = std::all_of(first, last, [](const auto &fiber) { return fiber->done; });
-    std::erase_if(fibers_, [](const auto &fiber) { return fiber->done; });
-    return all_ended;
-}
-
-unsigned long Scheduler::start(std::function<void()> body) {
-    static unsigned long last_number = 0;
-    auto fiber = std::make_unique<Fiber>();
-    fiber->number = ++last_number;
-    fiber->body = std::move(body);
-    fiber->stack = std::make_unique<char[]>(stack_len);
-    fiber->priority = middle + random(middle);
-    getcontext(&fiber->context);
-    fiber->context.uc_stack.ss_sp = fiber->stack.get();
-    fiber->context.uc_stack.ss_size = stack_len;
-    fiber->context.uc_link = nullptr;
-    makecontext(&fiber->context, enter, 0);
-    fibers_.push_back(std::move(fiber));
-    return last_number;
-}
-
-void Scheduler::enter() {
-    scheduler.note_arrival(nullptr);
-    scheduler.current_->body();
-    scheduler.end();
-}
-
-void Scheduler::point() {
-    static const std::function<bool()> at_once = [] { return true; };
-    wait_until(at_once);
-}
-
-void Scheduler::wait_until(const std::function<bool()> &condition) {
-    if (current_ == nullptr) {
-        condition();
-        return;
-    }
-    ++step_;
-    if (std::find(drops_.begin(), drops_.end(), step_) != drops_.end()) {
-        current_->priority = --lowest_;
-    }
-    current_->condition = &condition;
-    switch_to(next());
-}
-
-void Scheduler::end() {
-    current_->done = true;
-    switch_to(next());
+std::uint64_t random(std::uint64_t bound) {
+    return random_bits() % bound;
 }
 
 // The fiber that goes on, or nullptr when none can. Conditions may take what they find, so each is
 // asked only when its fiber would be next.
-Scheduler::Fiber *Scheduler::next() {
+Fiber *next() {
     std::vector<Fiber *> candidates;
-    for (const auto &fiber : fibers_) {
+    for (const auto &fiber : fibers) {
         if (!fiber->done) {
             candidates.push_back(fiber.get());
         }
     }
-    if (walks_) {
-        std::shuffle(candidates.begin(), candidates.end(), random_);
+    if (walks) {
+        std::ranges::shuffle(candidates, random_bits);
     } else {
-        std::sort(candidates.begin(), candidates.end(),
-                  [](const Fiber *a, const Fiber *b) { return a->priority > b->priority; });
+        std::ranges::sort(candidates, std::greater(), &Fiber::priority);
     }
     for (Fiber *fiber : candidates) {
         if (fiber->condition == nullptr || (*fiber->condition)()) {
@@ -117,46 +68,118 @@ Scheduler::Fiber *Scheduler::next() {
     return nullptr;
 }
 
-// nullptr stands for the caller of run().
-void Scheduler::switch_to(Fiber *fiber) {
-    Fiber *const from = current_;
-    if (fiber == from) {
-        return;
-    }
-    current_ = fiber;
-    note_switch(from, fiber);
-    swapcontext(from ? &from->context : &main_context_, fiber ? &fiber->context : &main_context_);
-    note_arrival(from);
-}
-
 // AddressSanitizer wants to know which stack is in use.
 #if defined(__SANITIZE_ADDRESS__)
-namespace {
 const void *main_stack = nullptr;
 std::size_t main_stack_len = 0;
-} // namespace
 
-void Scheduler::note_switch(Fiber *from, const Fiber *to) {
-    void **const save = from ? (from->done ? nullptr : &from->fake_stack) : &main_fake_stack_;
-    __sanitizer_start_switch_fiber(save, to ? to->stack.get() : main_stack,
-                                   to ? stack_len : main_stack_len);
+void note_switch(Fiber &from, const Fiber &to) {
+    const bool to_main = &to == &main_fiber;
+    __sanitizer_start_switch_fiber(from.done ? nullptr : &from.fake_stack,
+                                   to_main ? main_stack : to.stack.get(),
+                                   to_main ? main_stack_len : stack_len);
 }
 
-void Scheduler::note_arrival(Fiber *at) const {
+void note_arrival(const Fiber &at) {
     const void *left_stack = nullptr;
     std::size_t left_len = 0;
-    __sanitizer_finish_switch_fiber(at         ? at->fake_stack
-                                    : current_ ? nullptr
-                                               : main_fake_stack_,
-                                    &left_stack, &left_len);
+    __sanitizer_finish_switch_fiber(at.fake_stack, &left_stack, &left_len);
     if (main_stack == nullptr) { // the first switch leaves it
         main_stack = left_stack;
         main_stack_len = left_len;
     }
 }
 #else
-void Scheduler::note_switch(Fiber *, const Fiber *) {}
-void Scheduler::note_arrival(Fiber *) const {}
+void note_switch(Fiber &, const Fiber &) {}
+void note_arrival(const Fiber &) {}
 #endif
+
+// nullptr stands for the caller of run().
+void switch_to(Fiber *fiber) {
+    if (fiber == running) {
+        return;
+    }
+    Fiber &from = running ? *running : main_fiber, &to = fiber ? *fiber : main_fiber;
+    running = fiber;
+    note_switch(from, to);
+    swapcontext(&from.context, &to.context);
+    note_arrival(from);
+}
+
+void enter() {
+    note_arrival(*running);
+    running->body();
+    end();
+}
+
+} // namespace
+
+bool run(std::uint64_t seed, const std::vector<std::function<void()>> &bodies,
+         unsigned int num_steps) {
+    random_bits.seed(seed);
+    walks = random(4) == 0;
+    step = 0;
+    lowest = middle;
+    drops.resize(random(max_drops + 1));
+    std::ranges::generate(drops, [=] { return 1 + random(num_steps); });
+    for (const auto &fiber : fibers) {
+        fiber->priority = middle + random(middle);
+    }
+    const auto num_before = static_cast<std::ptrdiff_t>(fibers.size());
+    std::ranges::for_each(bodies, start);
+    while (Fiber *fiber = next()) {
+        switch_to(fiber);
+    }
+    const auto first = fibers.begin() + num_before;
+    const bool all_ended = std::all_of(first, first + std::ssize(bodies),
+                                       [](const auto &fiber) { return fiber->done; });
+    std::erase_if(fibers, [](const auto &fiber) { return fiber->done; });
+    return all_ended;
+}
+
+unsigned long start(std::function<void()> body) {
+    static unsigned long last_number = 0;
+    auto fiber = std::make_unique<Fiber>();
+    fiber->number = ++last_number;
+    fiber->body = std::move(body);
+    fiber->stack = std::make_unique<char[]>(stack_len);
+    fiber->priority = middle + random(middle);
+    getcontext(&fiber->context);
+    fiber->context.uc_stack.ss_sp = fiber->stack.get();
+    fiber->context.uc_stack.ss_size = stack_len;
+    makecontext(&fiber->context, enter, 0);
+    fibers.push_back(std::move(fiber));
+    return last_number;
+}
+
+void point() {
+    static const std::function<bool()> at_once = [] { return true; };
+    wait_until(at_once);
+}
+
+void wait_until(const std::function<bool()> &condition) {
+    if (running == nullptr) {
+        condition();
+        return;
+    }
+    if (std::ranges::count(drops, ++step) != 0) {
+        running->priority = --lowest;
+    }
+    running->condition = &condition;
+    switch_to(next());
+}
+
+void end() {
+    running->done = true;
+    switch_to(next());
+}
+
+unsigned long current() {
+    return running ? running->number : 0;
+}
+
+void *&datap() {
+    return (running ? *running : main_fiber).datap;
+}
 
 } // namespace schedules

@@ -10,78 +10,31 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <random>
 #include <vector>
-
-#include <ucontext.h>
 
 namespace schedules {
 
-class Scheduler {
-public:
-    Scheduler() = default;
-    Scheduler(const Scheduler &) = delete;
-    Scheduler &operator=(const Scheduler &) = delete;
-    ~Scheduler();
+// Runs these to their end beside the fibers that are there already, and goes on until nobody can.
+// Answers false when one of them never ends. `num_steps` is how many points a run has, roughly:
+// dropping happens before.
+bool run(std::uint64_t seed, const std::vector<std::function<void()>> &bodies,
+         unsigned int num_steps = 300);
 
-    // Runs these to their end beside the fibers that are there already, and goes on until nobody
-    // can. Answers false when one of them never ends. `num_steps` is how many points a run has,
-    // roughly: dropping happens before.
-    bool run(std::uint64_t seed, const std::vector<std::function<void()>> &bodies,
-             unsigned int num_steps = 300);
+// A fiber that outlives the run; it starts when the scheduler lets it. Answers its number, from 1.
+unsigned long start(std::function<void()> body);
 
-    // A fiber that outlives the run; it starts when the scheduler lets it.
-    unsigned long start(std::function<void()> body);
+// The following do nothing, and `condition` must hold, where no fiber runs.
 
-    // The following do nothing, and `condition` must hold, where no fiber runs.
+// A scheduling point.
+void point();
+// Goes on when `condition` holds; when it is found to hold, this fiber is the next to run.
+void wait_until(const std::function<bool()> &condition);
+// Ends the running fiber.
+void end();
 
-    // A scheduling point.
-    void point();
-    // Goes on when `condition` holds; when it is found to hold, this fiber is the next to run.
-    void wait_until(const std::function<bool()> &condition);
-    // Ends the running fiber.
-    void end();
-
-    // Numbered from 1; 0 where no fiber runs.
-    unsigned long current() const { return current_ ? current_->number : 0; }
-    void *&datap() { return current_ ? current_->datap : no_datap_; }
-
-    std::uint64_t random(std::uint64_t bound) { return random_() % bound; }
-
-private:
-    struct Fiber {
-        unsigned long number = 0;
-        std::function<void()> body;
-        std::unique_ptr<char[]> stack;
-        ucontext_t context{};
-        const std::function<bool()> *condition = nullptr; // what it waits for
-        std::uint64_t priority = 0;
-        bool done = false;
-        void *datap = nullptr;
-        void *fake_stack = nullptr; // AddressSanitizer's
-    };
-
-    static void enter();
-    Fiber *next();
-    void switch_to(Fiber *fiber);
-    void note_switch(Fiber *from, const Fiber *to);
-    void note_arrival(Fiber *at) const;
-
-    std::vector<std::unique_ptr<Fiber>> fibers_; // by number - 1
-    Fiber *current_ = nullptr;
-    ucontext_t main_context_{};
-    void *main_fake_stack_ = nullptr;
-    void *no_datap_ = nullptr;
-
-    // Of the present run.
-    std::mt19937_64 random_;
-    bool walks_ = false;
-    std::uint64_t step_ = 0, lowest_ = 0;
-    std::vector<std::uint64_t> drops_; // the steps at which the running fiber drops
-};
-
-extern Scheduler &scheduler;
+// Of the running fiber; 0 where none runs.
+unsigned long current();
+void *&datap();
 
 // Has every call of the module made under the scheduler, in this process from now on.
 void schedule_calls();

@@ -53,10 +53,10 @@ inline auto &instead = *new std::function<std::remove_pointer_t<decltype(operati
 // One call, as a policy sees it. Valid during the call.
 struct Call {
     std::string_view name; // "Omralib_store_obj"
-    unsigned int number;   // the last one among the arguments: of Sys_malloc, the tag
     // The call in words, for logs and scripts: the name without "Omralib_", then the arguments.
     // Left out are the handle, pointers to memory and zeros. An object is its number, with its app
-    // id in front when that is not 7; a parameters object is "params".
+    // id in front when that is not 7; a parameters object is "params". Of Sys_malloc the tag is
+    // last.
     std::function<std::string()> text;
 
     bool is_store() const { return name.starts_with("Omralib_"); }
@@ -91,13 +91,9 @@ std::string take_log();
 
 // What was seen ---------------------------------------------------------------------------------
 
-// The conditions of assertion reports, joined by '|'. They are not printed.
+// The conditions of assertion reports, joined by '|'. They are printed only by a test's own
+// version.
 std::string take_reports();
-// Has trace lines collected; those since the last call, joined by '|', with "Tr [pmi-" cut down to
-// "[" and the newlines dropped.
-void collect_traces();
-std::string take_traces();
-
 // The rules of storlib.h that were broken since the last call, joined by '|': a handle of the
 // module used by two threads, a read begun while one is pending, bytes fetched that are not, a lock
 // that is not held.

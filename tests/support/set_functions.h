@@ -22,7 +22,6 @@ inline constexpr unsigned int max_objects = 5000;
 inline constexpr unsigned int no_object = max_objects - 1;
 inline constexpr int eval_failure = 1000; // plus the object: the code of a failing eval
 inline constexpr int merge_failure = 77;
-inline constexpr int no_memory = 42;
 
 using Objects = std::bitset<max_objects>;
 Objects set_of(const std::vector<unsigned int> &objects);
@@ -36,32 +35,23 @@ struct Result {
 };
 std::string object_bytes(unsigned int object);
 std::string result_bytes(const Objects &objects, unsigned int label = 0);
-// Those of a result; complains about bytes that are none. "none" is no result, of no objects.
-Objects objects_of(std::string_view result);
 
 // How the functions behave. Written while none runs.
 struct Script {
-    bool ask = true; // where they run; not so where a test runs them on no worker thread
+    bool ask = true;      // where they run; not so where a test runs them on no worker thread
+    bool has_keys = true; // merges run on threads that have evaluated an object
+    std::optional<std::string> params; // that every eval must have
     std::function<bool(unsigned int object, unsigned int label)> fails;
     std::function<bool(unsigned int object)> is_silent; // without a result
     std::function<bool(const Result &dst, const Result &src)> merge_fails;
     // Whether this host may send requests of the invocation.
     std::function<bool(unsigned int host_id, unsigned int label)> is_sender;
     std::function<void(unsigned int object)> on_eval; // runs first
-    std::function<void()> on_merge;                   // runs first
-    // Run last, with a merge's source and what the function hands out, for them to change.
-    std::function<void(const char *, char **, unsigned int *)> spoil_eval, spoil_merge;
+    // Runs last, with a merge's source or NULL and what the function hands out, for it to change.
+    std::function<void(const char *psrc, char **pout, unsigned int *plen_out)> spoil;
 };
 Script &script();
 
-// What was seen since the last reset, over all threads.
-struct Seen {
-    unsigned int num_merges = 0, num_failed_merges = 0;
-    unsigned int num_keyless_merges = 0; // on threads that had evaluated no object before
-    std::string params;                  // of the last eval
-};
-Seen seen();
-void reset(); // the script as well
 // A function is asking where it runs: calls of libraries are then the test's own.
 bool is_asking();
 
@@ -77,12 +67,12 @@ int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_l
 
 // Answers -----------------------------------------------------------------------------------------
 
-// An invocation with these functions, and what may have happened to it beside them.
+// An invocation with these functions for objects of app id 7, and what may have happened to it
+// beside them.
 struct Invocation {
     Objects asked;
     std::function<bool(unsigned int object)> fails = {}; // its eval
     std::function<bool(unsigned int object)> is_silent = {};
-    unsigned int app_id = 7; // of the objects
     bool merges_may_fail = false;
     bool objects_may_be_lost = false; // reads fail, or no host is left that would take them
     bool answers_may_be_lost = false; // the store did what it said it had not done
