@@ -62,10 +62,12 @@ TEST_F(Init_test, StartAndStopTellTheStore) {
     for (const unsigned int app_id : {0x10000000u, 0x40000001u, ~0u}) {
         EXPECT_TRUE(Omrapmi_worker_start(app_id) == -1307 && Omrapmi_worker_stop(app_id) == -1307);
     }
-    script({{"register_cb", -101, "4"}});
-    EXPECT_EQ(Omrapmi_worker_start(7), -101); // and the callbacks are registered again
+    for (const char *type : {"3", "4"}) { // and then both are registered again
+        script({{"register_cb", -101, type}});
+        EXPECT_EQ(Omrapmi_worker_start(7), -101);
+    }
     EXPECT_EQ(Omrapmi_worker_init(0x30000002), 1);
-    EXPECT_EQ(take_log(), "register_cb 3|register_cb 4|register_cb 3|register_cb 4|"
+    EXPECT_EQ(take_log(), "register_cb 3|register_cb 3|register_cb 4|register_cb 3|register_cb 4|"
                           "open_ext pmicli|register_appname_hdl __OMRA_appname_system_backrest 30|"
                           "start_app_event_handling 805306370|close");
     EXPECT_TRUE(Omrapmi_worker_start(0x0FFFFFFF) == 1 && Omrapmi_worker_stop(0x0FFFFFFF) == 1);
