@@ -5,10 +5,8 @@
 // What a request selects is judged as well: a condition and its opposite find every object once,
 // and an explanation expects no less than there is. All hosts run on the invoking thread, and time
 // leaps to what is waited for, so that a run depends on its input alone.
-#include <algorithm>
-#include <cstring>
+#include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "client/store.h"
@@ -19,105 +17,64 @@
 
 namespace {
 
-using fuzz::check;
-
-constexpr unsigned int served_app = 77;
-constexpr unsigned int data_app = 5;
+constexpr unsigned int data_app = 5, served_app = 77;
 constexpr std::size_t num_objects = 60;
 
 TestClock &test_clock = *new TestClock; // threads of the store outlive main
 OMRALIB_HANDLE hdl, worker;
-FuzzedDataProvider *pdata_left; // what is left of the input
-bool may_be_silent;
 
 // What is selected -------------------------------------------------------------------------------
 
-void sort_keys(std::vector<store::Key> &keys) {
-    std::sort(keys.begin(), keys.end(), store::KeyLess());
-}
-
-std::vector<store::Key> find(const store::Condition &where) {
-    store::Selection selection;
-    selection.app_id = data_app;
-    selection.where = where;
-    std::vector<store::Key> keys;
-    check(store::find(store::Store::current()->objects(), selection, nullptr, keys) ==
-              OMRALIB_RET_SUCCESS,
-          "find");
-    return keys;
-}
-
-void check_refusal(std::string_view query, const std::string &why) {
-    check(why.starts_with("at "), "a refusal without a place");
-    const unsigned long long place = std::strtoull(why.c_str() + 3, nullptr, 10);
-    check(place >= 1 && place <= query.size() + 1, "a place that is not in the query");
-}
-
-void check_selection(const store::Selection &selection) {
-    store::Explanation explanation;
-    check(store::Store::current()->objects().explain(selection, explanation) == OMRALIB_RET_SUCCESS,
-          "no explanation");
-    std::vector<store::Key> all = find(selection.where);
-    check(selection.app_id != data_app || all.size() <= explanation.expected,
-          "more than was expected");
-    const std::vector<store::Key> others = find(negation_of(selection.where));
-    all.insert(all.end(), others.begin(), others.end());
-    sort_keys(all);
-    const auto is_same = [](const auto &a, const auto &b) { return store::order_of(a, b) == 0; };
-    check(all.size() == num_objects &&
-              std::adjacent_find(all.begin(), all.end(), is_same) == all.end(),
+void check_condition(const store::Condition &condition) {
+    store::Objects &objects = store::Store::current()->objects();
+    std::set<store::Key, store::KeyLess> all;
+    std::size_t num_found = 0;
+    for (const store::Condition &where : {condition, negation_of(condition)}) {
+        const store::Selection each{.app_id = data_app, .where = where};
+        store::Explanation explanation;
+        std::vector<store::Key> keys;
+        check(objects.explain(each, explanation) == 1 && find(objects, each, nullptr, keys) == 1,
+              "it is not looked for");
+        check(keys.size() <= explanation.expected, "more than was expected");
+        num_found += keys.size();
+        all.insert(keys.begin(), keys.end());
+    }
+    check(num_found == num_objects && all.size() == num_objects,
           "a condition and its opposite disagree");
 }
 
-void check_request(std::string_view request) {
+void check_request(const std::vector<char> &request) {
     store::InvokeOrder order;
     std::string why;
-    const store::Status status =
-        store::parse_request(std::as_bytes(std::span(request)), order, why);
-    if (status == OMRALIB_ERR_BAD_QUERY) {
-        OMRA_INDEX_HDR header;
-        std::memcpy(&header, request.data(), sizeof header);
-        if (header.reserved1 == OMRALIB_QUERY_PASS_THROUGH) {
-            check_refusal(request.substr(sizeof header), why);
-        }
+    const auto status = store::parse_request(std::as_bytes(std::span(request)), order, why);
+    if (status == OMRALIB_ERR_BAD_QUERY &&
+        request[offsetof(OMRA_INDEX_HDR, reserved1)] == OMRALIB_QUERY_PASS_THROUGH) {
+        const std::size_t place = std::strtoull(why.substr(3).c_str(), nullptr, 10); // "at ..."
+        check(place >= 1 && place <= request.size() - sizeof order.header + 1,
+              "a place that is not in the query");
     } else if (status == OMRALIB_RET_SUCCESS) {
-        check_selection(order.selection);
+        check_condition(order.selection.where);
     }
 }
 
 // Hosts ------------------------------------------------------------------------------------------
 
-unsigned int draw_count(FuzzedDataProvider &data) {
-    return data.ConsumeBool() ? data.ConsumeIntegralInRange<unsigned int>(0, 70)
-                              : data.ConsumeIntegral<unsigned int>();
-}
-
-void draw_object(FuzzedDataProvider &data, const OMRA_OBJKEY &key) {
-    if (data.ConsumeBool()) {
-        const std::string bytes = data.ConsumeRandomLengthString(100);
-        Omralib_store_obj(worker, 0, bytes.data(), static_cast<unsigned int>(bytes.size()), 1, key);
-    }
-}
-
 int on_invoke(const char *, OMRALIB_INVOKE_PARAMS *pparams) {
-    FuzzedDataProvider &data = *pdata_left;
-    static constexpr int refusals[] = {OMRALIB_INVOKE_NO_KEYS, OMRALIB_INVOKE_NO_MEMORY, 0, -120};
-    std::vector<OMRA_OBJKEY> keys(static_cast<std::size_t>(pparams->num_keys));
-    check(pparams->merge_request != 0 ||
-              Omralib_get_invoke_keys(pparams->context, keys.data(),
-                                      static_cast<unsigned int>(keys.size())) == 1,
-          "no keys");
-    const int what = data.ConsumeIntegralInRange<int>(0, 7);
-    if (what == 5) {
-        return data.PickValueInArray(refusals);
+    const bool may_be_silent = pparams->invoke_timeout != 0 && pparams->invoke_timeout <= 1000;
+    if (happens(8)) {
+        return pinput->ConsumeIntegralInRange(-5, OMRALIB_INVOKE_ACCEPTED - 1);
     }
-    if (what == 6) {
+    if (happens(8)) {
         Omralib_flush_invoke(pparams->context);
-    } else if (what != 7 || !may_be_silent) {
-        draw_object(data, pparams->results_key);
-        draw_object(data, pparams->exceptions_key);
-        const unsigned int num_successful = draw_count(data);
-        Omralib_complete_invoke(worker, pparams->context, num_successful, draw_count(data));
+    } else if (!may_be_silent || !happens(8)) {
+        for (const OMRA_OBJKEY &key : {pparams->results_key, pparams->exceptions_key}) {
+            if (pinput->ConsumeBool()) {
+                Omralib_store_obj(worker, 0, "5", pinput->ConsumeIntegralInRange(0u, 1u), 1, key);
+            }
+        }
+        unsigned int counts[2] = {pinput->ConsumeIntegralInRange(0u, 70u)};
+        overwrite(counts, sizeof counts);
+        Omralib_complete_invoke(worker, pparams->context, counts[0], counts[1]);
     }
     return OMRALIB_INVOKE_ACCEPTED;
 }
@@ -128,79 +85,36 @@ std::string bytes_of(const auto &record) {
     return {reinterpret_cast<const char *>(&record), sizeof record};
 }
 
-std::string query_request(OMRA_INDEX_HDR header, const std::string &query) {
-    header.reserved1 = OMRALIB_QUERY_PASS_THROUGH;
-    header.num_index = static_cast<ULONG>(query.size());
-    return bytes_of(header) + query;
-}
-
-std::string terms_request(FuzzedDataProvider &data, OMRA_INDEX_HDR header) {
-    header.reserved1 = data.ConsumeIntegralInRange<ULONG>(0, 3);
-    header.num_index = data.ConsumeIntegralInRange<ULONG>(0, 9);
-    std::string terms;
+// The text of a query behind a "q", or choices for index terms.
+std::string draw_request() {
+    OMRA_INDEX_HDR header = {
+        .reserved = OMRALIB_INDEX_OP_INVOKE, .app_id = data_app, .reserved2 = served_app};
+    if (pinput->ConsumeBytesAsString(1) == "q") {
+        const std::string query = pinput->ConsumeRemainingBytesAsString();
+        header.reserved1 = OMRALIB_QUERY_PASS_THROUGH;
+        header.num_index = static_cast<ULONG>(query.size());
+        return bytes_of(header) + query;
+    }
+    header.app_id =
+        pinput->PickValueInArray({data_app, MGTI_APPID_INVOKE_ONCE, OMRALIB_ALL_APP_IDS});
+    header.invoke_timeout = pinput->PickValueInArray({0u, 1u, 1000u, 0xFFFFFFFFu});
+    header.num_index = pinput->ConsumeIntegralInRange<ULONG>(0, 9);
+    std::string request = bytes_of(header);
     for (ULONG i = 0; i < header.num_index; ++i) {
-        OMRA_INDEX_SPEC spec = {};
-        spec.index = data.ConsumeIntegralInRange<USHORT>(0, 8);
-        spec.flags = data.ConsumeIntegralInRange<USHORT>(0, 2);
-        spec.value.u64_comp[0] = data.ConsumeIntegralInRange<ULONGLONG>(0, 9);
-        terms += bytes_of(spec);
+        request += bytes_of(OMRA_INDEX_SPEC{pinput->ConsumeIntegralInRange<USHORT>(0, 8),
+                                            pinput->ConsumeIntegralInRange<USHORT>(0, 2),
+                                            {{pinput->ConsumeIntegralInRange(0ull, 9ull)}}});
     }
-    if (data.ConsumeIntegralInRange<int>(0, 7) == 7) {
-        header.num_index = data.ConsumeIntegral<ULONG>();
+    overwrite(request.data(), request.size());
+    if (happens(8)) {
+        request.resize(pinput->ConsumeIntegralInRange<std::size_t>(0, request.size() + 9));
     }
-    return bytes_of(header) + terms;
-}
-
-// By its first byte the input is a query, or choices for a request with one thing wrong at most, or
-// for just bytes; choices come from its end.
-std::string draw_request(FuzzedDataProvider &data) {
-    static constexpr ULONG app_ids[] = {data_app, MGTI_APPID_INVOKE_ONCE, OMRALIB_ALL_APP_IDS, 0};
-    static constexpr ULONG timeouts[] = {0, 1, 1000, 0xFFFFFFFF};
-    const std::string door = data.ConsumeBytesAsString(1);
-    OMRA_INDEX_HDR header = {};
-    header.reserved = OMRALIB_INDEX_OP_INVOKE;
-    header.app_id = data_app;
-    header.reserved2 = served_app;
-    if (door == "q") {
-        return query_request(header, data.ConsumeRemainingBytesAsString());
-    }
-    header.app_id = data.PickValueInArray(app_ids);
-    header.reserved2 = data.ConsumeBool() ? served_app : data.PickValueInArray(app_ids);
-    header.invoke_timeout = data.PickValueInArray(timeouts);
-    header.immediate_params = data.ConsumeIntegral<UCHAR>();
-    switch (data.ConsumeIntegralInRange<int>(0, 7)) {
-    case 6:
-        return data.ConsumeRandomLengthString(300);
-    case 7:
-        data.ConsumeData(&header, sizeof header);
-        [[fallthrough]];
-    default:
-        return data.ConsumeBool() ? query_request(header, data.ConsumeRandomLengthString(100))
-                                  : terms_request(data, header);
-    }
-}
-
-ULONGLONG count(unsigned int app_id) {
-    ULONGLONG num = 0;
-    Omralib_count_objs(hdl, app_id, &num);
-    return num;
-}
-
-// The result is the read that is pending.
-void check_result() {
-    OMRA_INVOKE_RESULT result = {};
-    check(Omralib_get_read_data(hdl, &result, sizeof result) == 1, "no result");
-    check(result.reserved == OMRALIB_INDEX_OP_INVOKE, "the kind of a result");
-    check(ULONGLONG{result.num_successful} + result.num_failed <= num_objects, "too many objects");
-    for (const OMRA_OBJKEY &key : {result.results_key, result.exceptions_key}) {
-        check(OMRA_OBJKEY_IS_NULL(key) || Omralib_remove_obj(hdl, 0, key) == 1,
-              "a result names no object");
-    }
+    return request;
 }
 
 } // namespace
 
-int LLVMFuzzerInitialize(int *, char ***) {
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     test_clock.on_wait = [](platform::Millis deadline) {
         check(deadline != platform::never, "waits for what cannot come");
         test_clock.advance(deadline - test_clock.now());
@@ -208,9 +122,7 @@ int LLVMFuzzerInitialize(int *, char ***) {
     world::open(test_clock, {.num_hosts = 4, .deliver_inline = true});
     hdl = Omralib_open_ext(nullptr);
     worker = Omralib_open_ext("a worker's guid.");
-    OMRALIB_CB cb;
-    cb.invoke_ext_cb = on_invoke;
-    Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, cb);
+    Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, {.invoke_ext_cb = on_invoke});
     Omralib_start_app_event_handling(worker, served_app);
     for (ULONGLONG number = 0; number < num_objects; ++number) {
         const std::string bytes(number, 'x');
@@ -225,26 +137,29 @@ int LLVMFuzzerInitialize(int *, char ***) {
     return 0;
 }
 
-int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
-    FuzzedDataProvider data(pdata, size);
-    pdata_left = &data;
-    const std::string request = draw_request(data);
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pdata, std::size_t size) {
+    FuzzedDataProvider input(pdata, size);
+    pinput = &input;
+    const std::string request = draw_request();
     // A block of just this length, so that reading on is found.
     const std::vector<char> exact(request.begin(), request.end());
-    check_request({exact.data(), exact.size()});
-    OMRA_INDEX_HDR header = {};
-    std::memcpy(&header, request.data(), std::min(request.size(), sizeof header));
-    may_be_silent = header.invoke_timeout != 0 && header.invoke_timeout <= 1000;
+    check_request(exact);
     unsigned int result_len = 77;
     const int status =
         Omralib_invoke(hdl, 0, exact.data(), static_cast<unsigned int>(exact.size()), &result_len);
     if (status == OMRALIB_RET_SUCCESS) {
-        check(result_len == sizeof(OMRA_INVOKE_RESULT), "the length of a result");
-        check_result();
+        OMRA_INVOKE_RESULT result = {};
+        check(result_len == sizeof result, "the length of a result");
+        check(Omralib_get_read_data(hdl, &result, sizeof result) == 1, "no result");
+        check(ULONGLONG{result.num_successful} + result.num_failed <= num_objects, "too many");
+        for (const OMRA_OBJKEY &key : {result.results_key, result.exceptions_key}) {
+            check(OMRA_OBJKEY_IS_NULL(key) || Omralib_remove_obj(hdl, 0, key) == 1,
+                  "a result names no object");
+        }
     } else {
         check(status < 0 && result_len == 77, "outputs after a failure");
     }
     check(Omralib_handle_ready(hdl) == 1, "a handle that is not ready");
-    check(count(data_app) == num_objects && count(0x30000000) == 0, "objects left");
+    check(world::count(data_app) == num_objects && world::count(0x30000000) == 0, "objects left");
     return 0;
 }

@@ -1,8 +1,8 @@
 // Queues and blocking queues: misuse, order, and the orders of events that are hard to meet by
 // chance.
+#include <barrier>
 #include <chrono>
 #include <csignal>
-#include <latch>
 #include <random>
 #include <semaphore>
 
@@ -103,7 +103,7 @@ TYPED_TEST(Queues, AreNeverFoundEmptyWhileTheyAreNot) {
             std::vector<Item *> held(num_held);
             for (size_t i = 0; i < 9000; i += num_held) {
                 for (Item *&item : held) {
-                    item = queue.take();
+                    item = queue.take(SYS_WAIT_FOREVER);
                     ASSERT_TRUE(item != nullptr && !Link_inuse(item));
                 }
                 for (Item *item : held)
@@ -120,12 +120,12 @@ TEST(Blockq, EveryItemWakesOneOfTheReaders) {
     TestBlockq blockq;
     TestBlockq got;
     std::vector<Item> items(8);
-    std::latch go_on(1);
+    std::barrier go_on(9);
     std::vector<std::jthread> readers;
     while (readers.size() < items.size())
         readers.push_back(start_asleep([&] {
             got.add(*blockq.wait());
-            go_on.wait();
+            go_on.arrive_and_wait();
         }));
     for (size_t i = 0; const size_t end : {1u, 2u, 4u, 8u}) {
         while (i < end)
@@ -133,7 +133,7 @@ TEST(Blockq, EveryItemWakesOneOfTheReaders) {
         while (got.count() < end)
             std::this_thread::yield();
     }
-    go_on.count_down();
+    go_on.arrive_and_wait();
 }
 
 // A few items, and now and then many, go to and fro: each side sleeps, or is about to, when the
@@ -176,14 +176,14 @@ TEST(Blockq, BlockedReaderHoldsNothingBack) {
     std::vector<Item> items(1200);
     for (Item &item : items)
         blockq.add(item);
-    std::latch go_on(1);
+    std::barrier both(2);
     const std::jthread reader([&] {
         for (size_t i = 0; i < kTaken; ++i)
             EXPECT_EQ(blockq.wait(), &items[i]);
-        go_on.wait();
+        both.arrive_and_wait();
+        both.arrive_and_wait(); // parked
     });
-    while (blockq.count() > items.size() - kTaken)
-        std::this_thread::yield();
+    both.arrive_and_wait();
     Item *item = blockq.take();
     for (int i = 0; i < 200'000 && item != &items[kTaken]; ++i) {
         blockq.add(*item);
@@ -191,7 +191,7 @@ TEST(Blockq, BlockedReaderHoldsNothingBack) {
     }
     EXPECT_EQ(item, &items[kTaken]);
     EXPECT_EQ(blockq.count(), 199u);
-    go_on.count_down();
+    both.arrive_and_wait();
 }
 
 TEST(Blockq, SignalDoesNotEndAWait) {
