@@ -2,8 +2,9 @@
 // what comes back. The store only answers here; no worker runs.
 #include "module_test.h"
 
+#include <gmock/gmock.h>
+
 #include <cstring>
-#include <regex>
 
 namespace {
 
@@ -225,12 +226,13 @@ TEST_F(Invoke_test, CollectsTheObjects) {
         args.use_exceptions = !args.use_exceptions;
         script(answers);
         EXPECT_EQ(invoke(), expected);
-        EXPECT_TRUE(std::regex_match(take_log(),
-                                     std::regex("handle_ready.store_obj 41 1244 params.invoke 104."
-                                                "get_read_data 96.remove_obj params.read_obj 900"
-                                                "(.get_read_data 6.remove_obj 900)?.read_obj 901"
-                                                "(.get_read_data 100.remove_obj 901)?")));
+        const std::string log = take_log();
+        EXPECT_THAT(log, testing::StartsWith("handle_ready|store_obj 41 1244 params|invoke 104|"
+                                             "get_read_data 96|remove_obj params|read_obj 900|"));
+        EXPECT_THAT(log, testing::HasSubstr("|read_obj 901"));
         if (expected == 1) {
+            EXPECT_THAT(log, testing::EndsWith("|get_read_data 6|remove_obj 900|read_obj 901|"
+                                               "get_read_data 100|remove_obj 901"));
             EXPECT_TRUE(args.num_successful_out == 10 && args.num_failed_out == 2);
             EXPECT_EQ(std::string(args.presults_obj_out, args.results_obj_len_out), "merged");
             EXPECT_EQ(args.num_exceptions_out, 2u); // counted in any case
