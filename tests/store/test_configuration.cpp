@@ -1,21 +1,21 @@
 /* The configuration of the process's store, and why one is refused. */
 #include <cstdlib>
 
-#include <gmock/gmock.h>
-
 #include "store_test.h"
 
 namespace {
 
+using testing::HasSubstr;
+
+std::string why() {
+    return error_text(OMRALIB_NULL_HANDLE);
+}
+
 TEST(Configuration, IsRefusedWithTheReasonAndThenStaysWhatItWas) {
-    using testing::HasSubstr;
     const OMRALIB_CONFIG config{"embedded:", 64, 5, 7, 1'000'000};
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_configure(&config));
-    EXPECT_EQ("", error_text(OMRALIB_NULL_HANDLE));
-    const struct {
-        OMRALIB_CONFIG config;
-        const char *reason;
-    } table[] = {
+    EXPECT_EQ("", why());
+    const std::pair<OMRALIB_CONFIG, const char *> table[] = {
         {{"somewhere:else", 0, 0, 0, 0}, "\"somewhere:else\""},
         {{"somewhere:else", 0, 0, 0, 0}, "\"embedded:\""},
         {{nullptr, 65, 0, 0, 0}, "num_hosts is 65: 1 to 64"},
@@ -23,7 +23,7 @@ TEST(Configuration, IsRefusedWithTheReasonAndThenStaysWhatItWas) {
     };
     for (const auto &[refused, reason] : table) {
         EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_configure(&refused));
-        EXPECT_THAT(error_text(OMRALIB_NULL_HANDLE), HasSubstr(reason));
+        EXPECT_THAT(why(), HasSubstr(reason));
     }
     EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_configure(nullptr));
     ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_init());
@@ -33,15 +33,15 @@ TEST(Configuration, IsRefusedWithTheReasonAndThenStaysWhatItWas) {
     EXPECT_EQ(7u, used.max_invocations);
     EXPECT_EQ(1'000'000u, used.memory_limit);
     EXPECT_EQ(OMRALIB_ERR_CANT_INIT, Omralib_configure(&config));
-    EXPECT_THAT(error_text(OMRALIB_NULL_HANDLE), HasSubstr("in use already"));
+    EXPECT_THAT(why(), HasSubstr("in use already"));
 }
 
 TEST(Configuration, AnUnknownEngineInTheEnvironmentStopsTheStore) {
     setenv("OMRA_STORE", "nowhere:", 1);
     OMRALIB_CONFIG config{};
-    EXPECT_EQ(OMRALIB_ERR_CANT_INIT, Omralib_init());
-    EXPECT_THAT(error_text(OMRALIB_NULL_HANDLE), testing::HasSubstr("OMRA_STORE is \"nowhere:\""));
     EXPECT_EQ(OMRALIB_NULL_HANDLE, Omralib_open_ext(nullptr));
+    EXPECT_EQ(OMRALIB_ERR_CANT_INIT, Omralib_init());
+    EXPECT_THAT(why(), HasSubstr("OMRA_STORE is \"nowhere:\""));
     EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_configure(&config));
     config.engine_url = "embedded:";
     EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_configure(&config));

@@ -16,23 +16,13 @@ template <typename Work>
 void run_threads(Work work) {
     std::vector<std::jthread> threads;
     for (unsigned int i = 0; i < num_threads; ++i) {
-        threads.emplace_back([&work, i] {
-            const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
-            work(hdl, i);
-            EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(hdl));
-        });
+        threads.emplace_back([&work, i] { work(Omralib_open_ext(nullptr), i); });
     }
 }
 
 class FullStore : public StoreTest {
 protected:
-    FullStore() : StoreTest(limited()) {}
-
-    static store::Configuration limited() {
-        store::Configuration configuration;
-        configuration.memory_limit = limit;
-        return configuration;
-    }
+    FullStore() : StoreTest({.memory_limit = limit}) {}
 };
 FOR_ALL_ENGINES(FullStore);
 
@@ -54,8 +44,7 @@ TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
                 num_refused += put(hdl, key, data, i % 3) == OMRALIB_ERR_NO_SPACE ? 1 : 0;
                 break;
             case 2:
-                Omralib_replace_obj(hdl, data.data(), static_cast<unsigned int>(data.size()), i % 3,
-                                    &index, 1, key);
+                Omralib_replace_obj(hdl, data.data(), length_of(data), i % 3, &index, 1, key);
                 break;
             case 3:
                 i % 2 == 0 ? Omralib_remove_obj(hdl, 0, key) : count(hdl, 1);
@@ -66,9 +55,7 @@ TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
             }
         }
     });
-    OMRALIB_APP_STATS stats;
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_app_stats(1, &stats));
-    EXPECT_LE(stats.num_bytes + stats.num_objects * bytes_per_object, limit);
+    EXPECT_LE(stats().num_bytes + stats().num_objects * bytes_per_object, limit);
     EXPECT_GT(num_refused, 0u);
     for (unsigned int i = 0; i < num_objects; ++i) {
         Omralib_remove_obj(hdl_, 0, make_key(1, i));
@@ -84,7 +71,7 @@ TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
 /* On a clock that only the test turns: without a wake-up a waiter waits for ever. */
 class Waiting : public StoreTest {
 protected:
-    Waiting() { objects().patience = 5; }
+    Waiting() { decorator_of(store_.objects()).patience = 5; }
 
     static int lock(OMRALIB_HANDLE hdl) {
         unsigned int len = 0;
@@ -93,29 +80,23 @@ protected:
 
     /* Starts a thread that locks the object, and returns when it is waiting. */
     static std::future<int> start_waiting(OMRALIB_HANDLE hdl) {
-        const unsigned long long before = num_lock_waits();
+        const unsigned long long before = stats().num_lock_waits;
         std::future<int> waiter = std::async(std::launch::async, lock, hdl);
-        while (num_lock_waits() == before) {
+        while (stats().num_lock_waits == before) {
             std::this_thread::yield();
         }
         return waiter;
-    }
-
-    static unsigned long long num_lock_waits() {
-        OMRALIB_STATS stats;
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_stats(&stats));
-        return stats.num_lock_waits;
     }
 };
 FOR_ALL_ENGINES(Waiting);
 
 TEST_P(Waiting, MissesNoReleaseAndLosesNoUpdate) {
     constexpr unsigned int rounds = 2000;
-    constexpr unsigned int num_keys = 2;
+    const OMRA_OBJKEY keys[] = {make_key(1, 0), make_key(1, 1)};
     std::atomic<unsigned int> created{0};
     run_threads([&](OMRALIB_HANDLE hdl, unsigned int) {
         for (unsigned int i = 0; i < rounds; ++i) {
-            const OMRA_OBJKEY key = make_key(1, i % num_keys);
+            const OMRA_OBJKEY &key = keys[i % 2];
             created += put(hdl, key, "0") == OMRALIB_RET_SUCCESS ? 1 : 0;
             unsigned int len = 0;
             const int ticket = Omralib_read_and_lock_obj(hdl, 0, 0, &len, key);
@@ -124,9 +105,9 @@ TEST_P(Waiting, MissesNoReleaseAndLosesNoUpdate) {
             ASSERT_EQ(OMRALIB_RET_SUCCESS, update(hdl, key, ticket, next, true));
         }
     });
-    EXPECT_EQ(num_keys, created);
-    for (unsigned int i = 0; i < num_keys; ++i) {
-        EXPECT_EQ(std::to_string(num_threads * rounds / num_keys), get(hdl_, make_key(1, i)));
+    EXPECT_EQ(2u, created);
+    for (const OMRA_OBJKEY &key : keys) {
+        EXPECT_EQ(std::to_string(num_threads * rounds / 2), get(hdl_, key));
     }
 }
 
@@ -136,7 +117,7 @@ TEST_P(Waiting, EndsWhenTheLockIsGivenBackHoweverThatHappens) {
     ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, ""));
     int ticket = lock(hdl_);
     EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, lock(hdl_)); /* its own would never be given back */
-    EXPECT_EQ(0u, num_lock_waits());
+    EXPECT_EQ(0u, stats().num_lock_waits);
 
     std::future<int> waiter = start_waiting(other);
     clock_.advance(store::millis_per_second);
