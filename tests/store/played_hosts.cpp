@@ -17,7 +17,8 @@ struct Exception {
 PlayedHosts *played = nullptr;
 std::uint32_t receiving = 0; /* the host whose callback runs */
 
-int on_invoke(const char *, OMRALIB_INVOKE_PARAMS *pparams) {
+int on_invoke(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams) {
+    EXPECT_EQ("the worker guid ", std::string_view(pguid, OMRALIB_GUID_LEN));
     const Job job{receiving, *pparams};
     const int answer = played->answer(job);
     if (answer == OMRALIB_INVOKE_ACCEPTED) {
@@ -34,15 +35,21 @@ std::vector<Record> take(OMRALIB_HANDLE hdl, const OMRA_OBJKEY &key) {
     EXPECT_EQ(0u, bytes.size() % sizeof(Record)) << bytes;
     std::vector<Record> records(bytes.size() / sizeof(Record));
     std::memcpy(records.data(), bytes.data(), records.size() * sizeof(Record));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(hdl, 0, key));
+    EXPECT_EQ(success, Omralib_remove_obj(hdl, 0, key));
     return records;
 }
 
 } // namespace
 
+std::vector<OMRA_OBJKEY> Job::keys() const {
+    std::vector<OMRA_OBJKEY> keys(static_cast<std::size_t>(params.num_keys));
+    EXPECT_EQ(success, Omralib_get_invoke_keys(params.context, keys.data(), length_of(keys)));
+    return keys;
+}
+
 PlayedHosts::PlayedHosts(const store::EngineKind &engine, const store::Configuration &configuration,
-                         unsigned long long num_objects, unsigned int seed)
-    : store(decorated(engine.make(clock, configuration)), clock, configuration), random_(seed) {
+                         unsigned long long num_objects)
+    : store(decorated(engine.make(clock, configuration)), clock, configuration) {
     store::DecoratedCluster &cluster = decorator_of(store.cluster());
     cluster.in_order = true;
     cluster.on_receive = [](const store::Request &request) {
@@ -58,10 +65,10 @@ PlayedHosts::PlayedHosts(const store::EngineKind &engine, const store::Configura
     clock.on_wait = [this](store::Millis deadline) { turn(deadline); };
     OMRALIB_CB cb;
     cb.invoke_ext_cb = on_invoke;
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, cb));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_start_app_event_handling(worker, event_app));
-    for (unsigned long long i = 0; i < num_objects; ++i) {
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, put(hdl, make_key(data_app, i), "x"));
+    EXPECT_EQ(success, Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, cb));
+    EXPECT_EQ(success, Omralib_start_app_event_handling(worker, event_app));
+    for (unsigned long long i = num_objects; i-- > 0;) {
+        EXPECT_EQ(success, put(hdl, make_key(data_app, i), "x"));
     }
 }
 
@@ -69,36 +76,42 @@ void PlayedHosts::kill(std::uint32_t host, bool as_zombie) {
     for (Job &job : jobs) {
         if (job.host == host && !job.is_zombie) {
             job.is_zombie = true;
-            job.is_stuck = !as_zombie;
+            job.rests_until = as_zombie ? 0 : store::never;
         }
     }
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_declare_host_gone(host));
+    EXPECT_EQ(success, Omralib_declare_host_gone(host));
 }
 
 /* Steps ---------------------------------------------------------------------------------------- */
 
 void PlayedHosts::go_on(store::Millis deadline) {
-    auto able = jobs | std::views::filter([](const Job &job) { return !job.is_stuck; });
-    if (const auto num = static_cast<unsigned int>(std::ranges::distance(able)); num != 0) {
+    auto able = jobs | std::views::filter(
+                           [now = clock.now()](const Job &job) { return job.rests_until <= now; });
+    if (const auto num = static_cast<std::size_t>(std::ranges::distance(able)); num != 0) {
         clock.advance(pick(step_bound));
         step(std::ranges::next(able.begin(), pick(num)).base());
-    } else if (deadline != store::never) {
-        clock.advance(deadline - clock.now());
-    } else {
-        ADD_FAILURE() << "the invocation waits for nothing";
-        Omralib_cancel_invoke(hdl);
+        return;
     }
+    for (const Job &job : jobs) {
+        deadline = std::min(deadline, job.rests_until);
+    }
+    ASSERT_NE(store::never, deadline) << "the invocation waits for nothing";
+    clock.advance(deadline - clock.now());
 }
 
 void PlayedHosts::step(std::list<Job>::iterator job) {
     static constexpr void (PlayedHosts::*steps[])(Job &) = {
         &PlayedHosts::compute, &PlayedHosts::store_results, &PlayedHosts::store_exceptions};
     before_step(*job);
-    if (job->is_stuck) {
+    if (job->rests_until > clock.now()) {
         return;
     }
     if (job->num_steps == std::size(steps)) {
-        report(*job);
+        const int status = complete(*job, job->num_successful, job->num_failed);
+        EXPECT_FALSE(job->is_zombie && status == success) << "a dead host's reply counts";
+        if (status != success) {
+            Omralib_flush_invoke(job->params.context);
+        }
         jobs.erase(job);
         return;
     }
@@ -108,21 +121,22 @@ void PlayedHosts::step(std::list<Job>::iterator job) {
 }
 
 void PlayedHosts::finish_zombies() {
+    std::erase_if(jobs, [](const Job &job) { return job.rests_until == store::never; });
     while (!jobs.empty()) {
         jobs.front().is_zombie = true;
+        jobs.front().rests_until = 0;
         step(jobs.begin());
-        std::erase_if(jobs, [](const Job &job) { return job.is_stuck; });
     }
 }
 
 void PlayedHosts::compute(Job &job) {
     if (job.is_fold()) {
         job.results = get(worker, job.params.params_key);
+        job.num_failed = job.results.starts_with("status") ? 1 : 0; /* there is no source */
+        job.num_successful = 1 - job.num_failed;
         return;
     }
-    std::vector<OMRA_OBJKEY> keys(static_cast<std::size_t>(job.params.num_keys));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS,
-              Omralib_get_invoke_keys(job.params.context, keys.data(), length_of(keys)));
+    const std::vector<OMRA_OBJKEY> keys = job.keys();
     for (const OMRA_OBJKEY &key : keys) {
         if (get(worker, key) != "x") { /* it is dropped, as one that has gone would be */
             ++job.num_dropped;
@@ -138,15 +152,8 @@ void PlayedHosts::compute(Job &job) {
 
 void PlayedHosts::store_results(Job &job) {
     const OMRA_OBJKEY key = job.params.results_key;
-    if (job.is_fold()) {
-        const bool has_source = !job.results.starts_with("status");
-        job.num_successful = has_source ? 1 : 0;
-        job.num_failed = has_source ? 0 : 1;
-        if (!has_source) {
-            return;
-        }
-    }
-    if (job.results.empty() || put(worker, key, job.results, timeout_m) == OMRALIB_RET_SUCCESS) {
+    if (job.results.empty() || (job.is_fold() && job.num_failed != 0) ||
+        put(worker, key, job.results, timeout_m) == success) {
         return;
     }
     unsigned int len = 0;
@@ -155,37 +162,33 @@ void PlayedHosts::store_results(Job &job) {
     const std::string target = fetch(worker, len);
     if (merge_fails()) {
         job.exceptions += bytes_of(Exception{});
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_unlock_obj(worker, ticket, 0, key));
+        EXPECT_EQ(success, Omralib_unlock_obj(worker, ticket, 0, key));
     } else {
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, update(worker, key, ticket, target + job.results, true));
+        EXPECT_EQ(success, update(worker, key, ticket, target + job.results, true));
     }
 }
 
 void PlayedHosts::store_exceptions(Job &job) {
     if (!job.exceptions.empty()) {
-        EXPECT_EQ(OMRALIB_RET_SUCCESS,
-                  put(worker, job.params.exceptions_key, job.exceptions, timeout_m));
+        EXPECT_EQ(success, put(worker, job.params.exceptions_key, job.exceptions, timeout_m));
     }
-}
-
-void PlayedHosts::report(Job &job) {
-    const int status =
-        Omralib_complete_invoke(worker, job.params.context, job.num_successful, job.num_failed);
-    if (status != OMRALIB_RET_SUCCESS) {
-        Omralib_flush_invoke(job.params.context);
-    }
-    EXPECT_FALSE(job.is_zombie && status == OMRALIB_RET_SUCCESS) << "a dead host's reply counts";
 }
 
 /* As the invoker does it: exceptions are asked for only when something has failed. */
-Outcome PlayedHosts::invoke(unsigned int timeout_s, OMRALIB_HANDLE its_hdl) {
-    OMRA_INDEX_HDR header = make_header(data_app, event_app);
-    header.invoke_timeout = timeout_s;
+Outcome PlayedHosts::invoke(const OMRA_INDEX_HDR &header, std::string_view query,
+                            OMRALIB_HANDLE by) {
+    const OMRALIB_HANDLE its_hdl = by != 0 ? by : hdl;
+    const std::string request = bytes_of(header).append(query);
     Outcome outcome;
+    OMRA_INVOKE_RESULT &result = outcome.result;
+    unsigned int len = 0;
     is_invoking_ = true;
-    outcome.status = ::invoke(its_hdl, header, "", outcome.result);
+    outcome.status = Omralib_invoke(its_hdl, 0, request.data(), length_of(request), &len);
     is_invoking_ = false;
-    const OMRA_INVOKE_RESULT &result = outcome.result;
+    if (outcome.status == success) {
+        EXPECT_EQ(success, Omralib_get_read_data(its_hdl, &result, sizeof result));
+        EXPECT_EQ(OMRALIB_INDEX_OP_INVOKE, result.reserved);
+    }
     if (!OMRA_OBJKEY_IS_NULL(result.results_key)) {
         outcome.evaluated = take<unsigned long long>(its_hdl, result.results_key);
     }
@@ -197,4 +200,10 @@ Outcome PlayedHosts::invoke(unsigned int timeout_s, OMRALIB_HANDLE its_hdl) {
     std::ranges::sort(outcome.evaluated);
     std::ranges::sort(outcome.failed);
     return outcome;
+}
+
+Outcome PlayedHosts::invoke(unsigned int timeout_s, OMRALIB_HANDLE by) {
+    OMRA_INDEX_HDR header = make_header(data_app);
+    header.invoke_timeout = timeout_s;
+    return invoke(header, "", by);
 }

@@ -19,7 +19,7 @@ struct Job {
     std::uint32_t host = 0;
     OMRALIB_INVOKE_PARAMS params{};
     unsigned int num_steps = 0; /* done: 1 computed, 2 results stored, 3 exceptions stored */
-    bool is_stuck = false;
+    store::Millis rests_until = 0;
     bool is_zombie = false; /* nobody wants it any more, but it goes on */
 
     std::string results = {};
@@ -29,6 +29,7 @@ struct Job {
     std::uint32_t num_dropped = 0; /* objects that were not there to read */
 
     bool is_fold() const { return params.merge_request != 0; }
+    std::vector<OMRA_OBJKEY> keys() const;
 };
 
 /* What an invocation came to, after its objects have been read and removed. */
@@ -47,33 +48,46 @@ public:
 
     /* With the objects 0 to num_objects - 1. */
     PlayedHosts(const store::EngineKind &engine, const store::Configuration &configuration,
-                unsigned long long num_objects = 60, unsigned int seed = 0);
-    PlayedHosts(const PlayedHosts &) = delete;
-    PlayedHosts &operator=(const PlayedHosts &) = delete;
+                unsigned long long num_objects = 60);
 
     /* The evaluation of these fails. */
     static bool fails(unsigned long long number) { return number % 5 == 3; }
 
-    Outcome invoke(unsigned int timeout_s = 0) { return invoke(timeout_s, hdl); }
-    Outcome invoke(unsigned int timeout_s, OMRALIB_HANDLE its_hdl);
+    /* Of a request for the objects of `app_id`, served by those who handle `event_app_id`. */
+    static OMRA_INDEX_HDR make_header(unsigned int app_id, unsigned int event_app_id = event_app) {
+        OMRA_INDEX_HDR header{};
+        header.reserved = OMRALIB_INDEX_OP_INVOKE;
+        header.app_id = app_id;
+        header.reserved2 = event_app_id;
+        return header;
+    }
+
+    /* On its own handle, unless another is given. */
+    Outcome invoke(const OMRA_INDEX_HDR &header, std::string_view query = "",
+                   OMRALIB_HANDLE by = 0);
+    Outcome invoke(unsigned int timeout_s = 0, OMRALIB_HANDLE by = 0);
 
     /* The host is gone; what it was doing ends, or goes on although nobody wants it. */
     void kill(std::uint32_t host, bool as_zombie);
 
     /* Carries out a step of a job, which is taken off the list when it has reported. */
     void step(std::list<Job>::iterator job);
+    int complete(const Job &job, unsigned int num_successful, unsigned int num_failed) const {
+        return Omralib_complete_invoke(worker, job.params.context, num_successful, num_failed);
+    }
 
     /* Does what late jobs still do when the invocation is over. */
     void finish_zombies();
 
-    unsigned int pick(unsigned int bound) { return static_cast<unsigned int>(random_() % bound); }
+    unsigned int pick(std::size_t bound) { return static_cast<unsigned int>(random() % bound); }
     unsigned long long num_temp_objects() { return count(hdl, temp_app); }
 
     TestClock clock;
     store::Store store;
     const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
     const OMRALIB_HANDLE worker = Omralib_open_ext("the worker guid ");
-    std::list<Job> jobs;         /* accepted, in order */
+    std::list<Job> jobs; /* accepted, in order */
+    std::mt19937 random;
     unsigned int num_jobs = 0;   /* ever accepted */
     unsigned int step_bound = 4; /* a step takes fewer milliseconds */
 
@@ -87,12 +101,10 @@ public:
     std::function<void(store::Millis deadline)> turn = [this](auto deadline) { go_on(deadline); };
 
 private:
-    std::mt19937 random_;
     bool is_invoking_ = false; /* and no host is at work */
 
     void go_on(store::Millis deadline);
     void compute(Job &job);
     void store_results(Job &job);
     void store_exceptions(Job &job);
-    void report(Job &job);
 };

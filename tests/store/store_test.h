@@ -9,12 +9,15 @@
 #include <gmock/gmock.h>
 
 #include "client/store.h"
-#include "query/request.h"
 #include "support/clocks.h"
 #include "support/decorators.h"
 
 #define FOR_ALL_ENGINES(suite)                                                                     \
     INSTANTIATE_TEST_SUITE_P(Engines, suite, testing::ValuesIn(store::engine_kinds()))
+
+inline constexpr int success = OMRALIB_RET_SUCCESS;
+inline constexpr int not_found = OMRALIB_ERR_OBJ_NOT_FOUND;
+inline constexpr int bad_args = OMRALIB_ERR_BAD_ARGS;
 
 inline unsigned int length_of(const auto &container) {
     return static_cast<unsigned int>(container.size());
@@ -26,6 +29,10 @@ inline std::string bytes_of(const auto &record) {
 
 inline OMRA_OBJKEY make_key(unsigned int app_id, unsigned long long number) {
     return {app_id, 0, 0, 0, {}, {{number, 1}}};
+}
+
+inline bool is_same(const OMRA_OBJKEY &a, const OMRA_OBJKEY &b) {
+    return store::order_of(a, b) == 0;
 }
 
 inline OMRA_OBJKEY marked(OMRA_OBJKEY key) {
@@ -57,7 +64,7 @@ inline int update(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, int ticket, std::string_v
 inline std::string fetch(OMRALIB_HANDLE hdl, unsigned int len) {
     std::string data(len, '\0');
     if (len != 0) {
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(hdl, data.data(), len));
+        EXPECT_EQ(success, Omralib_get_read_data(hdl, data.data(), len));
     }
     return data;
 }
@@ -66,48 +73,25 @@ inline std::string fetch(OMRALIB_HANDLE hdl, unsigned int len) {
 inline std::string get(OMRALIB_HANDLE hdl, OMRA_OBJKEY key) {
     unsigned int len = 0;
     const int status = Omralib_read_obj(hdl, 0, &len, key);
-    return status == OMRALIB_RET_SUCCESS ? fetch(hdl, len) : "status " + std::to_string(status);
+    return status == success ? fetch(hdl, len) : "status " + std::to_string(status);
 }
 
 inline unsigned long long count(OMRALIB_HANDLE hdl, unsigned int app_id) {
     ULONGLONG num = ~0ull;
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_count_objs(hdl, app_id, &num));
+    EXPECT_EQ(success, Omralib_count_objs(hdl, app_id, &num));
     return num;
 }
 
 inline OMRALIB_STATS stats() {
     OMRALIB_STATS stats{};
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_stats(&stats));
+    EXPECT_EQ(success, Omralib_get_stats(&stats));
     return stats;
 }
 
 inline std::string error_text(OMRALIB_HANDLE hdl) {
     char text[200];
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_error_text(hdl, text, sizeof text));
+    EXPECT_EQ(success, Omralib_get_error_text(hdl, text, sizeof text));
     return text;
-}
-
-/* The header of a request for the objects of `app_id`, served by those who handle `event_app_id`.
- */
-inline OMRA_INDEX_HDR make_header(unsigned int app_id, unsigned int event_app_id) {
-    OMRA_INDEX_HDR header{};
-    header.reserved = OMRALIB_INDEX_OP_INVOKE;
-    header.app_id = app_id;
-    header.reserved2 = event_app_id;
-    return header;
-}
-
-/* With this header and what follows it; fetches the result. */
-inline int invoke(OMRALIB_HANDLE hdl, const OMRA_INDEX_HDR &header, std::string_view query,
-                  OMRA_INVOKE_RESULT &result_out) {
-    const std::string request = bytes_of(header).append(query);
-    unsigned int len = 0;
-    const int status = Omralib_invoke(hdl, 0, request.data(), length_of(request), &len);
-    if (status == OMRALIB_RET_SUCCESS) {
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_read_data(hdl, &result_out, sizeof result_out));
-        EXPECT_EQ(OMRALIB_INDEX_OP_INVOKE, result_out.reserved);
-    }
-    return status;
 }
 
 class StoreTest : public testing::TestWithParam<store::EngineKind> {
@@ -115,14 +99,9 @@ protected:
     explicit StoreTest(const store::Configuration &configuration = {})
         : store_(decorated(GetParam().make(clock_, configuration)), clock_, configuration) {}
 
-    /* The objects that have this value of an index. */
-    std::vector<store::Key> find_value(unsigned int app_id, USHORT index,
-                                       unsigned long long number) {
-        const store::Term terms[] = {{index, false, {{number}}}};
+    std::vector<store::Key> find(const store::Selection &selection) {
         std::vector<store::Key> keys;
-        EXPECT_EQ(OMRALIB_RET_SUCCESS,
-                  store::find(store_.objects(), store::select_by_terms(app_id, true, terms),
-                              nullptr, keys));
+        EXPECT_EQ(success, store::find(store_.objects(), selection, nullptr, keys));
         return keys;
     }
 

@@ -28,9 +28,6 @@ constexpr unsigned int num_values = 3; /* of each of the two indexes */
 constexpr int no_ticket = INT32_MAX;   /* that no lock of a run can have */
 constexpr Millis lease = 60 * millis_per_second;
 
-constexpr int success = OMRALIB_RET_SUCCESS;
-constexpr int not_found = OMRALIB_ERR_OBJ_NOT_FOUND;
-
 /* One operation; every number counts modulo what it chooses from. */
 struct Command {
     unsigned int op, object, handle, detail;
@@ -51,14 +48,10 @@ struct ModelObject {
 struct ModelHandle {
     OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
     std::optional<std::string> pending = {};
-    std::vector<std::pair<Key, int>> locks = {};
+    std::map<int, Key> locks = {}; /* by ticket */
 };
 
 std::optional<std::counting_semaphore<>> events;
-
-bool is_same(const Key &a, const Key &b) {
-    return store::order_of(a, b) == 0;
-}
 
 /* A store and its model, driven together. */
 class ModelRun : public StoreTest {
@@ -139,7 +132,7 @@ public:
         if (handle_->pending) {
             RC_ASSERT(OMRALIB_ERR_OBJ_READING == ticket);
         } else if (note_lock(ticket, store::never)) {
-            handle_->locks.emplace_back(key_, ticket);
+            handle_->locks[ticket] = key_;
             note_read(len);
         }
     }
@@ -177,23 +170,18 @@ public:
 
     void find() {
         const auto index = static_cast<USHORT>(detail_ % 2);
-        const unsigned int value = (detail_ >> 1) % num_values;
-        check_keys(find_value(key_.app_id, index, value), [&](const auto &entry) {
-            return entry.first.app_id == key_.app_id &&
-                   std::ranges::any_of(entry.second.values, [&](const OMRA_OBJ_INDEX &its) {
-                       return its.index == index && its.value.u64_comp[0] == value;
-                   });
-        });
+        const OMRA_INDEX_VALUE value = make_index(index, (detail_ >> 1) % num_values).value;
+        check_keys(
+            StoreTest::find({key_.app_id, store::equals(index, value)}), [&](const auto &entry) {
+                return entry.first.app_id == key_.app_id &&
+                       std::ranges::any_of(entry.second.values, [&](const auto &its) {
+                           return bytes_of(its) == bytes_of(OMRA_OBJ_INDEX{index, {}, value});
+                       });
+            });
     }
 
     void list() {
-        std::vector<Key> keys;
-        const auto append = [](const OMRA_OBJKEY *pkey, void *parg) {
-            static_cast<std::vector<Key> *>(parg)->push_back(*pkey);
-            return 0;
-        };
-        RC_ASSERT(success == Omralib_list_objs(hdl_, OMRALIB_ALL_APP_IDS, append, &keys));
-        check_keys(keys, [](const auto &) { return true; });
+        check_keys(StoreTest::find({OMRALIB_ALL_APP_IDS, {}}), [](const auto &) { return true; });
         OMRALIB_STATS all = stats();
         OMRALIB_APP_STATS first;
         RC_ASSERT(success == Omralib_get_app_stats(1, &first));
@@ -208,10 +196,10 @@ public:
 
     void close() {
         RC_ASSERT(success == Omralib_close(handle_->hdl));
-        for (const auto &[key, ticket] : handle_->locks) {
-            const auto found = objects_.find(key);
-            if (found != objects_.end() && found->second.ticket == ticket) {
-                found->second.ticket = 0;
+        for (const auto &[ticket, key] : handle_->locks) {
+            choose(key);
+            if (expect_lock(ticket) == success) {
+                object_->ticket = 0;
             }
         }
         *handle_ = {};
@@ -297,10 +285,9 @@ public:
         const store::Status status = engine_.create_many(many, statuses);
         for (unsigned int i = 0; i < 3; ++i) {
             choose(many[i].key);
-            const bool may_be_full = !object_ && limit_ != store::no_memory_limit;
-            RC_ASSERT(statuses[i] == (object_ ? OMRALIB_ERR_OBJ_EXISTS
-                                      : may_be_full && statuses[i] != success ? OMRALIB_ERR_NO_SPACE
-                                                                              : success));
+            const bool is_full = !object_ && statuses[i] == OMRALIB_ERR_NO_SPACE;
+            RC_ASSERT(!is_full || limit_ != store::no_memory_limit);
+            RC_ASSERT(is_full || statuses[i] == (object_ ? OMRALIB_ERR_OBJ_EXISTS : success));
             if (statuses[i] == success) {
                 RC_ASSERT(fits(fresh));
                 put(fresh);
@@ -421,28 +408,26 @@ private:
         if (locks.empty()) {
             return no_ticket;
         }
-        const auto [key, ticket] = locks[detail_ % locks.size()];
+        const auto [ticket, key] = *std::next(locks.begin(), detail_ % locks.size());
         choose(detail_ % 8 == 6 ? key_ : key);
         return ticket;
     }
 
-    auto find_lock(int ticket) {
-        return std::ranges::find_if(handle_->locks, [&](const auto &held) {
-            return held.second == ticket && is_same(held.first, key_);
-        });
+    bool is_held(int ticket) const {
+        const auto held = handle_->locks.find(ticket);
+        return held != handle_->locks.end() && is_same(held->second, key_);
     }
 
-    int expect_held(int ticket) {
-        return find_lock(ticket) != handle_->locks.end() ? expect_lock(ticket)
-                                                         : OMRALIB_ERR_LOCK_LOST;
+    int expect_held(int ticket) const {
+        return is_held(ticket) ? expect_lock(ticket) : OMRALIB_ERR_LOCK_LOST;
     }
 
     void note_unlocked(int ticket, int status) {
         if (status == success) {
             object_->ticket = 0;
         }
-        if (const auto held = find_lock(ticket); held != handle_->locks.end()) {
-            handle_->locks.erase(held);
+        if (is_held(ticket)) {
+            handle_->locks.erase(ticket);
         }
     }
 
