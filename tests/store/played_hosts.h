@@ -18,27 +18,26 @@
 struct Job {
     std::uint32_t host = 0;
     OMRALIB_INVOKE_PARAMS params{};
-    int num_steps = 0; /* done: 1 computed, 2 results stored, 3 exceptions stored, 4 reported */
-    bool is_stuck = false;
+    unsigned int num_steps = 0; /* done: 1 computed, 2 results stored, 3 exceptions stored */
+    store::Millis rests_until = 0;
     bool is_zombie = false; /* nobody wants it any more, but it goes on */
-    int report = 0;         /* what the store said to the report */
 
-    std::string results;
-    std::string exceptions;
+    std::string results = {};
+    std::string exceptions = {};
     std::uint32_t num_successful = 0;
     std::uint32_t num_failed = 0;
     std::uint32_t num_dropped = 0; /* objects that were not there to read */
 
     bool is_fold() const { return params.merge_request != 0; }
+    std::vector<OMRA_OBJKEY> keys() const;
 };
 
 /* What an invocation came to, after its objects have been read and removed. */
 struct Outcome {
     int status = 0;
     OMRA_INVOKE_RESULT result{};
-    std::vector<unsigned long long> evaluated; /* numbers of objects, sorted */
-    std::vector<unsigned long long> failed;    /* those with an exception, sorted */
-    std::size_t num_merge_exceptions = 0;
+    std::vector<unsigned long long> evaluated = {}; /* numbers of objects, sorted */
+    std::vector<unsigned long long> failed = {};    /* with an exception, sorted; 0: of a merge */
 };
 
 class PlayedHosts {
@@ -47,62 +46,65 @@ public:
     static constexpr unsigned int data_app = 5;
     static constexpr unsigned int temp_app = 0x30000000;
 
-    PlayedHosts(const EngineParam &engine, std::uint32_t num_hosts, unsigned int seed = 0,
-                const store::Configuration &more = {});
-    PlayedHosts(const PlayedHosts &) = delete;
-    PlayedHosts &operator=(const PlayedHosts &) = delete;
+    /* With the objects 0 to num_objects - 1. */
+    PlayedHosts(const store::EngineKind &engine, const store::Configuration &configuration,
+                unsigned long long num_objects = 60);
 
     /* The evaluation of these fails. */
     static bool fails(unsigned long long number) { return number % 5 == 3; }
 
-    /* Stores the objects 0 to num - 1. */
-    void store_objects(unsigned long long num);
+    /* Of a request for the objects of `app_id`, served by those who handle `event_app_id`. */
+    static OMRA_INDEX_HDR make_header(unsigned int app_id, unsigned int event_app_id = event_app) {
+        OMRA_INDEX_HDR header{};
+        header.reserved = OMRALIB_INDEX_OP_INVOKE;
+        header.app_id = app_id;
+        header.reserved2 = event_app_id;
+        return header;
+    }
 
-    Outcome invoke(unsigned int timeout_s = 0) { return invoke(timeout_s, hdl); }
-    Outcome invoke(unsigned int timeout_s, OMRALIB_HANDLE its_hdl);
+    /* On its own handle, unless another is given. */
+    Outcome invoke(const OMRA_INDEX_HDR &header, std::string_view query = "",
+                   OMRALIB_HANDLE by = 0);
+    Outcome invoke(unsigned int timeout_s = 0, OMRALIB_HANDLE by = 0);
 
     /* The host is gone; what it was doing ends, or goes on although nobody wants it. */
     void kill(std::uint32_t host, bool as_zombie);
 
     /* Carries out a step of a job, which is taken off the list when it has reported. */
     void step(std::list<Job>::iterator job);
+    int complete(const Job &job, unsigned int num_successful, unsigned int num_failed) const {
+        return Omralib_complete_invoke(worker, job.params.context, num_successful, num_failed);
+    }
 
     /* Does what late jobs still do when the invocation is over. */
     void finish_zombies();
 
-    DecoratedObjects &objects() { return decorator_of(store.objects()); }
-    DecoratedCluster &cluster() { return decorator_of(store.cluster()); }
-    unsigned int pick(unsigned int bound) { return static_cast<unsigned int>(random() % bound); }
+    unsigned int pick(std::size_t bound) { return static_cast<unsigned int>(random() % bound); }
     unsigned long long num_temp_objects() { return count(hdl, temp_app); }
-    OMRALIB_STATS stats();
 
     TestClock clock;
     store::Store store;
-    OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE;
-    OMRALIB_HANDLE worker = OMRALIB_NULL_HANDLE;
-    std::mt19937 random;
+    const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
+    const OMRALIB_HANDLE worker = Omralib_open_ext("the worker guid ");
     std::list<Job> jobs; /* accepted, in order */
-    int num_jobs = 0;    /* ever accepted */
+    std::mt19937 random;
+    unsigned int num_jobs = 0;   /* ever accepted */
+    unsigned int step_bound = 4; /* a step takes fewer milliseconds */
 
-    /* The test's part; each has a default. */
-    std::function<int(const Job &job)> answer; /* of the invoke callback */
-    std::function<void(Job &job)> before_step; /* may kill the job's host */
-    std::function<bool()> merge_fails;         /* the user's merge function */
-    std::function<bool()> loses_answer;        /* of a call by the invocation, or of a reply */
-    std::function<void(store::Millis deadline)> turn; /* a step of a job, or time passes */
+    /* The test's part. */
+    std::function<int(const Job &job)> answer = [](const Job &) { return OMRALIB_INVOKE_ACCEPTED; };
+    std::function<void(Job &job)> before_step = [](Job &) {}; /* may kill the job's host */
+    std::function<bool()> merge_fails = [] { return false; }; /* the user's merge function */
+    /* Of a call by the invocation, or of a reply. */
+    std::function<bool()> loses_answer = [] { return false; };
+    /* A step of a job chosen at random or, when there is none, time passes. */
+    std::function<void(store::Millis deadline)> turn = [this](auto deadline) { go_on(deadline); };
 
 private:
-    static store::Configuration configuration(std::uint32_t num_hosts, store::Configuration more);
-    static int on_invoke(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams);
+    bool is_invoking_ = false; /* and no host is at work */
 
-    void take_turn(store::Millis deadline);
+    void go_on(store::Millis deadline);
     void compute(Job &job);
     void store_results(Job &job);
-    void store_exceptions(const Job &job);
-    void report(Job &job);
-    void take_objects(OMRALIB_HANDLE its_hdl, Outcome &outcome);
-
-    std::uint32_t receiving_ = 0; /* the host whose callback runs */
-    bool is_invoking_ = false;
-    bool is_at_work_ = false; /* a host */
+    void store_exceptions(Job &job);
 };

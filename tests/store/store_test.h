@@ -2,64 +2,37 @@
  * and short forms of the operations that most tests need. */
 #pragma once
 
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "client/store.h"
 #include "support/clocks.h"
 #include "support/decorators.h"
 
-struct EngineParam {
-    const char *name;
-    const store::EngineKind *kind;
+#define FOR_ALL_ENGINES(suite)                                                                     \
+    INSTANTIATE_TEST_SUITE_P(Engines, suite, testing::ValuesIn(store::engine_kinds()))
 
-    /* Behind decorators. */
-    store::Engine make(store::Clock &clock, const store::Configuration &configuration) const {
-        return decorated(kind->make(clock, configuration));
-    }
-};
+inline constexpr int success = OMRALIB_RET_SUCCESS;
+inline constexpr int not_found = OMRALIB_ERR_OBJ_NOT_FOUND;
+inline constexpr int bad_args = OMRALIB_ERR_BAD_ARGS;
 
-/* Every engine that there is. */
-std::vector<EngineParam> all_engines();
-
-inline std::string engine_name(const testing::TestParamInfo<EngineParam> &engine) {
-    return engine.param.name;
+inline unsigned int length_of(const auto &container) {
+    return static_cast<unsigned int>(container.size());
 }
 
-#define FOR_ALL_ENGINES(suite)                                                                     \
-    INSTANTIATE_TEST_SUITE_P(Engines, suite, testing::ValuesIn(all_engines()), engine_name)
-
-class StoreTest : public testing::TestWithParam<EngineParam> {
-protected:
-    explicit StoreTest(const store::Configuration &configuration = {})
-        : store_(GetParam().make(clock_, configuration), clock_, configuration) {
-        hdl_ = Omralib_open_ext("store test guid");
-    }
-
-    /* Reading under lock waits for no other holder, because that would be waiting for the clock to
-     * be turned; a test that wants it to sets its patience. */
-    DecoratedObjects &objects() { return decorator_of(store_.objects()); }
-    DecoratedCluster &cluster() { return decorator_of(store_.cluster()); }
-
-    /* The objects that have this value of an index. */
-    std::vector<store::Key> find_value(unsigned int app_id, USHORT index,
-                                       unsigned long long number);
-
-    TestClock clock_;
-    store::Store store_;
-    OMRALIB_HANDLE hdl_ = OMRALIB_NULL_HANDLE;
-};
+inline std::string bytes_of(const auto &record) {
+    return {reinterpret_cast<const char *>(&record), sizeof record};
+}
 
 inline OMRA_OBJKEY make_key(unsigned int app_id, unsigned long long number) {
-    OMRA_OBJKEY key{};
-    key.app_id = app_id;
-    key.obj_id.u64_comp[0] = number;
-    key.obj_id.u64_comp[1] = 1;
-    return key;
+    return {app_id, 0, 0, 0, {}, {{number, 1}}};
+}
+
+inline bool is_same(const OMRA_OBJKEY &a, const OMRA_OBJKEY &b) {
+    return store::order_of(a, b) == 0;
 }
 
 inline OMRA_OBJKEY marked(OMRA_OBJKEY key) {
@@ -67,39 +40,72 @@ inline OMRA_OBJKEY marked(OMRA_OBJKEY key) {
     return key;
 }
 
-inline OMRA_INDEX_VALUE make_value(unsigned long long number) {
-    return {{number, 0, 0, 0}};
-}
-
 inline OMRA_OBJ_INDEX make_index(USHORT index, unsigned long long number) {
-    return {index, {}, make_value(number)};
+    return {index, {}, {{number}}};
 }
 
 inline int put(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, std::string_view data,
                unsigned int timeout_m = 0) {
-    return Omralib_store_obj(hdl, 0, data.data(), static_cast<unsigned int>(data.size()), timeout_m,
-                             key);
+    return Omralib_store_obj(hdl, 0, data.data(), length_of(data), timeout_m, key);
 }
 
-int put_indexed(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, const std::vector<OMRA_OBJ_INDEX> &values,
-                unsigned int timeout_m = 0);
+inline int put_indexed(OMRALIB_HANDLE hdl, OMRA_OBJKEY key,
+                       const std::vector<OMRA_OBJ_INDEX> &values) {
+    return Omralib_store_indexed_obj(hdl, "x", 1, 0, values.data(), length_of(values), key);
+}
 
-/* The object's bytes, or "status -109" and the like. */
-std::string get(OMRALIB_HANDLE hdl, OMRA_OBJKEY key);
+inline int update(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, int ticket, std::string_view data,
+                  bool unlock) {
+    return Omralib_update_locked_obj(hdl, ticket, unlock ? 1 : 0, 0, data.data(), length_of(data),
+                                     key);
+}
 
 /* Fetches the pending bytes. */
-std::string fetch(OMRALIB_HANDLE hdl, unsigned int len);
+inline std::string fetch(OMRALIB_HANDLE hdl, unsigned int len) {
+    std::string data(len, '\0');
+    if (len != 0) {
+        EXPECT_EQ(success, Omralib_get_read_data(hdl, data.data(), len));
+    }
+    return data;
+}
 
-int update(OMRALIB_HANDLE hdl, OMRA_OBJKEY key, int ticket, std::string_view data, bool unlock);
+/* The object's bytes, or "status -109" and the like. */
+inline std::string get(OMRALIB_HANDLE hdl, OMRA_OBJKEY key) {
+    unsigned int len = 0;
+    const int status = Omralib_read_obj(hdl, 0, &len, key);
+    return status == success ? fetch(hdl, len) : "status " + std::to_string(status);
+}
 
-unsigned long long count(OMRALIB_HANDLE hdl, unsigned int app_id);
+inline unsigned long long count(OMRALIB_HANDLE hdl, unsigned int app_id) {
+    ULONGLONG num = ~0ull;
+    EXPECT_EQ(success, Omralib_count_objs(hdl, app_id, &num));
+    return num;
+}
 
-/* The header of a request for the objects of `app_id`, served by those who handle `event_app_id`.
- */
-OMRA_INDEX_HDR make_header(unsigned int app_id, unsigned int event_app_id);
+inline OMRALIB_STATS stats() {
+    OMRALIB_STATS stats{};
+    EXPECT_EQ(success, Omralib_get_stats(&stats));
+    return stats;
+}
 
-/* With this header and what follows it; fetches the result. */
-int invoke(OMRALIB_HANDLE hdl, const OMRA_INDEX_HDR &header, std::string_view query,
-           OMRA_INVOKE_RESULT &result_out);
+inline std::string error_text(OMRALIB_HANDLE hdl) {
+    char text[200];
+    EXPECT_EQ(success, Omralib_get_error_text(hdl, text, sizeof text));
+    return text;
+}
 
-std::string error_text(OMRALIB_HANDLE hdl);
+class StoreTest : public testing::TestWithParam<store::EngineKind> {
+protected:
+    explicit StoreTest(const store::Configuration &configuration = {})
+        : store_(decorated(GetParam().make(clock_, configuration)), clock_, configuration) {}
+
+    std::vector<store::Key> find(const store::Selection &selection) {
+        std::vector<store::Key> keys;
+        EXPECT_EQ(success, store::find(store_.objects(), selection, nullptr, keys));
+        return keys;
+    }
+
+    TestClock clock_;
+    store::Store store_;
+    const OMRALIB_HANDLE hdl_ = Omralib_open_ext("store test guid");
+};

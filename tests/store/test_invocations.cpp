@@ -1,208 +1,271 @@
-/* Invocations, against a serving process that accepts every request and leaves it to the test. */
-#include <cstring>
-#include <future>
-#include <semaphore>
+/* Invocations, one by one: what hosts and applications are told of them, which requests are none,
+ * how they are cancelled, and how they wait for each other. */
+#include <algorithm>
 
-#include "store_test.h"
+#include "played_hosts.h"
 
 namespace {
 
-constexpr unsigned int event_app = 77;
-constexpr unsigned int data_app = 5;
+using store::Millis;
+using testing::ElementsAre;
 
-/* The last request, and whose it was. */
-OMRALIB_INVOKE_PARAMS request;
-std::string served_by;
-std::counting_semaphore<> accepted{0};
+constexpr unsigned long long num_objects = 60;
+constexpr unsigned long long num_good = num_objects * 4 / 5;
 
-int accept(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams) {
-    served_by.assign(pguid, OMRALIB_GUID_LEN);
-    request = *pparams;
-    accepted.release();
-    return OMRALIB_INVOKE_ACCEPTED;
-}
-
-class Invocations : public StoreTest {
-protected:
-    Invocations() {
-        OMRALIB_CB cb;
-        cb.invoke_ext_cb = accept;
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, cb));
-        for (unsigned int i = 0; i < 3; ++i) {
-            EXPECT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(data_app, 2 - i), "x"));
-        }
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_start_app_event_handling(worker_, event_app));
-    }
-
-    struct Answer {
-        int status;
-        OMRA_INVOKE_RESULT result;
-    };
-
-    Answer invoke(const OMRA_INDEX_HDR &header, std::string_view query = "") {
-        Answer answer{};
-        answer.status = ::invoke(hdl_, header, query, answer.result);
-        return answer;
-    }
-
-    /* Starts an invocation on a thread of its own and waits until its request is accepted. */
-    std::future<Answer> start_invocation(const OMRA_INDEX_HDR &header) {
-        auto answer = std::async(std::launch::async, [this, header] { return invoke(header); });
-        accepted.acquire();
-        return answer;
-    }
-
-    int complete(unsigned int num_successful, unsigned int num_failed) {
-        return Omralib_complete_invoke(worker_, request.context, num_successful, num_failed);
-    }
-
-    const OMRA_INDEX_HDR header_ = make_header(data_app, event_app);
-    const OMRALIB_HANDLE worker_ = Omralib_open_ext("the worker guid ");
+class Invocations : public testing::TestWithParam<store::EngineKind>, public PlayedHosts {
+public:
+    explicit Invocations(std::uint32_t num_hosts = 1)
+        : PlayedHosts(GetParam(), {.num_hosts = num_hosts, .max_invocations = 2}, num_objects) {}
 };
 FOR_ALL_ENGINES(Invocations);
 
 TEST_P(Invocations, DeliverTheRequestAndAnswerWithItsCounts) {
-    OMRA_INDEX_HDR header = header_;
+    OMRA_INDEX_HDR header = make_header(data_app);
     header.invoke_op = 11;
     header.merge_op = 12;
     header.params_key = make_key(9, 9);
     header.immediate_params = 1;
-    auto answer = start_invocation(header);
-    EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_handle_ready(hdl_));
-    EXPECT_EQ("the worker guid ", served_by);
-    EXPECT_EQ(data_app, request.app_id);
-    EXPECT_EQ(11u, request.invoke_op);
-    EXPECT_EQ(12u, request.merge_op);
-    EXPECT_NE(0u, request.context);
-    EXPECT_EQ(1, request.immediate_params);
-    EXPECT_EQ(0, request.merge_request);
-    EXPECT_EQ(0, memcmp(&header.params_key, &request.params_key, sizeof request.params_key));
-    ASSERT_EQ(3, request.num_keys);
-    OMRA_OBJKEY keys[3];
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_invoke_keys(request.context, keys, 2));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_invoke_keys(request.context, keys, 3));
-    for (unsigned int i = 0; i < 3; ++i) {
-        EXPECT_EQ(i, keys[i].obj_id.u64_comp[0]);
-    }
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, put(worker_, request.results_key, "merged"));
-    /* What is accepted is carried out, whoever serves meanwhile. */
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_stop_app_event_handling(worker_, event_app));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, complete(2, 1));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, complete(2, 1));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_flush_invoke(request.context));
-    const Answer got = answer.get();
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, got.status);
-    EXPECT_EQ(2u, got.result.num_successful);
-    EXPECT_EQ(1u, got.result.num_failed);
-    EXPECT_EQ("merged", get(hdl_, got.result.results_key));
-    EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(got.result.exceptions_key));
+    turn = [&](Millis) {
+        const Job job = jobs.front();
+        EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_handle_ready(hdl));
+        EXPECT_NE(0u, job.params.context);
+        EXPECT_EQ(std::tuple(data_app, 11, 12, 1, 0),
+                  std::tie(job.params.app_id, job.params.invoke_op, job.params.merge_op,
+                           job.params.immediate_params, job.params.merge_request));
+        EXPECT_EQ(bytes_of(header.params_key), bytes_of(job.params.params_key));
+        std::vector<OMRA_OBJKEY> keys = job.keys();
+        ASSERT_EQ(num_objects, keys.size());
+        EXPECT_TRUE(std::ranges::is_sorted(keys, store::KeyLess()));
+        EXPECT_EQ(bad_args, Omralib_get_invoke_keys(job.params.context, keys.data(), 59));
+        EXPECT_EQ(success, put(worker, job.params.results_key, bytes_of(7ull)));
+        /* What is accepted is carried out, whoever serves meanwhile. */
+        EXPECT_EQ(success, Omralib_stop_app_event_handling(worker, event_app));
+        EXPECT_EQ(success, complete(job, 50, 10));
+        EXPECT_EQ(bad_args, complete(job, 50, 10));
+        EXPECT_EQ(bad_args, Omralib_flush_invoke(job.params.context));
+    };
+    const Outcome outcome = invoke(header);
+    EXPECT_EQ(success, outcome.status);
+    EXPECT_EQ(50u, outcome.result.num_successful);
+    EXPECT_EQ(10u, outcome.result.num_failed);
+    EXPECT_THAT(outcome.evaluated, ElementsAre(7));
+    EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(outcome.result.exceptions_key));
 }
 
 TEST_P(Invocations, CountEveryKeyOnceWhateverTheHostSays) {
     const struct {
         unsigned int said_successful, said_failed, successful;
-    } cases[] = {{9, 0, 3}, {1, 0, 1}, {3, 3, 3}, {0, 0, 0}, {0xFFFFFFFFu, 0xFFFFFFFFu, 3}};
+    } cases[] = {{99, 0, 60}, {1, 0, 1}, {60, 60, 60}, {0, 0, 0}, {0xFFFFFFFFu, 0xFFFFFFFFu, 60}};
     for (const auto &c : cases) {
-        auto answer = start_invocation(header_);
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, complete(c.said_successful, c.said_failed));
-        const Answer got = answer.get();
-        EXPECT_EQ(c.successful, got.result.num_successful);
-        EXPECT_EQ(3 - c.successful, got.result.num_failed);
+        turn = [&](Millis) {
+            EXPECT_EQ(success, complete(jobs.back(), c.said_successful, c.said_failed));
+        };
+        const Outcome outcome = invoke();
+        EXPECT_EQ(c.successful, outcome.result.num_successful);
+        EXPECT_EQ(60 - c.successful, outcome.result.num_failed);
     }
-    auto answer = start_invocation(header_);
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, put(worker_, request.results_key, "half done"));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_flush_invoke(request.context));
-    const Answer flushed = answer.get();
-    EXPECT_EQ(3u, flushed.result.num_failed);
-    EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(flushed.result.results_key));
+    turn = [&](Millis) {
+        EXPECT_EQ(success, put(worker, jobs.back().params.results_key, "half done"));
+        EXPECT_EQ(success, Omralib_flush_invoke(jobs.back().params.context));
+    };
+    const Outcome outcome = invoke();
+    EXPECT_EQ(60u, outcome.result.num_failed);
+    EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(outcome.result.results_key));
 }
 
 TEST_P(Invocations, ReachOnlyWhoServesTheAppId) {
+    constexpr unsigned int once = MGTI_APPID_INVOKE_ONCE;
     /* A request to run once has one null key; whoever serves anything serves it when it names no
      * app id of its own. */
-    for (const unsigned int event_app_id : {event_app, MGTI_APPID_INVOKE_ONCE}) {
-        auto answer = start_invocation(make_header(MGTI_APPID_INVOKE_ONCE, event_app_id));
-        EXPECT_EQ("the worker guid ", served_by);
-        EXPECT_EQ(MGTI_APPID_INVOKE_ONCE, request.app_id);
-        OMRA_OBJKEY key = make_key(1, 1);
-        EXPECT_EQ(1, request.num_keys);
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_invoke_keys(request.context, &key, 1));
-        EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(key));
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, complete(1, 0));
-        EXPECT_EQ(1u, answer.get().result.num_successful);
-    }
-    for (const unsigned int app_id : {data_app, MGTI_APPID_INVOKE_ONCE}) {
-        EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke(make_header(app_id, 78)).status);
-    }
+    turn = [&](Millis) {
+        EXPECT_EQ(once, jobs.back().params.app_id);
+        EXPECT_THAT(jobs.back().keys(), ElementsAre(testing::Truly(
+                                            [](auto &key) { return OMRA_OBJKEY_IS_NULL(key); })));
+        EXPECT_EQ(success, complete(jobs.back(), 1, 0));
+    };
+    EXPECT_EQ(1u, invoke(make_header(once, event_app)).result.num_successful);
+    EXPECT_EQ(1u, invoke(make_header(once, once)).result.num_successful);
+    EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke(make_header(once, 78)).status);
+    EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke(make_header(data_app, 78)).status);
     /* Stopping ends what a handle with the same identifier has started, and only that. */
-    const OMRA_INDEX_HDR without_objects = make_header(6, event_app);
-    for (const OMRALIB_HANDLE hdl : {hdl_, worker_}) {
-        const Answer none = invoke(without_objects);
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, none.status);
-        EXPECT_EQ(0u, none.result.num_successful + none.result.num_failed);
-        EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(none.result.results_key));
-        EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(none.result.exceptions_key));
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_stop_app_event_handling(hdl, event_app));
+    for (const OMRALIB_HANDLE stopping : {hdl, worker}) {
+        const Outcome outcome = invoke(make_header(6)); /* there are no objects */
+        EXPECT_EQ(success, outcome.status);
+        EXPECT_EQ(0u, outcome.result.num_successful + outcome.result.num_failed);
+        EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(outcome.result.results_key));
+        EXPECT_EQ(success, Omralib_stop_app_event_handling(stopping, event_app));
     }
-    EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke(header_).status);
-    EXPECT_FALSE(accepted.try_acquire());
+    EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke().status);
+    EXPECT_EQ(2u, num_jobs);
 }
 
 TEST_P(Invocations, TellMalformedRequests) {
-    unsigned int len = 0;
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_invoke(hdl_, 0, &header_, 103, &len));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_invoke(hdl_, 0, nullptr, 104, &len));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_invoke(hdl_, 0, &header_, 104, nullptr));
+    constexpr ULONG as_text = OMRALIB_QUERY_PASS_THROUGH;
+    constexpr int bad_query = OMRALIB_ERR_BAD_QUERY;
     const auto term = [](USHORT index, USHORT flags) {
-        const OMRA_INDEX_SPEC spec{index, flags, make_value(1)};
-        return std::string(reinterpret_cast<const char *>(&spec), sizeof spec);
+        return bytes_of(OMRA_INDEX_SPEC{index, flags, {{1}}});
     };
-    const auto status = [&](ULONG num_index, ULONG query_kind, std::string_view query,
-                            ULONG kind = OMRALIB_INDEX_OP_INVOKE) {
-        OMRA_INDEX_HDR header = header_;
-        header.reserved = kind;
+    OMRA_INDEX_HDR header = make_header(data_app);
+    const auto status = [&](ULONG num_index, ULONG query_kind, std::string_view query) {
         header.num_index = num_index;
         header.reserved1 = query_kind;
         return invoke(header, query).status;
     };
-    constexpr ULONG as_text = OMRALIB_QUERY_PASS_THROUGH;
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(0, 0, "x"));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(1, 0, ""));
-    EXPECT_EQ(OMRALIB_ERR_BAD_QUERY, status(1, 0, term(8, 0)));
-    EXPECT_EQ(OMRALIB_ERR_BAD_QUERY, status(1, 0, term(0, 2)));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(1, 3, term(0, 0)));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(0x80000001, 0, term(0, 0)));
-    EXPECT_EQ(OMRALIB_ERR_BAD_QUERY, status(8, as_text, "nonsense"));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(7, as_text, "nonsense"));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, status(0, 0, "", 1));
-    EXPECT_FALSE(accepted.try_acquire());
+    EXPECT_EQ(bad_args, status(0, 0, "x"));
+    EXPECT_EQ(bad_args, status(1, 0, ""));
+    EXPECT_EQ(bad_query, status(1, 0, term(8, 0)));
+    EXPECT_EQ(bad_query, status(1, 0, term(0, 2)));
+    EXPECT_EQ(bad_args, status(1, 3, term(0, 0)));
+    EXPECT_EQ(bad_args, status(0x80000001, 0, term(0, 0)));
+    EXPECT_EQ(bad_query, status(8, as_text, "nonsense"));
+    EXPECT_EQ(bad_args, status(7, as_text, "nonsense"));
+    header.reserved = 1;
+    EXPECT_EQ(bad_args, status(0, 0, ""));
+    unsigned int len = 0;
+    EXPECT_EQ(bad_args, Omralib_invoke(hdl, 0, &header, 103, &len));
+    EXPECT_EQ(bad_args, Omralib_invoke(hdl, 0, nullptr, 104, &len));
+    EXPECT_EQ(bad_args, Omralib_invoke(hdl, 0, &header, 104, nullptr));
+    OMRALIB_CB cb{};
+    EXPECT_EQ(bad_args, Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, cb));
+    cb.invoke_cb = [](OMRALIB_INVOKE_PARAMS *) { return 0; };
+    EXPECT_EQ(bad_args, Omralib_register_cb(0, cb));
+    EXPECT_EQ(bad_args, Omralib_register_cb(5, cb));
+    EXPECT_EQ(0u, num_jobs);
 }
 
-TEST_P(Invocations, CallbacksAndNamesAreChecked) {
-    OMRALIB_CB cb;
-    cb.invoke_ext_cb = nullptr;
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, cb));
-    cb.invoke_ext_cb = accept;
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_register_cb(0, cb));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_register_cb(5, cb));
-
-    unsigned int app_id = 0;
+TEST_P(Invocations, BindNamesToAppIds) {
     const auto bind = [&](const std::string &name) {
-        const auto len = static_cast<unsigned int>(name.size());
-        return Omralib_register_appname_hdl(hdl_, name.data(), len, &app_id);
+        unsigned int app_id = 0;
+        const int status = Omralib_register_appname_hdl(hdl, name.data(), length_of(name), &app_id);
+        return status == success ? static_cast<int>(app_id) : status;
     };
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, bind("__OMRA_appname_system_backrest"));
-    EXPECT_EQ(0x30000002u, app_id);
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, bind("__OMRA_appname_invoke_once"));
-    EXPECT_EQ(0x40000001u, app_id);
+    EXPECT_EQ(0x30000002, bind("__OMRA_appname_system_backrest"));
+    EXPECT_EQ(0x40000001, bind("__OMRA_appname_invoke_once"));
     EXPECT_EQ(OMRALIB_ERR_NAME_REGISTERED, bind("__OMRA_appname_system_backrest"));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, bind(""));
-    EXPECT_EQ(0x40000001u, app_id);
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, bind("mine"));
-    EXPECT_LE(app_id, 0x0FFFFFFEu);
-    const unsigned int mine = app_id;
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, bind("yours"));
-    EXPECT_NE(mine, app_id);
+    EXPECT_EQ(bad_args, bind(""));
+    const int mine = bind("mine");
+    EXPECT_TRUE(mine >= 0 && mine <= 0x0FFFFFFE && mine != bind("yours"));
+}
+
+/* Many hosts ----------------------------------------------------------------------------------- */
+
+class Progress : public Invocations {
+public:
+    Progress() : Invocations(4) {}
+
+    void read_all() {
+        for (unsigned long long i = 0; i < num_objects; ++i) {
+            EXPECT_EQ("x", get(other, make_key(data_app, i)));
+        }
+    }
+
+    bool notices_reads() { return store.serving.requests.is_noticing(); }
+
+    const OMRALIB_HANDLE other = Omralib_open_ext("another process ");
+    std::vector<OMRALIB_PROGRESS> reports;
+    Millis reported_at = 0;
+};
+FOR_ALL_ENGINES(Progress);
+
+TEST_P(Progress, IsReportedAtMostTenTimesASecondAndAtTheEnd) {
+    const auto note = [](const OMRALIB_PROGRESS *pnow, void *parg) {
+        auto &test = *static_cast<Progress *>(parg);
+        EXPECT_EQ(num_objects, pnow->num_matched);
+        EXPECT_EQ(4u, pnow->num_hosts);
+        EXPECT_GE(pnow->num_done, test.reports.empty() ? 0 : test.reports.back().num_done);
+        const Millis now = test.clock.now();
+        EXPECT_TRUE(test.jobs.empty() || now >= std::exchange(test.reported_at, now) + 100);
+        test.reports.push_back(*pnow);
+    };
+    ASSERT_EQ(success, Omralib_set_progress_func(hdl, note, this));
+    turn = [&](Millis) {
+        read_all(); /* no reads of the hosts' */
+        clock.advance(30);
+        const auto late = std::ranges::find(jobs, 0u, &Job::num_steps);
+        step(late != jobs.end() ? late : jobs.begin());
+    };
+    ASSERT_EQ(success, invoke().status);
+    EXPECT_EQ(0u, reports.front().num_done);
+    EXPECT_TRUE(std::ranges::any_of(reports, [](const OMRALIB_PROGRESS &report) {
+        return report.num_hosts_done == 0 && report.num_done > 0; /* of those that run */
+    }));
+    EXPECT_EQ(num_objects, reports.back().num_done);
+    EXPECT_EQ(num_objects - num_good, reports.back().num_failed);
+    EXPECT_EQ(4u, reports.back().num_hosts_done);
+    EXPECT_FALSE(notices_reads());
+}
+
+TEST_P(Progress, CancellingDropsWhatHasNotBegun) {
+    turn = [&](Millis) {
+        if (jobs.size() == 4) {
+            step(jobs.begin());
+        } else {
+            EXPECT_EQ(success, Omralib_cancel_invoke(hdl));
+        }
+    };
+    EXPECT_EQ(OMRALIB_ERR_CANCELLED, invoke().status);
+    EXPECT_EQ(OMRALIB_ERR_NOT_READING, Omralib_flush_read_data(hdl));
+
+    /* The others read their objects only now. Nobody else misses one. */
+    ASSERT_EQ(3u, jobs.size());
+    EXPECT_TRUE(notices_reads());
+    before_step = [](const Job &job) {
+        EXPECT_EQ(job.num_steps == 0 ? 0 : job.params.num_keys, job.num_dropped);
+    };
+    read_all();
+    finish_zombies();
+    EXPECT_EQ(0u, num_temp_objects());
+    EXPECT_FALSE(notices_reads());
+    EXPECT_EQ(success, Omralib_cancel_invoke(hdl));
+    EXPECT_EQ(OMRALIB_ERR_BAD_HANDLE, Omralib_cancel_invoke(OMRALIB_NULL_HANDLE));
+}
+
+/* Two run, one on the other's back, and a third one waits. */
+TEST_P(Progress, WaitsForATurnAgainstTheDeadline) {
+    const OMRALIB_HANDLE third = Omralib_open_ext(nullptr);
+    int expected = 0; /* of the third one, while it waits */
+    bool has_begun = false;
+    turn = [&, go_on = turn](Millis deadline) {
+        if (expected == OMRALIB_ERR_CANCELLED) {
+            EXPECT_EQ(3u, stats().num_invocations_running);
+            Omralib_cancel_invoke(third);
+        } else if (expected != 0) {
+            clock.advance(deadline - clock.now());
+        } else if (num_jobs == 4) {
+            EXPECT_EQ(num_good, invoke(0, other).result.num_successful);
+        } else if (!std::exchange(has_begun, true)) {
+            for (const int end : {OMRALIB_ERR_INVOKE_TIMEOUT, OMRALIB_ERR_CANCELLED}) {
+                expected = end;
+                EXPECT_EQ(end, invoke(10, third).status);
+                EXPECT_EQ(8u, num_jobs); /* all of the first two */
+            }
+            expected = 0;
+        } else {
+            go_on(deadline);
+        }
+    };
+    EXPECT_EQ(num_good, invoke().result.num_successful);
+    EXPECT_EQ(num_good, invoke(0, third).result.num_successful);
+    EXPECT_EQ(0u, num_temp_objects());
+}
+
+TEST(Admission, IsFirstComeFirstServed) {
+    TestClock clock;
+    store::Mailroom mailroom(clock);
+    store::Admission admission(mailroom, 2);
+    store::Mailbox box(mailroom);
+    std::unique_ptr<store::Admission::Place> places[5];
+    for (auto &place : places) {
+        place = std::make_unique<store::Admission::Place>(admission, box);
+    }
+    EXPECT_TRUE(places[0]->is_admitted() && places[1]->is_admitted());
+    EXPECT_FALSE(places[2]->is_admitted());
+    places[2].reset(); /* gives up */
+    places[1].reset();
+    EXPECT_TRUE(places[3]->is_admitted());
+    EXPECT_FALSE(places[4]->is_admitted());
+    places[0].reset();
+    EXPECT_TRUE(places[4]->is_admitted());
 }
 
 } // namespace

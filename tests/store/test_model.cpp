@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <map>
 #include <optional>
-#include <ostream>
+#include <ranges>
 #include <semaphore>
 #include <set>
 
@@ -30,10 +30,7 @@ constexpr Millis lease = 60 * millis_per_second;
 
 /* One operation; every number counts modulo what it chooses from. */
 struct Command {
-    unsigned int op;
-    unsigned int object;
-    unsigned int handle;
-    unsigned int detail;
+    unsigned int op, object, handle, detail;
 };
 
 struct ModelObject {
@@ -43,25 +40,26 @@ struct ModelObject {
     Millis expires_at = store::never;
     int ticket = 0;
     Millis locked_until = 0; /* `never` while an open handle holds the lock */
+
+    /* As storapp.h says what counts. */
+    std::uint64_t cost() const { return bytes.size() + 128 + 128 * values.size(); }
 };
 
 struct ModelHandle {
-    OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE;
-    std::optional<std::string> pending;
-    std::vector<std::pair<Key, int>> locks;
+    OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
+    std::optional<std::string> pending = {};
+    std::map<int, Key> locks = {}; /* by ticket */
 };
+
+std::optional<std::counting_semaphore<>> events;
 
 /* A store and its model, driven together. */
 class ModelRun : public StoreTest {
 public:
-    struct Operation {
-        const char *name;
-        void (ModelRun::*carry_out)();
-    };
-    static const std::vector<Operation> operations;
+    using Operation = void (ModelRun::*)();
 
     explicit ModelRun(std::uint64_t memory_limit)
-        : StoreTest(configured(memory_limit)), limit_(memory_limit) {
+        : StoreTest({.memory_limit = memory_limit}), limit_(memory_limit) {
         OMRALIB_CB cb;
         cb.event_ext_cb = [](OMRA_OBJKEY, const char *, unsigned int) {
             events->release();
@@ -70,19 +68,16 @@ public:
         events.emplace(0);
         Omralib_register_cb(OMRALIB_CB_EVENT_EXT, cb);
         Omralib_start_app_event_handling(hdl_, 1);
-        for (ModelHandle &handle : handles_) {
-            handle.hdl = Omralib_open_ext(nullptr);
-        }
     }
 
-    void execute(const Command &command) {
+    void execute(const Command &command, Operation operation) {
         handle_ = &handles_[command.handle];
         detail_ = command.detail;
         number_ = command.object;
         choose(some_key(0));
-        (this->*operations[command.op].carry_out)();
+        (this->*operation)();
         RC_ASSERT(Omralib_handle_ready(handle_->hdl) ==
-                  (handle_->pending ? OMRALIB_ERR_OBJ_READING : OMRALIB_RET_SUCCESS));
+                  (handle_->pending ? OMRALIB_ERR_OBJ_READING : success));
     }
 
     /* Every object that had to expire goes, once, and those who have to hear of it do, whether or
@@ -96,134 +91,28 @@ public:
         list();
         store_.cluster().detach();
         RC_ASSERT(!events->try_acquire());
-        OMRALIB_STATS stats;
-        RC_ASSERT(OMRALIB_RET_SUCCESS == Omralib_get_stats(&stats));
-        RC_ASSERT(stats.num_expired == num_expired_);
+        RC_ASSERT(stats().num_expired == num_expired_);
     }
 
-private:
-    static store::Configuration configured(std::uint64_t memory_limit) {
-        store::Configuration configuration;
-        configuration.memory_limit = memory_limit;
-        return configuration;
-    }
-
-    void TestBody() override {}
-
-    /* The object of the command, or one of those after it. */
-    Key some_key(unsigned int distance) const {
-        const unsigned int number = (number_ + distance) % num_objects;
-        return make_key(1 + number % 2, number);
-    }
-
-    static std::string text_of(store::Bytes bytes) {
-        return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
-    }
-
-    void choose(const Key &key) {
-        key_ = key;
-        const auto found = objects_.find(key_);
-        object_ = found == objects_.end() ? nullptr : &found->second;
-    }
-
-    /* As storapp.h says what counts. */
-    static std::uint64_t cost_of(std::size_t length, std::size_t num_index_values) {
-        return length + 128 + 128 * num_index_values;
-    }
-
-    std::uint64_t cost() const {
-        std::uint64_t sum = 0;
-        for (const auto &[key, object] : objects_) {
-            sum += cost_of(object.bytes.size(), object.values.size());
-        }
-        return sum;
-    }
-
-    bool fits(std::size_t length, std::size_t num_index_values) const {
-        const std::uint64_t old =
-            object_ ? cost_of(object_->bytes.size(), object_->values.size()) : 0;
-        const std::uint64_t fresh = cost_of(length, num_index_values);
-        return fresh <= old || limit_ == store::no_memory_limit || cost() - old + fresh <= limit_;
-    }
-
-    bool is_locked() const { return object_->ticket != 0 && clock_.now() < object_->locked_until; }
-
-    std::string some_bytes() {
-        const unsigned int length = detail_ % 5 == 0 ? 0 : detail_ % 300;
-        return length == 0 ? "" : std::string(length, 'x') + std::to_string(++serial_);
-    }
-
-    std::vector<OMRA_OBJ_INDEX> some_values() const {
-        std::vector<OMRA_OBJ_INDEX> values;
-        for (USHORT index = 0; index < 2; ++index) {
-            if ((detail_ >> index & 1) != 0) {
-                values.push_back(make_index(index, (detail_ >> 2) % num_values));
-            }
-        }
-        return values;
-    }
-
-    bool renews() const { return detail_ % 2 == 0; }
-    Key given_key() const { return renews() ? key_ : marked(key_); }
-
-    void use(bool renew) {
-        if (renew && object_->timeout_m != 0) {
-            object_->expires_at = clock_.now() + object_->timeout_m * millis_per_minute;
-        }
-    }
-
-    /* What storing or replacing leaves. */
-    void put(ModelObject fresh) {
-        objects_[key_] = std::move(fresh);
-        object_ = &objects_[key_];
-        use(true);
-    }
-
-    template <typename Operation>
-    void put_by(Operation operation, int expected) {
-        ModelObject fresh;
-        fresh.bytes = some_bytes();
-        fresh.timeout_m = (detail_ >> 4) % 4;
-        fresh.values = some_values();
-        if (expected == OMRALIB_RET_SUCCESS && !fits(fresh.bytes.size(), fresh.values.size())) {
-            expected = OMRALIB_ERR_NO_SPACE;
-        }
-        RC_ASSERT(expected == operation(handle_->hdl, fresh.bytes.data(),
-                                        static_cast<unsigned int>(fresh.bytes.size()),
-                                        fresh.timeout_m, fresh.values.data(),
-                                        static_cast<unsigned int>(fresh.values.size()),
-                                        given_key()));
-        if (expected == OMRALIB_RET_SUCCESS) {
-            put(std::move(fresh));
-        }
-    }
+    /* Operations ------------------------------------------------------------------------------ */
 
     void store_object() {
-        put_by(Omralib_store_indexed_obj, object_ ? OMRALIB_ERR_OBJ_EXISTS : OMRALIB_RET_SUCCESS);
+        put_by(Omralib_store_indexed_obj, object_ ? OMRALIB_ERR_OBJ_EXISTS : success);
     }
 
     void replace() {
-        put_by(Omralib_replace_obj, !object_      ? OMRALIB_ERR_OBJ_NOT_FOUND
+        put_by(Omralib_replace_obj, !object_      ? not_found
                                     : is_locked() ? OMRALIB_ERR_OBJ_LOCKED
-                                                  : OMRALIB_RET_SUCCESS);
-    }
-
-    /* What a read that has succeeded leaves. */
-    void note_read(unsigned int len) {
-        RC_ASSERT(len == object_->bytes.size());
-        if (len != 0) {
-            handle_->pending = object_->bytes;
-        }
-        use(renews());
+                                                  : success);
     }
 
     void read() {
         unsigned int len = ~0u;
         const int expected = handle_->pending ? OMRALIB_ERR_OBJ_READING
-                             : object_        ? OMRALIB_RET_SUCCESS
-                                              : OMRALIB_ERR_OBJ_NOT_FOUND;
+                             : object_        ? success
+                                              : not_found;
         RC_ASSERT(expected == Omralib_read_obj(handle_->hdl, 0, &len, given_key()));
-        if (expected == OMRALIB_RET_SUCCESS) {
+        if (expected == success) {
             note_read(len);
         }
     }
@@ -231,24 +120,10 @@ private:
     void fetch_pending() {
         if (!handle_->pending) {
             RC_ASSERT(OMRALIB_ERR_NOT_READING == Omralib_flush_read_data(handle_->hdl));
-            return;
+        } else {
+            RC_ASSERT(fetch(handle_->hdl, length_of(*handle_->pending)) == *handle_->pending);
+            handle_->pending.reset();
         }
-        const auto len = static_cast<unsigned int>(handle_->pending->size());
-        RC_ASSERT(fetch(handle_->hdl, len) == *handle_->pending);
-        handle_->pending.reset();
-    }
-
-    /* What a lock answers, and what it leaves. */
-    bool note_lock(int ticket, Millis until) {
-        if (!object_ || is_locked()) {
-            RC_ASSERT(ticket == (object_ ? OMRALIB_ERR_OBJ_LOCKED : OMRALIB_ERR_OBJ_NOT_FOUND));
-            return false;
-        }
-        RC_ASSERT(ticket > 0);
-        RC_ASSERT(tickets_.insert(ticket).second);
-        object_->ticket = ticket;
-        object_->locked_until = until;
-        return true;
     }
 
     void lock() {
@@ -257,47 +132,8 @@ private:
         if (handle_->pending) {
             RC_ASSERT(OMRALIB_ERR_OBJ_READING == ticket);
         } else if (note_lock(ticket, store::never)) {
-            handle_->locks.emplace_back(key_, ticket);
+            handle_->locks[ticket] = key_;
             note_read(len);
-        }
-    }
-
-    /* What an operation under a lock has to answer. */
-    int expect_lock(int ticket) const {
-        return !object_                                    ? OMRALIB_ERR_OBJ_NOT_FOUND
-               : object_->ticket != ticket || !is_locked() ? OMRALIB_ERR_LOCK_LOST
-                                                           : OMRALIB_RET_SUCCESS;
-    }
-
-    /* Mostly that of one of the handle's locks; else one that is worth nothing: its own of another
-     * object, another handle's, or nobody's. */
-    int choose_ticket() {
-        const auto &locks = handles_[detail_ % 8 == 7 ? 0 : handle_ - handles_].locks;
-        if (locks.empty()) {
-            return no_ticket;
-        }
-        const auto [key, ticket] = locks[detail_ % locks.size()];
-        choose(detail_ % 8 == 6 ? key_ : key);
-        return ticket;
-    }
-
-    auto find_lock(int ticket) {
-        return std::ranges::find_if(handle_->locks, [&](const auto &held) {
-            return held.second == ticket && store::order_of(held.first, key_) == 0;
-        });
-    }
-
-    int expect_held(int ticket) {
-        return find_lock(ticket) != handle_->locks.end() ? expect_lock(ticket)
-                                                         : OMRALIB_ERR_LOCK_LOST;
-    }
-
-    void note_unlocked(int ticket, int status) {
-        if (status == OMRALIB_RET_SUCCESS) {
-            object_->ticket = 0;
-        }
-        if (const auto held = find_lock(ticket); held != handle_->locks.end()) {
-            handle_->locks.erase(held);
         }
     }
 
@@ -306,15 +142,15 @@ private:
         const bool unlocking = detail_ % 3 != 0;
         const std::string data = some_bytes();
         int expected = expect_held(ticket);
-        if (expected == OMRALIB_RET_SUCCESS && !fits(data.size(), object_->values.size())) {
+        if (expected == success && !fits({data, 0, object_->values})) {
             expected = OMRALIB_ERR_NO_SPACE;
         }
         RC_ASSERT(expected == update(handle_->hdl, given_key(), ticket, data, unlocking));
-        if (expected == OMRALIB_RET_SUCCESS) {
+        if (expected == success) {
             object_->bytes = data;
             use(renews());
         }
-        if (expected != OMRALIB_ERR_NO_SPACE && (unlocking || expected != OMRALIB_RET_SUCCESS)) {
+        if (expected != OMRALIB_ERR_NO_SPACE && (unlocking || expected != success)) {
             note_unlocked(ticket, expected);
         }
     }
@@ -326,15 +162,66 @@ private:
         note_unlocked(ticket, expected);
     }
 
+    void remove() {
+        RC_ASSERT((object_ ? success : not_found) ==
+                  Omralib_remove_obj(handle_->hdl, 0, given_key()));
+        objects_.erase(key_);
+    }
+
+    void find() {
+        const auto index = static_cast<USHORT>(detail_ % 2);
+        const OMRA_INDEX_VALUE value = make_index(index, (detail_ >> 1) % num_values).value;
+        check_keys(
+            StoreTest::find({key_.app_id, store::equals(index, value)}), [&](const auto &entry) {
+                return entry.first.app_id == key_.app_id &&
+                       std::ranges::any_of(entry.second.values, [&](const auto &its) {
+                           return bytes_of(its) == bytes_of(OMRA_OBJ_INDEX{index, {}, value});
+                       });
+            });
+    }
+
+    void list() {
+        check_keys(StoreTest::find({OMRALIB_ALL_APP_IDS, {}}), [](const auto &) { return true; });
+        OMRALIB_STATS all = stats();
+        OMRALIB_APP_STATS first;
+        RC_ASSERT(success == Omralib_get_app_stats(1, &first));
+        for (const auto &[key, object] : objects_) {
+            all.num_bytes -= object.bytes.size();
+            first.num_bytes -= key.app_id == 1 ? object.bytes.size() : 0;
+            first.num_objects -= key.app_id == 1 ? 1 : 0;
+        }
+        RC_ASSERT(all.num_objects == objects_.size() && all.num_bytes == 0);
+        RC_ASSERT(first.num_objects == 0 && first.num_bytes == 0);
+    }
+
+    void close() {
+        RC_ASSERT(success == Omralib_close(handle_->hdl));
+        for (const auto &[ticket, key] : handle_->locks) {
+            choose(key);
+            if (expect_lock(ticket) == success) {
+                object_->ticket = 0;
+            }
+        }
+        *handle_ = {};
+    }
+
+    void turn_clock() {
+        clock_.advance(static_cast<Millis>(detail_ % 80) * millis_per_second);
+        let_expire();
+        if (limit_ != store::no_memory_limit) {
+            list(); /* until then it is the sweeper's matter when there is room again */
+        }
+    }
+
     /* Other hosts and the invocation: what only the engine sees -------------------------------- */
 
     /* Locks, and renews no lease. */
     void lock_and_die() {
         store::Content content;
         int ticket = 0;
-        const int status = objects().read_and_lock(key_, renews(), 0, ticket, content);
-        if (note_lock(status == OMRALIB_RET_SUCCESS ? ticket : status, clock_.now() + lease)) {
-            RC_ASSERT(text_of(content.bytes()) == object_->bytes);
+        const int status = engine_.read_and_lock(key_, renews(), 0, ticket, content);
+        if (note_lock(status == success ? ticket : status, clock_.now() + lease)) {
+            RC_ASSERT(std::ranges::equal(content.bytes(), bytes_in(object_->bytes)));
             dead_ = {key_, ticket};
             use(renews());
         }
@@ -346,43 +233,42 @@ private:
         const int ticket = dead_.second;
         const int expected = expect_lock(ticket);
         const bool renewing = detail_ % 3 == 2;
+        const bool updating = detail_ % 3 == 1;
         if (renewing && object_ && object_->ticket == ticket && !is_locked() && ticket != 0) {
             return; /* whether a lease that is over comes back is the engine's matter */
         }
-        RC_ASSERT(expected == (renewing           ? objects().renew_lock(key_, ticket)
-                               : detail_ % 3 == 1 ? objects().update(key_, ticket, true, false, {})
-                                                  : objects().unlock(key_, ticket)));
-        if (expected == OMRALIB_RET_SUCCESS && renewing) {
+        RC_ASSERT(expected == (renewing   ? engine_.renew_lock(key_, ticket)
+                               : updating ? engine_.update(key_, ticket, true, false, {})
+                                          : engine_.unlock(key_, ticket)));
+        if (expected == success && renewing) {
             object_->locked_until = clock_.now() + lease;
-        } else if (expected == OMRALIB_RET_SUCCESS) {
+        } else if (expected == success) {
             object_->ticket = 0;
-            object_->bytes.resize(detail_ % 3 == 1 ? 0 : object_->bytes.size());
+            object_->bytes.resize(updating ? 0 : object_->bytes.size());
         }
     }
 
     void touch() {
-        const int expected = object_ ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND;
-        RC_ASSERT(expected == objects().exists(key_) && expected == objects().touch(key_));
-        if (object_) {
-            use(true);
-        }
+        const int expected = object_ ? success : not_found;
+        RC_ASSERT(expected == engine_.exists(key_) && expected == engine_.touch(key_));
+        use(true);
     }
 
     void copy() {
-        ModelObject *const source = object_;
         const Key from = key_;
+        const ModelObject *const source = object_;
         choose(some_key(1));
         if (!source && object_) {
             return; /* either is wrong */
         }
-        const unsigned int timeout_m = (detail_ >> 4) % 4;
-        const int expected = !source                          ? OMRALIB_ERR_OBJ_NOT_FOUND
-                             : object_                        ? OMRALIB_ERR_OBJ_EXISTS
-                             : !fits(source->bytes.size(), 0) ? OMRALIB_ERR_NO_SPACE
-                                                              : OMRALIB_RET_SUCCESS;
-        RC_ASSERT(expected == objects().copy(from, key_, timeout_m));
-        if (expected == OMRALIB_RET_SUCCESS) {
-            put({source->bytes, timeout_m, {}});
+        const ModelObject fresh{source ? source->bytes : "", (detail_ >> 4) % 4, {}};
+        const int expected = !source        ? not_found
+                             : object_      ? OMRALIB_ERR_OBJ_EXISTS
+                             : !fits(fresh) ? OMRALIB_ERR_NO_SPACE
+                                            : success;
+        RC_ASSERT(expected == engine_.copy(from, key_, fresh.timeout_m));
+        if (expected == success) {
+            put(fresh);
             choose(from);
             use(true);
         }
@@ -390,104 +276,166 @@ private:
 
     /* What becomes of each when there is not room for all is the engine's choice. */
     void create_many() {
-        std::vector<store::NewObject> fresh;
-        const std::string bytes = some_bytes();
+        std::vector<store::NewObject> many;
+        const ModelObject fresh{some_bytes(), detail_ % 3, {}};
         for (unsigned int i = 0; i < 3; ++i) {
-            fresh.push_back({some_key(i), {std::as_bytes(std::span(bytes)), detail_ % 3, {}}});
+            many.push_back({some_key(i), {bytes_in(fresh.bytes), fresh.timeout_m, {}}});
         }
         store::Status statuses[3];
-        const store::Status status = objects().create_many(fresh, statuses);
-        bool all = true;
+        const store::Status status = engine_.create_many(many, statuses);
         for (unsigned int i = 0; i < 3; ++i) {
-            choose(fresh[i].key);
-            const bool may_be_full = !object_ && limit_ != store::no_memory_limit;
-            RC_ASSERT(statuses[i] == (object_ ? OMRALIB_ERR_OBJ_EXISTS
-                                      : may_be_full && statuses[i] != OMRALIB_RET_SUCCESS
-                                          ? OMRALIB_ERR_NO_SPACE
-                                          : OMRALIB_RET_SUCCESS));
-            if (statuses[i] == OMRALIB_RET_SUCCESS) {
-                RC_ASSERT(fits(bytes.size(), 0));
-                put({bytes, detail_ % 3, {}});
+            choose(many[i].key);
+            const bool is_full = !object_ && statuses[i] == OMRALIB_ERR_NO_SPACE;
+            RC_ASSERT(!is_full || limit_ != store::no_memory_limit);
+            RC_ASSERT(is_full || statuses[i] == (object_ ? OMRALIB_ERR_OBJ_EXISTS : success));
+            if (statuses[i] == success) {
+                RC_ASSERT(fits(fresh));
+                put(fresh);
             }
-            all = all && statuses[i] == OMRALIB_RET_SUCCESS;
         }
-        RC_ASSERT((status == OMRALIB_RET_SUCCESS) == all);
+        RC_ASSERT((status == success) == (std::ranges::count(statuses, success) == 3));
     }
 
     void remove_many() {
         const Key keys[] = {some_key(0), some_key(1), some_key(2)};
         store::Status statuses[3];
-        objects().remove_many(keys, statuses);
+        engine_.remove_many(keys, statuses);
         for (unsigned int i = 0; i < 3; ++i) {
-            choose(keys[i]);
-            RC_ASSERT(statuses[i] == (object_ ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND));
-            objects_.erase(keys[i]);
+            RC_ASSERT(statuses[i] == (objects_.erase(keys[i]) != 0 ? success : not_found));
         }
     }
 
-    void remove() {
-        RC_ASSERT((object_ ? OMRALIB_RET_SUCCESS : OMRALIB_ERR_OBJ_NOT_FOUND) ==
-                  Omralib_remove_obj(handle_->hdl, 0, given_key()));
-        objects_.erase(key_);
+private:
+    void TestBody() override {}
+
+    /* The object of the command, or one of those after it. */
+    Key some_key(unsigned int distance) const {
+        const unsigned int number = (number_ + distance) % num_objects;
+        return make_key(1 + number % 2, number);
     }
 
-    void find() {
-        const auto index = static_cast<USHORT>(detail_ % 2);
-        const unsigned int value = (detail_ >> 1) % num_values;
-        check_keys(find_value(key_.app_id, index, value),
-                   [&](const Key &key, const ModelObject &object) {
-                       return key.app_id == key_.app_id &&
-                              std::ranges::any_of(object.values, [&](const OMRA_OBJ_INDEX &its) {
-                                  return its.index == index && its.value.u64_comp[0] == value;
-                              });
-                   });
+    void choose(const Key &key) {
+        key_ = key;
+        const auto found = objects_.find(key_);
+        object_ = found == objects_.end() ? nullptr : &found->second;
     }
 
+    static store::Bytes bytes_in(const std::string &text) { return std::as_bytes(std::span(text)); }
+
+    std::string some_bytes() {
+        const unsigned int length = detail_ % 5 == 0 ? 0 : detail_ % 300;
+        return length == 0 ? "" : std::string(length, 'x') + std::to_string(++serial_);
+    }
+
+    bool renews() const { return detail_ % 2 == 0; }
+    Key given_key() const { return renews() ? key_ : marked(key_); }
+    bool is_locked() const { return object_->ticket != 0 && clock_.now() < object_->locked_until; }
+
+    void use(bool renew) {
+        if (renew && object_ && object_->timeout_m != 0) {
+            object_->expires_at = clock_.now() + object_->timeout_m * millis_per_minute;
+        }
+    }
+
+    /* In the place of the object, if there is one. */
+    bool fits(const ModelObject &fresh) const {
+        const std::uint64_t old = object_ ? object_->cost() : 0;
+        std::uint64_t sum = fresh.cost() - old;
+        for (const auto &[key, object] : objects_) {
+            sum += object.cost();
+        }
+        return fresh.cost() <= old || sum <= limit_;
+    }
+
+    /* What storing or replacing leaves. */
+    void put(const ModelObject &fresh) {
+        object_ = &(objects_[key_] = fresh);
+        use(true);
+    }
+
+    template <typename PutOperation>
+    void put_by(PutOperation operation, int expected) {
+        ModelObject fresh{some_bytes(), (detail_ >> 4) % 4, {}};
+        for (USHORT index = 0; index < 2; ++index) {
+            if ((detail_ >> index & 1) != 0) {
+                fresh.values.push_back(make_index(index, (detail_ >> 2) % num_values));
+            }
+        }
+        if (expected == success && !fits(fresh)) {
+            expected = OMRALIB_ERR_NO_SPACE;
+        }
+        RC_ASSERT(expected == operation(handle_->hdl, fresh.bytes.data(), length_of(fresh.bytes),
+                                        fresh.timeout_m, fresh.values.data(),
+                                        length_of(fresh.values), given_key()));
+        if (expected == success) {
+            put(fresh);
+        }
+    }
+
+    /* What a read that has succeeded leaves. */
+    void note_read(unsigned int len) {
+        RC_ASSERT(len == object_->bytes.size());
+        if (len != 0) {
+            handle_->pending = object_->bytes;
+        }
+        use(renews());
+    }
+
+    /* What a lock answers, and what it leaves. */
+    bool note_lock(int ticket, Millis until) {
+        if (!object_ || is_locked()) {
+            RC_ASSERT(ticket == (object_ ? OMRALIB_ERR_OBJ_LOCKED : not_found));
+            return false;
+        }
+        RC_ASSERT(ticket > 0);
+        RC_ASSERT(tickets_.insert(ticket).second);
+        object_->ticket = ticket;
+        object_->locked_until = until;
+        return true;
+    }
+
+    /* What an operation under a lock has to answer. */
+    int expect_lock(int ticket) const {
+        return !object_                                    ? not_found
+               : object_->ticket != ticket || !is_locked() ? OMRALIB_ERR_LOCK_LOST
+                                                           : success;
+    }
+
+    /* Mostly that of one of the handle's locks; else one that is worth nothing: its own of another
+     * object, another handle's, or nobody's. */
+    int choose_ticket() {
+        const auto &locks = detail_ % 8 == 7 ? handles_[0].locks : handle_->locks;
+        if (locks.empty()) {
+            return no_ticket;
+        }
+        const auto [ticket, key] = *std::next(locks.begin(), detail_ % locks.size());
+        choose(detail_ % 8 == 6 ? key_ : key);
+        return ticket;
+    }
+
+    bool is_held(int ticket) const {
+        const auto held = handle_->locks.find(ticket);
+        return held != handle_->locks.end() && is_same(held->second, key_);
+    }
+
+    int expect_held(int ticket) const {
+        return is_held(ticket) ? expect_lock(ticket) : OMRALIB_ERR_LOCK_LOST;
+    }
+
+    void note_unlocked(int ticket, int status) {
+        if (status == success) {
+            object_->ticket = 0;
+        }
+        if (is_held(ticket)) {
+            handle_->locks.erase(ticket);
+        }
+    }
+
+    /* The keys of just those objects. */
     template <typename Matches>
     void check_keys(const std::vector<Key> &keys, Matches matches) {
-        std::vector<Key> expected;
-        for (const auto &[key, object] : objects_) {
-            if (matches(key, object)) {
-                expected.push_back(key);
-            }
-        }
-        RC_ASSERT(
-            std::equal(keys.begin(), keys.end(), expected.begin(), expected.end(),
-                       [](const Key &a, const Key &b) { return store::order_of(a, b) == 0; }));
-    }
-
-    void list() {
-        std::vector<Key> keys;
-        const auto append = [](const OMRA_OBJKEY *pkey, void *parg) {
-            static_cast<std::vector<Key> *>(parg)->push_back(*pkey);
-            return 0;
-        };
-        RC_ASSERT(OMRALIB_RET_SUCCESS ==
-                  Omralib_list_objs(hdl_, OMRALIB_ALL_APP_IDS, append, &keys));
-        check_keys(keys, [](const Key &, const ModelObject &) { return true; });
-        OMRALIB_STATS stats;
-        OMRALIB_APP_STATS app_stats;
-        RC_ASSERT(OMRALIB_RET_SUCCESS == Omralib_get_stats(&stats));
-        RC_ASSERT(OMRALIB_RET_SUCCESS == Omralib_get_app_stats(1, &app_stats));
-        for (const auto &[key, object] : objects_) {
-            stats.num_bytes -= object.bytes.size();
-            app_stats.num_bytes -= key.app_id == 1 ? object.bytes.size() : 0;
-            app_stats.num_objects -= key.app_id == 1 ? 1 : 0;
-        }
-        RC_ASSERT(stats.num_objects == objects_.size() && stats.num_bytes == 0);
-        RC_ASSERT(app_stats.num_objects == 0 && app_stats.num_bytes == 0);
-    }
-
-    void close() {
-        RC_ASSERT(OMRALIB_RET_SUCCESS == Omralib_close(handle_->hdl));
-        for (const auto &[key, ticket] : handle_->locks) {
-            const auto found = objects_.find(key);
-            if (found != objects_.end() && found->second.ticket == ticket) {
-                found->second.ticket = 0;
-            }
-        }
-        *handle_ = {};
-        handle_->hdl = Omralib_open_ext(nullptr);
+        RC_ASSERT(std::ranges::equal(
+            keys, objects_ | std::views::filter(matches) | std::views::keys, is_same));
     }
 
     void let_expire() {
@@ -499,17 +447,8 @@ private:
         });
     }
 
-    void turn_clock() {
-        clock_.advance(static_cast<Millis>(detail_ % 80) * millis_per_second);
-        let_expire();
-        if (limit_ != store::no_memory_limit) {
-            list(); /* until then it is the sweeper's matter when there is room again */
-        }
-    }
-
-    static inline std::optional<std::counting_semaphore<>> events;
-
     const std::uint64_t limit_;
+    store::Objects &engine_ = store_.objects();
     std::map<Key, ModelObject, store::KeyLess> objects_;
     ModelHandle handles_[num_handles];
     std::set<int> tickets_;
@@ -526,7 +465,7 @@ private:
     unsigned int detail_ = 0;
 };
 
-const std::vector<ModelRun::Operation> ModelRun::operations = {
+constexpr std::pair<const char *, ModelRun::Operation> operations[] = {
     {"store", &ModelRun::store_object},
     {"replace", &ModelRun::replace},
     {"read", &ModelRun::read},
@@ -548,28 +487,26 @@ const std::vector<ModelRun::Operation> ModelRun::operations = {
 };
 
 std::ostream &operator<<(std::ostream &out, const Command &command) {
-    return out << ModelRun::operations[command.op].name << " object " << command.object
-               << " handle " << command.handle << " detail " << command.detail;
+    return out << operations[command.op].first << " object " << command.object << " handle "
+               << command.handle << " detail " << command.detail;
 }
 
 rc::Gen<Command> any_command() {
     return rc::gen::map(rc::gen::inRange<std::uint32_t>(0, 1u << 24), [](std::uint32_t bits) {
-        const auto num_operations = static_cast<unsigned int>(ModelRun::operations.size());
-        return Command{bits % num_operations, (bits >> 4) % num_objects, (bits >> 8) % num_handles,
-                       bits >> 10 & 0xFFF};
+        return Command{bits % std::uint32_t{std::size(operations)}, (bits >> 4) % num_objects,
+                       (bits >> 8) % num_handles, bits >> 10 & 0xFFF};
     });
 }
 
 void check_against_model(std::uint64_t memory_limit) {
-    const auto commands =
-        rc::gen::resize(1000, rc::gen::container<std::vector<Command>>(any_command()));
     std::size_t num_commands = 0;
     setenv("RC_PARAMS", "max_success=250", 0);
     EXPECT_TRUE(rc::check("the store answers as its model", [&] {
         ModelRun run(memory_limit);
-        const std::vector<Command> sequence = *commands;
+        const auto sequence =
+            *rc::gen::resize(1000, rc::gen::container<std::vector<Command>>(any_command()));
         for (const Command &command : sequence) {
-            run.execute(command);
+            run.execute(command, operations[command.op].second);
         }
         run.finish();
         num_commands += sequence.size();
@@ -577,7 +514,7 @@ void check_against_model(std::uint64_t memory_limit) {
     std::printf("%zu operations\n", num_commands);
 }
 
-class Model : public testing::TestWithParam<EngineParam> {};
+class Model : public testing::TestWithParam<store::EngineKind> {};
 FOR_ALL_ENGINES(Model);
 
 TEST_P(Model, HoldsWithTimeOuts) {

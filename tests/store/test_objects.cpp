@@ -1,81 +1,76 @@
-/* Handles, arguments, keys, and the listing of objects; what objects do is the model's matter. */
+/* The store's configuration, handles, arguments, keys, and the listing of objects; what objects do
+ * is the model's matter. */
+#include <cstdlib>
+
 #include "store_test.h"
 
 namespace {
 
-class Handles : public StoreTest {};
-class Objects : public StoreTest {};
+FOR_ALL_ENGINES(StoreTest);
 
-FOR_ALL_ENGINES(Handles);
-FOR_ALL_ENGINES(Objects);
-
-TEST_P(Handles, AClosedNumberStaysInvalidWhenItsSlotIsUsedAgain) {
+TEST_P(StoreTest, AClosedHandleStaysInvalidWhenItsSlotIsUsedAgain) {
     const OMRALIB_HANDLE first = Omralib_open_ext(nullptr);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(first));
+    ASSERT_EQ(success, Omralib_close(first));
     for (int i = 0; i < 1000; ++i) {
         const OMRALIB_HANDLE next = Omralib_open_ext(nullptr);
         ASSERT_NE(first, next);
         ASSERT_EQ(OMRALIB_ERR_BAD_HANDLE, Omralib_handle_ready(first));
-        ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(next));
+        ASSERT_EQ(success, Omralib_close(next));
     }
-    unsigned int len = 7;
     EXPECT_EQ(OMRALIB_ERR_BAD_HANDLE, Omralib_close(first));
-    EXPECT_EQ(OMRALIB_ERR_BAD_HANDLE, Omralib_read_obj(first, 0, &len, make_key(1, 1)));
+    EXPECT_EQ("status " + std::to_string(OMRALIB_ERR_BAD_HANDLE), get(first, make_key(1, 1)));
     EXPECT_EQ(OMRALIB_ERR_BAD_HANDLE, put(OMRALIB_NULL_HANDLE, make_key(1, 1), "a"));
-    EXPECT_EQ(7u, len);
 }
 
-TEST_P(Handles, RunOutCleanly) {
-    unsigned int num = 0;
-    OMRALIB_HANDLE last = OMRALIB_NULL_HANDLE;
-    for (OMRALIB_HANDLE hdl; (hdl = Omralib_open_ext(nullptr)) != OMRALIB_NULL_HANDLE; ++num) {
-        last = hdl;
+TEST_P(StoreTest, HandlesRunOutCleanly) {
+    std::vector<OMRALIB_HANDLE> all = {hdl_};
+    while (all.back() != OMRALIB_NULL_HANDLE) {
+        all.push_back(Omralib_open_ext(nullptr));
     }
-    EXPECT_EQ(65534u, num);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(last));
+    EXPECT_EQ(65535u + 1, all.size());
+    ASSERT_EQ(success, Omralib_close(all[1000]));
     EXPECT_NE(OMRALIB_NULL_HANDLE, Omralib_open_ext(nullptr));
     EXPECT_EQ(OMRALIB_NULL_HANDLE, Omralib_open_ext(nullptr));
 }
 
-TEST_P(Handles, AreBusyWhileACallHasThem) {
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(1, 1), "a"));
-    const auto use_it = [](const OMRA_OBJKEY *pkey, void *parg) {
+TEST_P(StoreTest, HandlesAreBusyWhileACallHasThem) {
+    ASSERT_EQ(success, put(hdl_, make_key(1, 1), "a"));
+    const auto use_it = [](const OMRA_OBJKEY *, void *parg) {
         const OMRALIB_HANDLE hdl = *static_cast<OMRALIB_HANDLE *>(parg);
-        unsigned int len = 0;
-        EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_read_obj(hdl, 0, &len, *pkey));
+        EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_flush_read_data(hdl));
         EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_close(hdl));
         return 0;
     };
     OMRALIB_HANDLE hdl = hdl_;
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_list_objs(hdl_, 1, use_it, &hdl));
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_handle_ready(hdl_));
+    EXPECT_EQ(success, Omralib_list_objs(hdl, 1, use_it, &hdl));
+    EXPECT_EQ(success, Omralib_handle_ready(hdl));
 }
 
-TEST_P(Handles, TellImpossibleArguments) {
+TEST_P(StoreTest, TellsImpossibleArguments) {
     const OMRA_OBJKEY key = make_key(1, 1);
     const OMRA_OBJKEY null_key{};
     OMRA_OBJKEY marked_null = marked(null_key);
     marked_null.type_index = 3;
     unsigned int len = 7;
     char buf[8];
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_read_obj(hdl_, 0, nullptr, key));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_store_obj(hdl_, 0, nullptr, 1, 0, key));
+    EXPECT_EQ(bad_args, Omralib_read_obj(hdl_, 0, nullptr, key));
+    EXPECT_EQ(bad_args, Omralib_store_obj(hdl_, 0, nullptr, 1, 0, key));
     EXPECT_EQ(OMRALIB_ERR_BAD_KEY, Omralib_read_obj(hdl_, 0, &len, null_key));
     EXPECT_EQ(OMRALIB_ERR_BAD_KEY, put(hdl_, marked_null, "a"));
     EXPECT_EQ(OMRALIB_ERR_BAD_KEY, Omralib_remove_obj(hdl_, 0, null_key));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, put_indexed(hdl_, key, {make_index(8, 1)}));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, put_indexed(hdl_, key, {make_index(2, 1), make_index(2, 5)}));
+    EXPECT_EQ(bad_args, put_indexed(hdl_, key, {make_index(8, 1)}));
+    EXPECT_EQ(bad_args, put_indexed(hdl_, key, {make_index(2, 1), make_index(2, 5)}));
     EXPECT_EQ(0u, count(hdl_, 1));
     EXPECT_EQ(7u, len);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, "abc"));
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_read_obj(hdl_, 0, &len, key));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_read_data(hdl_, buf, 4));
-    EXPECT_EQ(OMRALIB_ERR_BAD_ARGS, Omralib_get_read_data(hdl_, nullptr, 3));
+    ASSERT_EQ(success, put(hdl_, key, "abc"));
+    ASSERT_EQ(success, Omralib_read_obj(hdl_, 0, &len, key));
+    EXPECT_EQ(bad_args, Omralib_get_read_data(hdl_, buf, 4));
+    EXPECT_EQ(bad_args, Omralib_get_read_data(hdl_, nullptr, 3));
     EXPECT_EQ("abc", fetch(hdl_, 3));
     EXPECT_EQ(OMRALIB_ERR_NOT_READING, Omralib_get_read_data(hdl_, buf, 3));
 }
 
-TEST_P(Objects, AreToldApartByEveryFieldOfTheirKeys) {
+TEST_P(StoreTest, ObjectsAreToldApartByEveryFieldOfTheirKeys) {
     std::vector<OMRA_OBJKEY> keys(7, make_key(1, 1));
     keys[1].app_id = 0x30000000;
     keys[2].flags = 2;
@@ -83,42 +78,81 @@ TEST_P(Objects, AreToldApartByEveryFieldOfTheirKeys) {
     keys[4].reserved = 1;
     keys[5].ext_obj_id.u8_comp[15] = 1;
     keys[6].obj_id.u8_comp[15] = 1;
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-        ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, keys[i], std::to_string(i)));
+    for (const OMRA_OBJKEY &key : keys) {
+        ASSERT_EQ(success, put(hdl_, key, bytes_of(key)));
     }
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-        EXPECT_EQ(std::to_string(i), get(hdl_, keys[i]));
+    for (const OMRA_OBJKEY &key : keys) {
+        EXPECT_EQ(bytes_of(key), get(hdl_, key));
     }
     /* 0x7FFFFFFF is an app id of its own: the app id behind the mark would not be a marked one. */
-    EXPECT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(0x0FFFFFFF, 1), "plain"));
+    EXPECT_EQ(success, put(hdl_, make_key(0x0FFFFFFF, 1), "plain"));
     EXPECT_EQ("status -109", get(hdl_, make_key(0x7FFFFFFF, 1)));
 }
 
-TEST_P(Objects, AreListedInKeyOrderAndCounted) {
+TEST_P(StoreTest, ObjectsAreListedInKeyOrderAndCounted) {
     for (unsigned int i = 0; i < 600; ++i) {
         const unsigned int number = i * 7 % 600;
-        ASSERT_EQ(OMRALIB_RET_SUCCESS,
-                  put(hdl_, make_key(number < 300 ? 3 : 0x0FFFFFFF, number), "data"));
+        ASSERT_EQ(success, put(hdl_, make_key(number < 300 ? 3 : 0x0FFFFFFF, number), "data"));
     }
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(0x30000000, 1), "reserved"));
+    ASSERT_EQ(success, put(hdl_, make_key(0x30000000, 1), "reserved"));
     ULONGLONG next = 0;
     const auto is_next = [](const OMRA_OBJKEY *pkey, void *parg) {
         EXPECT_EQ((*static_cast<ULONGLONG *>(parg))++, pkey->obj_id.u64_comp[0]);
         return pkey->obj_id.u64_comp[0] == 500 ? 1 : 0; /* that is enough */
     };
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_list_objs(hdl_, OMRALIB_ALL_APP_IDS, is_next, &next));
+    ASSERT_EQ(success, Omralib_list_objs(hdl_, OMRALIB_ALL_APP_IDS, is_next, &next));
     EXPECT_EQ(501u, next);
     EXPECT_EQ(600u, count(hdl_, OMRALIB_ALL_APP_IDS));
     EXPECT_EQ(300u, count(hdl_, 0x0FFFFFFF));
     EXPECT_EQ(1u, count(hdl_, 0x30000000));
     EXPECT_EQ(0u, count(hdl_, 5));
 
-    OMRALIB_STATS stats;
     ASSERT_EQ("data", get(hdl_, make_key(3, 1)));
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_stats(&stats));
-    EXPECT_EQ(601u, stats.num_objects);
-    EXPECT_EQ(600u * 4 + 8, stats.num_bytes);
-    EXPECT_EQ(1u, stats.num_reads);
+    EXPECT_EQ(601u, stats().num_objects);
+    EXPECT_EQ(600u * 4 + 8, stats().num_bytes);
+    EXPECT_EQ(1u, stats().num_reads);
+}
+
+/* Of a refused configuration. */
+void expect_why(const char *reason) {
+    EXPECT_THAT(error_text(OMRALIB_NULL_HANDLE), testing::HasSubstr(reason));
+}
+
+TEST(Configuration, IsRefusedWithTheReasonAndThenStaysWhatItWas) {
+    const OMRALIB_CONFIG config{"embedded:", 64, 5, 7, 1'000'000};
+    EXPECT_EQ(success, Omralib_configure(&config));
+    EXPECT_EQ("", error_text(OMRALIB_NULL_HANDLE));
+    const std::pair<OMRALIB_CONFIG, const char *> table[] = {
+        {{"somewhere:else", 0, 0, 0, 0}, "\"somewhere:else\""},
+        {{"somewhere:else", 0, 0, 0, 0}, "\"embedded:\""},
+        {{nullptr, 65, 0, 0, 0}, "num_hosts is 65: 1 to 64"},
+        {{nullptr, 0, 86401, 0, 0}, "86401"},
+    };
+    for (const auto &[refused, reason] : table) {
+        EXPECT_EQ(bad_args, Omralib_configure(&refused));
+        expect_why(reason);
+    }
+    EXPECT_EQ(bad_args, Omralib_configure(nullptr));
+    ASSERT_EQ(success, Omralib_init());
+    const store::Configuration &used = store::Store::current()->configuration();
+    EXPECT_EQ(64u, used.num_hosts);
+    EXPECT_EQ(5000, used.lock_lease);
+    EXPECT_EQ(7u, used.max_invocations);
+    EXPECT_EQ(1'000'000u, used.memory_limit);
+    EXPECT_EQ(OMRALIB_ERR_CANT_INIT, Omralib_configure(&config));
+    expect_why("in use already");
+}
+
+TEST(Configuration, AnUnknownEngineInTheEnvironmentStopsTheStore) {
+    setenv("OMRA_STORE", "nowhere:", 1);
+    OMRALIB_CONFIG config{};
+    EXPECT_EQ(OMRALIB_NULL_HANDLE, Omralib_open_ext(nullptr));
+    EXPECT_EQ(OMRALIB_ERR_CANT_INIT, Omralib_init());
+    expect_why("OMRA_STORE is \"nowhere:\"");
+    EXPECT_EQ(bad_args, Omralib_configure(&config));
+    config.engine_url = "embedded:";
+    EXPECT_EQ(success, Omralib_configure(&config));
+    EXPECT_EQ(success, Omralib_init());
 }
 
 } // namespace

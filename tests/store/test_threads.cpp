@@ -1,12 +1,18 @@
-/* Many threads at once: what they do must be exact in the end, whatever the order, and who waits
- * for a lock hears when it is given back. */
+/* What happens at a time: many threads at once must be exact in the end, whatever the order, who
+ * waits for a lock hears when it is given back, who has to hear of time-outs does, and the alarm
+ * that sweeps rings. */
 #include <atomic>
 #include <future>
+#include <semaphore>
 #include <thread>
 
+#include "common/alarm.h"
 #include "store_test.h"
 
 namespace {
+
+using store::millis_per_minute;
+using store::millis_per_second;
 
 constexpr unsigned int num_threads = 4;
 constexpr std::uint64_t limit = 20'000;
@@ -16,23 +22,13 @@ template <typename Work>
 void run_threads(Work work) {
     std::vector<std::jthread> threads;
     for (unsigned int i = 0; i < num_threads; ++i) {
-        threads.emplace_back([&work, i] {
-            const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
-            work(hdl, i);
-            EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(hdl));
-        });
+        threads.emplace_back([&work, i] { work(Omralib_open_ext(nullptr), i); });
     }
 }
 
 class FullStore : public StoreTest {
 protected:
-    FullStore() : StoreTest(limited()) {}
-
-    static store::Configuration limited() {
-        store::Configuration configuration;
-        configuration.memory_limit = limit;
-        return configuration;
-    }
+    FullStore() : StoreTest({.memory_limit = limit}) {}
 };
 FOR_ALL_ENGINES(FullStore);
 
@@ -54,21 +50,18 @@ TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
                 num_refused += put(hdl, key, data, i % 3) == OMRALIB_ERR_NO_SPACE ? 1 : 0;
                 break;
             case 2:
-                Omralib_replace_obj(hdl, data.data(), static_cast<unsigned int>(data.size()), i % 3,
-                                    &index, 1, key);
+                Omralib_replace_obj(hdl, data.data(), length_of(data), i % 3, &index, 1, key);
                 break;
             case 3:
                 i % 2 == 0 ? Omralib_remove_obj(hdl, 0, key) : count(hdl, 1);
                 break;
             default:
-                find_value(1, 3, i % 7);
-                clock_.advance(thread == 0 ? store::millis_per_second : 0);
+                find({1, store::equals(3, index.value)});
+                clock_.advance(thread == 0 ? millis_per_second : 0);
             }
         }
     });
-    OMRALIB_APP_STATS stats;
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_app_stats(1, &stats));
-    EXPECT_LE(stats.num_bytes + stats.num_objects * bytes_per_object, limit);
+    EXPECT_LE(stats().num_bytes + stats().num_objects * bytes_per_object, limit);
     EXPECT_GT(num_refused, 0u);
     for (unsigned int i = 0; i < num_objects; ++i) {
         Omralib_remove_obj(hdl_, 0, make_key(1, i));
@@ -76,15 +69,15 @@ TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
     const std::string everything(limit - bytes_per_object, 'd');
     for (int i = 0; i < 3; ++i) { /* the room of what has expired is free for the next */
         EXPECT_EQ(OMRALIB_ERR_NO_SPACE, put(hdl_, make_key(1, 1), everything + 'd'));
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, make_key(1, 1), everything, 1));
-        clock_.advance(store::millis_per_minute);
+        EXPECT_EQ(success, put(hdl_, make_key(1, 1), everything, 1));
+        clock_.advance(millis_per_minute);
     }
 }
 
 /* On a clock that only the test turns: without a wake-up a waiter waits for ever. */
 class Waiting : public StoreTest {
 protected:
-    Waiting() { objects().patience = 5; }
+    Waiting() { decorator_of(store_.objects()).patience = 5; }
 
     static int lock(OMRALIB_HANDLE hdl) {
         unsigned int len = 0;
@@ -93,71 +86,148 @@ protected:
 
     /* Starts a thread that locks the object, and returns when it is waiting. */
     static std::future<int> start_waiting(OMRALIB_HANDLE hdl) {
-        const unsigned long long before = num_lock_waits();
+        const unsigned long long before = stats().num_lock_waits;
         std::future<int> waiter = std::async(std::launch::async, lock, hdl);
-        while (num_lock_waits() == before) {
+        while (stats().num_lock_waits == before) {
             std::this_thread::yield();
         }
         return waiter;
-    }
-
-    static unsigned long long num_lock_waits() {
-        OMRALIB_STATS stats;
-        EXPECT_EQ(OMRALIB_RET_SUCCESS, Omralib_get_stats(&stats));
-        return stats.num_lock_waits;
     }
 };
 FOR_ALL_ENGINES(Waiting);
 
 TEST_P(Waiting, MissesNoReleaseAndLosesNoUpdate) {
     constexpr unsigned int rounds = 2000;
-    constexpr unsigned int num_keys = 2;
+    const OMRA_OBJKEY keys[] = {make_key(1, 0), make_key(1, 1)};
     std::atomic<unsigned int> created{0};
     run_threads([&](OMRALIB_HANDLE hdl, unsigned int) {
         for (unsigned int i = 0; i < rounds; ++i) {
-            const OMRA_OBJKEY key = make_key(1, i % num_keys);
-            created += put(hdl, key, "0") == OMRALIB_RET_SUCCESS ? 1 : 0;
+            const OMRA_OBJKEY &key = keys[i % 2];
+            created += put(hdl, key, "0") == success ? 1 : 0;
             unsigned int len = 0;
             const int ticket = Omralib_read_and_lock_obj(hdl, 0, 0, &len, key);
             ASSERT_GT(ticket, 0);
             const std::string next = std::to_string(std::stoi(fetch(hdl, len)) + 1);
-            ASSERT_EQ(OMRALIB_RET_SUCCESS, update(hdl, key, ticket, next, true));
+            ASSERT_EQ(success, update(hdl, key, ticket, next, true));
         }
     });
-    EXPECT_EQ(num_keys, created);
-    for (unsigned int i = 0; i < num_keys; ++i) {
-        EXPECT_EQ(std::to_string(num_threads * rounds / num_keys), get(hdl_, make_key(1, i)));
+    EXPECT_EQ(2u, created);
+    for (const OMRA_OBJKEY &key : keys) {
+        EXPECT_EQ(std::to_string(num_threads * rounds / 2), get(hdl_, key));
     }
 }
 
 TEST_P(Waiting, EndsWhenTheLockIsGivenBackHoweverThatHappens) {
     const OMRA_OBJKEY key = make_key(1, 1);
     const OMRALIB_HANDLE other = Omralib_open_ext(nullptr);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, put(hdl_, key, ""));
+    ASSERT_EQ(success, put(hdl_, key, ""));
     int ticket = lock(hdl_);
     EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, lock(hdl_)); /* its own would never be given back */
-    EXPECT_EQ(0u, num_lock_waits());
+    EXPECT_EQ(0u, stats().num_lock_waits);
 
     std::future<int> waiter = start_waiting(other);
-    clock_.advance(store::millis_per_second);
+    clock_.advance(millis_per_second);
     EXPECT_EQ(OMRALIB_ERR_OBJ_LOCKED, waiter.get());
 
     waiter = start_waiting(other);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_unlock_obj(hdl_, ticket, 0, key));
+    ASSERT_EQ(success, Omralib_unlock_obj(hdl_, ticket, 0, key));
     ticket = waiter.get();
     ASSERT_GT(ticket, 0);
 
     waiter = start_waiting(hdl_);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, update(other, key, ticket, "", true));
+    ASSERT_EQ(success, update(other, key, ticket, "", true));
     ASSERT_GT(waiter.get(), 0);
 
     waiter = start_waiting(other);
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_close(hdl_));
+    ASSERT_EQ(success, Omralib_close(hdl_));
     ASSERT_GT(waiter.get(), 0);
 
     waiter = start_waiting(Omralib_open_ext(nullptr));
-    ASSERT_EQ(OMRALIB_RET_SUCCESS, Omralib_remove_obj(other, 0, key));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_NOT_FOUND, waiter.get());
+    ASSERT_EQ(success, Omralib_remove_obj(other, 0, key));
+    EXPECT_EQ(not_found, waiter.get());
+}
+
+/* Time-outs, beyond what the model sees of them --------------------------------------------------
+ */
+
+TEST_P(StoreTest, RenewedObjectsDoNotHideExpiredOnes) {
+    for (unsigned int i = 0; i < 21'000; ++i) {
+        clock_.advance(i == 20'000 ? 1 : 0); /* the forgotten ones are the last in the queue */
+        ASSERT_EQ(success, put(hdl_, make_key(1, i), "data", 1));
+    }
+    clock_.advance(millis_per_minute / 2);
+    for (unsigned int i = 0; i < 20'000; ++i) {
+        ASSERT_EQ("data", get(hdl_, make_key(1, i)));
+    }
+    clock_.advance(millis_per_minute / 2);
+    EXPECT_EQ(20'000u, count(hdl_, 1));
+    clock_.advance(millis_per_minute);
+    EXPECT_EQ(0u, count(hdl_, 1));
+}
+
+std::vector<std::string> events;
+std::counting_semaphore<> arrived{0};
+OMRALIB_HANDLE callback_hdl;
+
+TEST_P(StoreTest, TimeOutsAreToldToWhoeverHandlesTheAppId) {
+    callback_hdl = Omralib_open_ext(nullptr);
+    OMRALIB_CB cb;
+    cb.event_ext_cb = [](OMRA_OBJKEY key, const char *pguid, unsigned int code) {
+        EXPECT_EQ(OMRALIB_EVENT_EXPIRED, code);
+        EXPECT_EQ("status -109", get(callback_hdl, key));
+        events.push_back(pguid + std::to_string(key.obj_id.u64_comp[0]));
+        arrived.release();
+        return OMRALIB_EVENT_NOT_HANDLED;
+    };
+    ASSERT_EQ(success, Omralib_register_cb(OMRALIB_CB_EVENT_EXT, cb));
+    ASSERT_EQ(success, Omralib_start_app_event_handling(hdl_, 2));
+    clock_.advance(1); /* expired objects are swept at whole seconds */
+    ASSERT_EQ(success, put(hdl_, make_key(1, 1), "nobody listens", 1));
+    ASSERT_EQ(success, put(hdl_, make_key(2, 1), "renewed", 1));
+    ASSERT_EQ(success, put(hdl_, make_key(2, 2), "forgotten", 1));
+    clock_.advance(millis_per_minute / 2);
+    EXPECT_EQ("renewed", get(hdl_, make_key(2, 1)));
+    clock_.advance(31 * millis_per_second);
+    arrived.acquire(); /* nothing but time brings it */
+    clock_.advance(29 * millis_per_second);
+    EXPECT_EQ(0u, count(hdl_, 2)); /* and whoever comes first, before it is time to sweep */
+    arrived.acquire();
+
+    ASSERT_EQ(success, Omralib_stop_app_event_handling(hdl_, 2));
+    ASSERT_EQ(success, Omralib_start_app_event_handling(hdl_, 3));
+    ASSERT_EQ(success, put(hdl_, make_key(2, 3), "too late", 1));
+    ASSERT_EQ(success, put(hdl_, make_key(3, 4), "heard of", 2));
+    clock_.advance(millis_per_minute);
+    EXPECT_EQ(0u, count(hdl_, 2));
+    clock_.advance(millis_per_minute);
+    arrived.acquire();
+    EXPECT_THAT(events,
+                testing::ElementsAre("store test guid2", "store test guid1", "store test guid4"));
+}
+
+/* What renews leases and sweeps as time passes. */
+TEST(Alarm, WorksAtTheMomentsItIsCalledForAndThenAtThoseTheWorkNames) {
+    TestClock clock;
+    std::counting_semaphore<> worked(0);
+    std::atomic<store::Millis> next{store::never};
+    store::Alarm alarm(clock, [&] {
+        const store::Millis at = next.exchange(store::never);
+        worked.release();
+        return at;
+    });
+    alarm.call_at(clock.now());
+    worked.acquire();
+    next = clock.now() + 20;
+    alarm.call_at(clock.now() + 10);
+    alarm.call_at(clock.now() + 30);
+    clock.advance(10);
+    worked.acquire();
+    clock.advance(10);
+    worked.acquire();
+    alarm.call_at(clock.now() + 1);
+    alarm.stop();
+    clock.advance(1);
+    EXPECT_FALSE(worked.try_acquire());
 }
 
 } // namespace

@@ -4,119 +4,160 @@
 
 #include "engine/engine.h"
 
-#include <condition_variable>
+#include <algorithm>
+#include <atomic>
 #include <functional>
-#include <optional>
-#include <set>
-#include <string_view>
 
-// What becomes of a call of the seam. With `answer_lost` it is carried out, but nobody hears of it.
-struct Fate {
-    bool carried_out = true;
-    bool answer_lost = false;
-    store::Status refusal = OMRALIB_RET_SUCCESS; // when it is not carried out
-};
-inline constexpr Fate as_usual{};
-inline constexpr Fate lost{true, true};                              // done, and not known
-inline constexpr Fate never_left{false, false, OMRALIB_ERR_UNKNOWN}; // not done, and not known
+namespace store {
 
-// Called with the operation's name, by any thread. None: everything goes as usual.
-using Fates = std::function<Fate(std::string_view operation)>;
+// What becomes of a call of the seam: unless it is as usual, nobody hears an answer.
+enum class Fate { as_usual, answer_lost, never_left };
 
-class DecoratedObjects final : public store::Objects {
+template <typename Seam>
+class Decorator : public Seam {
 public:
-    explicit DecoratedObjects(std::unique_ptr<store::Objects> inner) : inner_(std::move(inner)) {}
+    explicit Decorator(std::unique_ptr<Seam> inner) : inner_(std::move(inner)) {}
 
-    Fates fates;
+    // Called for every call, by any thread. None: everything goes as usual.
+    std::function<Fate()> fates;
+
+protected:
+    template <typename Operation, typename... Args>
+    Status pass(Operation operation, Args &&...args) {
+        const Fate fate = fates ? fates() : Fate::as_usual;
+        if (fate == Fate::never_left) {
+            return OMRALIB_ERR_UNKNOWN;
+        }
+        const Status status = std::invoke(operation, *inner_, std::forward<Args>(args)...);
+        return fate == Fate::answer_lost ? OMRALIB_ERR_UNKNOWN : status;
+    }
+
+    const std::unique_ptr<Seam> inner_;
+};
+
+class DecoratedObjects final : public Decorator<Objects> {
+public:
+    using Decorator::Decorator;
+
     // At most; more than none is for tests that turn the clock while somebody waits.
-    store::Millis patience = 0;
-    store::Status create(const store::Key &key, const store::ObjectSpec &spec) override;
-    store::Status read(const store::Key &key, bool renew, store::Content &content_out) override;
-    store::Status read_and_lock(const store::Key &key, bool renew, store::Millis its_patience,
-                                int &ticket_out, store::Content &content_out) override;
-    store::Status renew_lock(const store::Key &key, int ticket) override;
-    store::Status update(const store::Key &key, int ticket, bool unlock, bool renew,
-                         store::Bytes bytes) override;
-    store::Status unlock(const store::Key &key, int ticket) override;
-    store::Status replace(const store::Key &key, const store::ObjectSpec &spec) override;
-    store::Status remove(const store::Key &key) override;
-    store::Status exists(const store::Key &key) override;
-    store::Status touch(const store::Key &key) override;
-    store::Status copy(const store::Key &from, const store::Key &to,
-                       std::uint32_t timeout_m) override;
-    store::Status scan(const store::Selection &selection, const store::Part *part,
-                       std::unique_ptr<store::Scan> &scan_out) override;
-    store::Status explain(const store::Selection &selection,
-                          store::Explanation &explanation_out) override;
-    store::Status totals_of(std::uint32_t app_id, store::Totals &totals_out) override;
-    store::Status totals(store::Totals &totals_out) override;
-    store::Status activity(store::Activity &activity_out) override;
+    Millis patience = 0;
 
-private:
-    const std::unique_ptr<store::Objects> inner_;
+    Status create(const Key &key, const ObjectSpec &spec) override {
+        return pass(&Objects::create, key, spec);
+    }
+    Status read(const Key &key, bool renew, Content &content_out) override {
+        return pass(&Objects::read, key, renew, content_out);
+    }
+    Status read_and_lock(const Key &key, bool renew, Millis its_patience, int &ticket_out,
+                         Content &content_out) override {
+        return pass(&Objects::read_and_lock, key, renew, std::min(its_patience, patience),
+                    ticket_out, content_out);
+    }
+    Status renew_lock(const Key &key, int ticket) override {
+        return pass(&Objects::renew_lock, key, ticket);
+    }
+    Status update(const Key &key, int ticket, bool unlock, bool renew, Bytes bytes) override {
+        return pass(&Objects::update, key, ticket, unlock, renew, bytes);
+    }
+    Status unlock(const Key &key, int ticket) override {
+        return pass(&Objects::unlock, key, ticket);
+    }
+    Status replace(const Key &key, const ObjectSpec &spec) override {
+        return pass(&Objects::replace, key, spec);
+    }
+    Status remove(const Key &key) override { return pass(&Objects::remove, key); }
+    Status exists(const Key &key) override { return pass(&Objects::exists, key); }
+    Status touch(const Key &key) override { return pass(&Objects::touch, key); }
+    Status copy(const Key &from, const Key &to, std::uint32_t timeout_m) override {
+        return pass(&Objects::copy, from, to, timeout_m);
+    }
+    Status scan(const Selection &selection, const Part *part,
+                std::unique_ptr<Scan> &scan_out) override {
+        return pass(&Objects::scan, selection, part, scan_out);
+    }
+    Status explain(const Selection &selection, Explanation &explanation_out) override {
+        return pass(&Objects::explain, selection, explanation_out);
+    }
+    Status totals_of(std::uint32_t app_id, Totals &totals_out) override {
+        return pass(&Objects::totals_of, app_id, totals_out);
+    }
+    Status totals(Totals &totals_out) override { return pass(&Objects::totals, totals_out); }
+    Status activity(Activity &activity_out) override { return inner_->activity(activity_out); }
 };
 
-class DecoratedCluster final : public store::Cluster {
+class DecoratedCluster final : public Decorator<Cluster> {
 public:
-    explicit DecoratedCluster(std::unique_ptr<store::Cluster> inner) : inner_(std::move(inner)) {}
+    using Decorator::Decorator;
 
-    Fates fates;
-    // send() returns when the host has answered to the request, so that a test orders all steps.
+    // send() returns when the host has answered to the request, so that a test orders all steps;
+    // for one thread that sends.
     bool in_order = false;
     // Called before the request reaches its host.
-    std::function<void(const store::Request &request)> on_receive;
-    void attach(store::RequestReceiver &receiver, store::ReplySink &sink,
-                store::EventReceiver &events) override;
+    std::function<void(const Request &request)> on_receive;
+
+    void attach(RequestReceiver &receiver, ReplySink &sink, EventReceiver &events) override;
     void detach() override { inner_->detach(); }
-    store::HostId this_host() const override { return inner_->this_host(); }
-    store::Status bind_name(std::string_view name, std::uint32_t &app_id_out) override;
-    store::Status announce(std::uint32_t app_id, bool serving) override;
-    store::Status hosts_serving(std::uint32_t app_id,
-                                std::vector<store::HostId> &hosts_out) override;
-    store::Status hosts_serving_any(std::vector<store::HostId> &hosts_out) override;
-    store::Status plan(const store::Selection &selection, std::span<const store::HostId> hosts,
-                       std::vector<store::Share> &shares_out) override;
-    store::Status send(store::Request request) override;
-    store::Status withdraw(const store::HostId &host, store::RequestId request) override;
-    store::Status progress_of(const store::HostId &host, store::RequestId request,
-                              store::RequestProgress &progress_out) override;
-    store::Status reply(const store::Reply &reply) override;
-    store::Status declare_gone(std::uint32_t host_number) override;
+    HostId this_host() const override { return inner_->this_host(); }
+    Status bind_name(std::string_view name, std::uint32_t &app_id_out) override {
+        return pass(&Cluster::bind_name, name, app_id_out);
+    }
+    Status announce(std::uint32_t app_id, bool serving) override {
+        return pass(&Cluster::announce, app_id, serving);
+    }
+    Status hosts_serving(std::uint32_t app_id, std::vector<HostId> &hosts_out) override {
+        return pass(&Cluster::hosts_serving, app_id, hosts_out);
+    }
+    Status hosts_serving_any(std::vector<HostId> &hosts_out) override {
+        return pass(&Cluster::hosts_serving_any, hosts_out);
+    }
+    Status plan(const Selection &selection, std::span<const HostId> hosts,
+                std::vector<Share> &shares_out) override {
+        return pass(&Cluster::plan, selection, hosts, shares_out);
+    }
+    Status send(Request request) override;
+    Status withdraw(const HostId &host, RequestId request) override {
+        return pass(&Cluster::withdraw, host, request);
+    }
+    Status progress_of(const HostId &host, RequestId request,
+                       RequestProgress &progress_out) override {
+        return pass(&Cluster::progress_of, host, request, progress_out);
+    }
+    Status reply(const Reply &reply) override { return pass(&Cluster::reply, reply); }
+    Status declare_gone(std::uint32_t host_number) override {
+        return inner_->declare_gone(host_number);
+    }
 
 private:
     // What the engine calls.
-    struct Upwards final : store::RequestReceiver, store::ReplySink {
+    struct Upwards final : RequestReceiver, ReplySink {
         explicit Upwards(DecoratedCluster &its_cluster) : cluster(its_cluster) {}
-        void receive(store::Request request) override;
-        void withdraw(const store::HostId &sender, store::RequestId request) override {
+        void receive(Request request) override;
+        void withdraw(const HostId &sender, RequestId request) override {
             receiver->withdraw(sender, request);
         }
-        store::RequestProgress progress_of(const store::HostId &sender,
-                                           store::RequestId request) override {
+        RequestProgress progress_of(const HostId &sender, RequestId request) override {
             return receiver->progress_of(sender, request);
         }
-        store::Status on_reply(const store::Reply &reply) override;
+        Status on_reply(const Reply &reply) override;
 
         DecoratedCluster &cluster;
-        store::RequestReceiver *receiver = nullptr;
-        store::ReplySink *sink = nullptr;
+        RequestReceiver *receiver = nullptr;
+        ReplySink *sink = nullptr;
     };
 
-    void note_answered(store::RequestId request);
+    void note_answered(RequestId request);
 
-    const std::unique_ptr<store::Cluster> inner_;
     Upwards upwards_{*this};
-
-    store::Mutex lock_;
-    std::condition_variable answered_;
-    std::set<store::RequestId> waited_for_ ABSL_GUARDED_BY(lock_);
+    std::atomic<RequestId> waited_for_{0}; // 0: none
 };
+
+} // namespace store
 
 // An engine behind decorators, and the decorators of a store that was made with one.
 store::Engine decorated(store::Engine engine);
-inline DecoratedObjects &decorator_of(store::Objects &objects) {
-    return static_cast<DecoratedObjects &>(objects);
+inline store::DecoratedObjects &decorator_of(store::Objects &objects) {
+    return static_cast<store::DecoratedObjects &>(objects);
 }
-inline DecoratedCluster &decorator_of(store::Cluster &cluster) {
-    return static_cast<DecoratedCluster &>(cluster);
+inline store::DecoratedCluster &decorator_of(store::Cluster &cluster) {
+    return static_cast<store::DecoratedCluster &>(cluster);
 }

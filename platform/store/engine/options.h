@@ -15,7 +15,7 @@ namespace store {
 inline constexpr std::uint64_t no_memory_limit = UINT64_MAX;
 
 struct Configuration {
-    std::string engine_url;
+    std::string engine_url = {};
     std::uint32_t num_hosts = 1;
     std::uint32_t max_invocations = 64;
     Millis lock_lease = 60 * millis_per_second;

@@ -64,6 +64,7 @@ void Folding::renew() {
         if (task.is_fold) {
             shared_.temp_objects.renew(task.fold.target.key);
             shared_.temp_objects.renew(task.fold.source.key);
+            shared_.temp_objects.renew(task.results_key);
         }
     }
 }
