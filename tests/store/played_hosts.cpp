@@ -150,27 +150,33 @@ void PlayedHosts::compute(Job &job) {
     job.num_successful = length_of(keys) - job.num_failed;
 }
 
+/* Results that there is no room for are lost. */
 void PlayedHosts::store_results(Job &job) {
     const OMRA_OBJKEY key = job.params.results_key;
-    if (job.results.empty() || (job.is_fold() && job.num_failed != 0) ||
-        put(worker, key, job.results, timeout_m) == success) {
+    if (job.results.empty() || (job.is_fold() && job.num_failed != 0)) {
         return;
     }
-    unsigned int len = 0;
-    const int ticket = Omralib_read_and_lock_obj(worker, 0, 0, &len, key);
-    ASSERT_GT(ticket, 0);
-    const std::string target = fetch(worker, len);
-    if (merge_fails()) {
-        job.exceptions += bytes_of(Exception{});
+    int status = put(worker, key, job.results, timeout_m);
+    if (status == OMRALIB_ERR_OBJ_EXISTS) {
+        unsigned int len = 0;
+        const int ticket = Omralib_read_and_lock_obj(worker, 0, 0, &len, key);
+        ASSERT_GT(ticket, 0);
+        const std::string target = fetch(worker, len);
+        if (merge_fails()) {
+            job.exceptions += bytes_of(Exception{});
+        } else {
+            status = update(worker, key, ticket, target + job.results, false);
+        }
         EXPECT_EQ(success, Omralib_unlock_obj(worker, ticket, 0, key));
-    } else {
-        EXPECT_EQ(success, update(worker, key, ticket, target + job.results, true));
+    }
+    if (status == OMRALIB_ERR_NO_SPACE) {
+        job.num_failed += std::exchange(job.num_successful, 0);
     }
 }
 
 void PlayedHosts::store_exceptions(Job &job) {
     if (!job.exceptions.empty()) {
-        EXPECT_EQ(success, put(worker, job.params.exceptions_key, job.exceptions, timeout_m));
+        put(worker, job.params.exceptions_key, job.exceptions, timeout_m);
     }
 }
 

@@ -1,12 +1,6 @@
-/* What only the embedded engine promises: its keys are sorted right, and a query costs what it
- * finds, and says so. */
-#include <algorithm>
-#include <array>
-#include <cstring>
-#include <random>
+/* What only the embedded engine promises: a query costs what it finds, and says so. */
 
 #include "embedded/embedded_objects.h"
-#include "engine/key_sort.h"
 #include "query/explanation.h"
 #include "query/language.h"
 #include "store_test.h"
@@ -14,33 +8,6 @@
 namespace {
 
 using store::Key;
-
-TEST(KeySort, AgreesWithComparingWhereverKeysDiffer) {
-    constexpr std::uint64_t all = UINT64_MAX;
-    /* The bits in which keys differ: one mask for each 8 bytes of a key. */
-    const std::array<std::uint64_t, 5> cases[] = {
-        {all, all, all, all, all},               /* anywhere */
-        {0, 0, 0, 0xFFFFF, 0},                   /* small numbers */
-        {0, 0x8000000000000000, 0, 1, 0x1F0000}, /* a few bits far apart, many equal keys */
-        {0x0000000F03010003, 0, 0, 0, 0},        /* the fields that stand together in a word */
-        {0, 0, 0, 0, 0},                         /* nowhere */
-    };
-    std::mt19937_64 random(1);
-    for (const auto &masks : cases) {
-        for (const std::size_t num : {0, 1, 2, 33, 1000, 20000}) {
-            std::vector<Key> keys(num);
-            for (Key &key : keys) {
-                auto words = masks;
-                std::ranges::for_each(words, [&](std::uint64_t &word) { word &= random(); });
-                std::memcpy(&key, words.data(), sizeof key);
-            }
-            std::vector<Key> expected = keys;
-            std::ranges::sort(expected, store::KeyLess());
-            store::sort_keys(keys);
-            EXPECT_TRUE(std::ranges::equal(expected, keys, is_same)) << num << " keys";
-        }
-    }
-}
 
 /* Queries of objects whose index 0 is unique, index 1 has 10 values, and index 2 a name. */
 class QueryCost : public testing::Test {
