@@ -257,7 +257,7 @@ void live(Random::result_type seed, Clock::time_point end) {
 
 } // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) { // NOLINT(bugprone-exception-escape): ends the test
     unsigned int seconds = 10;
     unsigned long long seed = std::random_device{}();
     CLI::App app_options("Invokes under load and checks every answer.", "load_test");

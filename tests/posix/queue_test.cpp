@@ -71,7 +71,7 @@ TYPED_TEST(Queues, KeepTheOrderOfEachWriter) {
     std::vector<Item> items(20'000); // the even ones are one writer's, the odd ones the other's
     std::atomic<size_t> next[] = {0, 1};
     std::vector<std::jthread> writers;
-    for (const size_t w : {0, 1})
+    for (const size_t w : {0u, 1u})
         writers.emplace_back([&, w] {
             for (size_t i = w; i < items.size(); i += 2) {
                 // At times far ahead, at times hardly.
@@ -98,7 +98,7 @@ TYPED_TEST(Queues, AreNeverFoundEmptyWhileTheyAreNot) {
     for (Item &item : items)
         queue.add(item);
     std::vector<std::jthread> threads;
-    for (const size_t num_held : {3, 100, 3, 100})
+    for (const size_t num_held : {3u, 100u, 3u, 100u})
         threads.emplace_back([&, num_held] {
             std::vector<Item *> held(num_held);
             for (size_t i = 0; i < 9000; i += num_held) {

@@ -15,7 +15,7 @@ namespace schedules {
 
 namespace {
 
-constexpr std::size_t stack_len = 256 * 1024;
+constexpr std::size_t stack_len = 256ul * 1024;
 constexpr std::uint64_t middle = 1ull << 62; // priorities start above it and drop below
 constexpr unsigned int max_drops = 5;
 

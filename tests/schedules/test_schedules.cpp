@@ -211,7 +211,7 @@ protected:
             params_ext(params).is_singleton = are_singletons;
             params.results_key = world::key(900 + 2 * own);
             params.exceptions_key = world::key(901 + 2 * own);
-            const auto first = all_keys.begin() + 4 * half;
+            const auto first = all_keys.begin() + 4l * half;
             done[half] = run_request(params, {first, first + 4});
         };
         ASSERT_TRUE(schedules::run(seed, {[&] { run_half(0); }, [&] { run_half(1); }}));
@@ -223,7 +223,7 @@ protected:
             }
             ASSERT_EQ(done[half], (Completion{3, 1}));
             if (!is_shared) {
-                check_outcome(done[half], {.asked = first_objects(4) << 4 * half, .fails = fails},
+                check_outcome(done[half], {.asked = first_objects(4) << 4ul * half, .fails = fails},
                               900 + 2 * half, 901 + 2 * half);
             }
         }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ranges>
 
 namespace {
 
@@ -85,11 +84,15 @@ void PlayedHosts::kill(std::uint32_t host, bool as_zombie) {
 /* Steps ---------------------------------------------------------------------------------------- */
 
 void PlayedHosts::go_on(store::Millis deadline) {
-    auto able = jobs | std::views::filter(
-                           [now = clock.now()](const Job &job) { return job.rests_until <= now; });
-    if (const auto num = static_cast<std::size_t>(std::ranges::distance(able)); num != 0) {
+    std::vector<std::list<Job>::iterator> able;
+    for (auto job = jobs.begin(); job != jobs.end(); ++job) {
+        if (job->rests_until <= clock.now()) {
+            able.push_back(job);
+        }
+    }
+    if (!able.empty()) {
         clock.advance(pick(step_bound));
-        step(std::ranges::next(able.begin(), pick(num)).base());
+        step(able[pick(able.size())]);
         return;
     }
     for (const Job &job : jobs) {

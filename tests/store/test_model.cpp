@@ -47,7 +47,7 @@ struct ModelHandle {
     std::map<int, Key> locks = {}; /* by ticket */
 };
 
-std::optional<std::counting_semaphore<>> events;
+std::optional<std::counting_semaphore<>> event_came;
 
 /* A store and its model, driven together. */
 class ModelRun : public StoreTest {
@@ -58,10 +58,10 @@ public:
         : StoreTest({.memory_limit = memory_limit}), limit_(memory_limit) {
         OMRALIB_CB cb;
         cb.event_ext_cb = [](OMRA_OBJKEY, const char *, unsigned int) {
-            events->release();
+            event_came->release();
             return OMRALIB_EVENT_NOT_HANDLED;
         };
-        events.emplace(0);
+        event_came.emplace(0);
         Omralib_register_cb(OMRALIB_CB_EVENT_EXT, cb);
         Omralib_start_app_event_handling(hdl_, 1);
     }
@@ -81,11 +81,11 @@ public:
         clock_.advance(4 * millis_per_minute);
         let_expire();
         for (unsigned int i = 0; i < num_events_; ++i) {
-            RC_ASSERT(events->try_acquire_for(std::chrono::seconds(60)));
+            RC_ASSERT(event_came->try_acquire_for(std::chrono::seconds(60)));
         }
         list();
         store_.cluster().detach();
-        RC_ASSERT(!events->try_acquire());
+        RC_ASSERT(!event_came->try_acquire());
         RC_ASSERT(stats().num_expired == num_expired_);
     }
 
