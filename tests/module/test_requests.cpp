@@ -188,8 +188,15 @@ TEST_F(Request_test, TheEnd) {
     const interposer::Answer elsewhere{"read_and_lock_obj", OMRALIB_ERR_OBJ_LOCKED};
     interposer::script({elsewhere, elsewhere, elsewhere}); // one waits for the lock
     EXPECT_EQ(eval(4), "2/2 0 3 40 41 0 1001:1 1002:2");
+    world::put(901, std::string(48, '\0'));
+    script().fails = fails;
+    interposer::script({{"update_locked_obj", -123, "901"}});
+    EXPECT_EQ(eval(4), "2/2 0 3 0");
     world::put(900, ""); // created, but not filled
     EXPECT_EQ(eval(1), "1/0 0");
+    world::put(900, "");
+    interposer::script({{"update_locked_obj", -123, "900"}});
+    EXPECT_EQ(eval(1), "0/1 empty");
     // A failing user function leaves the results as they were, and the host's counts stand.
     put_result({40});
     script().merge_fails = [](const auto &, const auto &) { return true; };
@@ -229,6 +236,9 @@ TEST_F(Request_test, RefusalsSayWhatIsMissing) {
         interposer::script({{"Sys_malloc", 0, std::to_string(OMRAPMI_TAG_REQUEST)}});
         EXPECT_EQ(deliver(params, params.merge_request ? Keys() : keys), -4);
     }
+    OMRALIB_INVOKE_PARAMS negative = eval_request(5);
+    negative.num_keys = -1;
+    EXPECT_EQ(Omrapmi_invoke_ext_cb("pmicli\0\0\0\0\0\0\0\0\0", &negative), -4);
 }
 
 } // namespace
