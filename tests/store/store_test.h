@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 
 #include "client/store.h"
+#include "query/language.h"
 #include "support/clocks.h"
 #include "support/decorators.h"
 
@@ -103,6 +104,14 @@ protected:
         std::vector<store::Key> keys;
         EXPECT_EQ(success, store::find(store_.objects(), selection, nullptr, keys));
         return keys;
+    }
+
+    std::vector<store::Key> find(std::string_view query, unsigned int app_id = 1) {
+        store::Selection selection;
+        std::string error;
+        EXPECT_EQ(success, store::parse_query(query, selection, error)) << error;
+        selection.app_id = app_id;
+        return find(selection);
     }
 
     TestClock clock_;

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <map>
 #include <ranges>
-#include <set>
 
 #include "played_hosts.h"
 
@@ -145,12 +144,10 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
     const bool merges_fail = hosts.pick(4) == 0;
     const bool answers_get_lost = hosts.pick(4) == 0;
     const unsigned int timeout_s = hosts.pick(3) == 0 ? 10 : 0;
-    std::set<std::uint32_t> gone;
     const auto is_unlucky = [&](std::uint32_t host, unsigned int one_in) {
         return (host != reliable || !has_reliable) && hosts.pick(one_in) == 0;
     };
     hosts.answer = [&](const Job &job) -> int {
-        EXPECT_FALSE(gone.contains(job.host));
         const int refusals[] = {OMRALIB_INVOKE_NO_KEYS, OMRALIB_INVOKE_NO_MEMORY, -1};
         return is_unlucky(job.host, 4) ? refusals[hosts.pick(3)] : OMRALIB_INVOKE_ACCEPTED;
     };
@@ -159,7 +156,6 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
             return;
         }
         if (hosts.pick(2) == 0) {
-            gone.insert(job.host);
             hosts.kill(job.host, hosts.pick(2) == 0);
         } else if (timeout_s != 0) {
             job.rests_until = store::never;
@@ -187,6 +183,13 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
     /* What nobody knows of goes when its time is over. */
     hosts.clock.advance(answers_get_lost ? 5 * millis_per_minute : 0);
     EXPECT_EQ(0u, hosts.num_temp_objects());
+    if (has_reliable && !is_tight) { /* nothing more is sent to those that have gone */
+        const auto num_retries = stats().num_retries;
+        hosts.answer = [](const Job &) { return OMRALIB_INVOKE_ACCEPTED; };
+        hosts.loses_answer = hosts.merge_fails = [] { return false; };
+        expect_exact(hosts.invoke(), num);
+        EXPECT_EQ(num_retries, stats().num_retries);
+    }
 }
 
 TEST_P(Hosts, GiveExactResultsInAnyOrderOfEvents) {

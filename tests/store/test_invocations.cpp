@@ -28,6 +28,8 @@ TEST_P(Invocations, DeliverTheRequestAndAnswerWithItsCounts) {
     turn = [&](Millis) {
         const Job job = jobs.front();
         EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_handle_ready(hdl));
+        EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_flush_read_data(hdl));
+        EXPECT_EQ(OMRALIB_ERR_HANDLE_BUSY, Omralib_close(hdl));
         EXPECT_NE(0u, job.params.context);
         EXPECT_EQ(std::tuple(data_app, 11, 12, 1, 0),
                   std::tie(job.params.app_id, job.params.invoke_op, job.params.merge_op,
@@ -115,10 +117,15 @@ TEST_P(Invocations, TellMalformedRequests) {
     EXPECT_EQ(bad_args, status(1, 0, ""));
     EXPECT_EQ(bad_query, status(1, 0, term(8, 0)));
     EXPECT_EQ(bad_query, status(1, 0, term(0, 2)));
-    EXPECT_EQ(bad_args, status(1, 3, term(0, 0)));
     EXPECT_EQ(bad_args, status(0x80000001, 0, term(0, 0)));
+    EXPECT_EQ(bad_args, status(1, 3, term(0, 0)));
+    EXPECT_EQ("the kind of the query is 3, not 0, 1 or 2", error_text(hdl));
     EXPECT_EQ(bad_query, status(8, as_text, "nonsense"));
+    EXPECT_EQ(bad_query, status(0, as_text, ""));
     EXPECT_EQ(bad_args, status(7, as_text, "nonsense"));
+    EXPECT_EQ(0u, num_jobs);
+    EXPECT_EQ(success, status(7, as_text, "limit 7"));
+    EXPECT_EQ(7u, stats().num_evaluated);
     header.reserved = 1;
     EXPECT_EQ(bad_args, status(0, 0, ""));
     unsigned int len = 0;
@@ -130,7 +137,6 @@ TEST_P(Invocations, TellMalformedRequests) {
     cb.invoke_cb = [](OMRALIB_INVOKE_PARAMS *) { return 0; };
     EXPECT_EQ(bad_args, Omralib_register_cb(0, cb));
     EXPECT_EQ(bad_args, Omralib_register_cb(5, cb));
-    EXPECT_EQ(0u, num_jobs);
 }
 
 TEST_P(Invocations, BindNamesToAppIds) {
@@ -158,8 +164,6 @@ public:
             EXPECT_EQ("x", get(other, make_key(data_app, i)));
         }
     }
-
-    bool notices_reads() { return store.serving.requests.is_noticing(); }
 
     const OMRALIB_HANDLE other = Omralib_open_ext("another process ");
     std::vector<OMRALIB_PROGRESS> reports;
@@ -192,7 +196,7 @@ TEST_P(Progress, IsReportedAtMostTenTimesASecondAndAtTheEnd) {
     EXPECT_EQ(num_objects, reports.back().num_done);
     EXPECT_EQ(num_objects - num_good, reports.back().num_failed);
     EXPECT_EQ(4u, reports.back().num_hosts_done);
-    EXPECT_FALSE(notices_reads());
+    EXPECT_FALSE(store.serving.requests.is_noticing());
 }
 
 TEST_P(Progress, CancellingDropsWhatHasNotBegun) {
@@ -208,14 +212,14 @@ TEST_P(Progress, CancellingDropsWhatHasNotBegun) {
 
     /* The others read their objects only now. Nobody else misses one. */
     ASSERT_EQ(3u, jobs.size());
-    EXPECT_TRUE(notices_reads());
+    EXPECT_TRUE(store.serving.requests.is_noticing());
     before_step = [](const Job &job) {
         EXPECT_EQ(job.num_steps == 0 ? 0 : job.params.num_keys, job.num_dropped);
     };
     read_all();
     finish_zombies();
     EXPECT_EQ(0u, num_temp_objects());
-    EXPECT_FALSE(notices_reads());
+    EXPECT_FALSE(store.serving.requests.is_noticing());
     EXPECT_EQ(success, Omralib_cancel_invoke(hdl));
     EXPECT_EQ(OMRALIB_ERR_BAD_HANDLE, Omralib_cancel_invoke(OMRALIB_NULL_HANDLE));
 }

@@ -95,6 +95,13 @@ public:
         put_by(Omralib_store_indexed_obj, object_ ? OMRALIB_ERR_OBJ_EXISTS : success);
     }
 
+    void store_many() {
+        for (int i = 0; i < 30; ++i) {
+            choose(key_of(++detail_ % 200));
+            store_object();
+        }
+    }
+
     void replace() {
         put_by(Omralib_replace_obj, !object_      ? not_found
                                     : is_locked() ? OMRALIB_ERR_OBJ_LOCKED
@@ -454,6 +461,7 @@ private:
 
 constexpr std::pair<const char *, ModelRun::Operation> operations[] = {
     {"store", &ModelRun::store_object},
+    {"store many", &ModelRun::store_many},
     {"replace", &ModelRun::replace},
     {"read", &ModelRun::read},
     {"fetch", &ModelRun::fetch_pending},

@@ -15,8 +15,7 @@ using store::millis_per_minute;
 using store::millis_per_second;
 
 constexpr unsigned int num_threads = 4;
-constexpr std::uint64_t limit = 20'000;
-constexpr std::uint64_t bytes_per_object = 128; /* that count besides its own */
+constexpr std::uint64_t limit = 20'000; /* an object counts with 128 bytes more than its own */
 
 template <typename Work>
 void run_threads(Work work) {
@@ -44,29 +43,25 @@ TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
             const OMRA_OBJ_INDEX index = make_index(3, i % 7);
             const std::string got = get(hdl, key);
             EXPECT_TRUE(got == "status -109" || got.find_first_not_of(got[0]) == got.npos);
-            switch ((i + thread) % 5) {
-            case 0:
-            case 1:
+            const unsigned int way = (i + thread) % 5;
+            if (way < 2) {
                 num_refused += put(hdl, key, data, i % 3) == OMRALIB_ERR_NO_SPACE ? 1 : 0;
-                break;
-            case 2:
+            } else if (way == 2) {
                 Omralib_replace_obj(hdl, data.data(), length_of(data), i % 3, &index, 1, key);
-                break;
-            case 3:
+            } else if (way == 3) {
                 i % 2 == 0 ? Omralib_remove_obj(hdl, 0, key) : count(hdl, 1);
-                break;
-            default:
+            } else {
                 find({1, store::equals(3, index.value)});
                 clock_.advance(thread == 0 ? millis_per_second : 0);
             }
         }
     });
-    EXPECT_LE(stats().num_bytes + stats().num_objects * bytes_per_object, limit);
+    EXPECT_LE(stats().num_bytes + stats().num_objects * 128, limit);
     EXPECT_GT(num_refused, 0u);
     for (unsigned int i = 0; i < num_objects; ++i) {
         Omralib_remove_obj(hdl_, 0, make_key(1, i));
     }
-    const std::string everything(limit - bytes_per_object, 'd');
+    const std::string everything(limit - 128, 'd');
     for (int i = 0; i < 3; ++i) { /* the room of what has expired is free for the next */
         EXPECT_EQ(OMRALIB_ERR_NO_SPACE, put(hdl_, make_key(1, 1), everything + 'd'));
         EXPECT_EQ(success, put(hdl_, make_key(1, 1), everything, 1));
@@ -167,14 +162,12 @@ TEST_P(StoreTest, RenewedObjectsDoNotHideExpiredOnes) {
 
 std::vector<std::string> events;
 std::counting_semaphore<> arrived{0};
-OMRALIB_HANDLE callback_hdl;
 
 TEST_P(StoreTest, TimeOutsAreToldToWhoeverHandlesTheAppId) {
-    callback_hdl = Omralib_open_ext(nullptr);
     OMRALIB_CB cb;
     cb.event_ext_cb = [](OMRA_OBJKEY key, const char *pguid, unsigned int code) {
         EXPECT_EQ(OMRALIB_EVENT_EXPIRED, code);
-        EXPECT_EQ("status -109", get(callback_hdl, key));
+        EXPECT_EQ("status -109", get(Omralib_open_ext(nullptr), key));
         events.push_back(pguid + std::to_string(key.obj_id.u64_comp[0]));
         arrived.release();
         return OMRALIB_EVENT_NOT_HANDLED;
