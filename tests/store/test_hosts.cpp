@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
-#include <ranges>
 
 #include "played_hosts.h"
 
@@ -136,8 +135,9 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
     const unsigned long long num = random() % bound;
     /* Room for the objects, and not always for all results. */
     const bool is_tight = random() % 8 == 0;
-    const std::uint64_t limit = is_tight ? 129 * num + random() % 5000 : store::no_memory_limit;
-    PlayedHosts hosts(engine, {.num_hosts = num_hosts, .memory_limit = limit}, num);
+    const std::uint64_t memory_limit =
+        is_tight ? 129 * num + random() % 5000 : store::no_memory_limit;
+    PlayedHosts hosts(engine, {.num_hosts = num_hosts, .memory_limit = memory_limit}, num);
     hosts.random = random;
     const std::uint32_t reliable = 1 + hosts.pick(num_hosts);
     const bool has_reliable = hosts.pick(4) != 0;

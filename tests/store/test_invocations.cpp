@@ -9,13 +9,13 @@ namespace {
 using store::Millis;
 using testing::ElementsAre;
 
-constexpr unsigned long long num_objects = 60;
-constexpr unsigned long long num_good = num_objects * 4 / 5;
+constexpr unsigned long long num_asked = 60;
+constexpr unsigned long long num_good = num_asked * 4 / 5;
 
 class Invocations : public testing::TestWithParam<store::EngineKind>, public PlayedHosts {
 public:
     explicit Invocations(std::uint32_t num_hosts = 1)
-        : PlayedHosts(GetParam(), {.num_hosts = num_hosts, .max_invocations = 1}, num_objects) {}
+        : PlayedHosts(GetParam(), {.num_hosts = num_hosts, .max_invocations = 1}, num_asked) {}
 };
 FOR_ALL_ENGINES(Invocations);
 
@@ -36,7 +36,7 @@ TEST_P(Invocations, DeliverTheRequestAndAnswerWithItsCounts) {
                            job.params.immediate_params, job.params.merge_request));
         EXPECT_EQ(bytes_of(header.params_key), bytes_of(job.params.params_key));
         std::vector<OMRA_OBJKEY> keys = job.keys();
-        ASSERT_EQ(num_objects, keys.size());
+        ASSERT_EQ(num_asked, keys.size());
         EXPECT_TRUE(std::ranges::is_sorted(keys, store::KeyLess()));
         EXPECT_EQ(bad_args, Omralib_get_invoke_keys(job.params.context, keys.data(), 59));
         EXPECT_EQ(success, put(worker, job.params.results_key, bytes_of(7ull)));
@@ -160,7 +160,7 @@ public:
     Progress() : Invocations(4) {}
 
     void read_all() {
-        for (unsigned long long i = 0; i < num_objects; ++i) {
+        for (unsigned long long i = 0; i < num_asked; ++i) {
             EXPECT_EQ("x", get(other, make_key(data_app, i)));
         }
     }
@@ -174,7 +174,7 @@ FOR_ALL_ENGINES(Progress);
 TEST_P(Progress, IsReportedAtMostTenTimesASecondAndAtTheEnd) {
     const auto note = [](const OMRALIB_PROGRESS *pnow, void *parg) {
         auto &test = *static_cast<Progress *>(parg);
-        EXPECT_EQ(num_objects, pnow->num_matched);
+        EXPECT_EQ(num_asked, pnow->num_matched);
         EXPECT_EQ(4u, pnow->num_hosts);
         EXPECT_GE(pnow->num_done, test.reports.empty() ? 0 : test.reports.back().num_done);
         const Millis now = test.clock.now();
@@ -193,8 +193,8 @@ TEST_P(Progress, IsReportedAtMostTenTimesASecondAndAtTheEnd) {
     EXPECT_TRUE(std::ranges::any_of(reports, [](const OMRALIB_PROGRESS &report) {
         return report.num_hosts_done == 0 && report.num_done > 0; /* of those that run */
     }));
-    EXPECT_EQ(num_objects, reports.back().num_done);
-    EXPECT_EQ(num_objects - num_good, reports.back().num_failed);
+    EXPECT_EQ(num_asked, reports.back().num_done);
+    EXPECT_EQ(num_asked - num_good, reports.back().num_failed);
     EXPECT_EQ(4u, reports.back().num_hosts_done);
     EXPECT_FALSE(store.serving.requests.is_noticing());
 }

@@ -49,7 +49,7 @@ TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
             } else if (way == 2) {
                 Omralib_replace_obj(hdl, data.data(), length_of(data), i % 3, &index, 1, key);
             } else if (way == 3) {
-                i % 2 == 0 ? Omralib_remove_obj(hdl, 0, key) : count(hdl, 1);
+                i % 2 == 0 ? void(Omralib_remove_obj(hdl, 0, key)) : void(count(hdl, 1));
             } else {
                 find({1, store::equals(3, index.value)});
                 clock_.advance(thread == 0 ? millis_per_second : 0);
