@@ -74,7 +74,8 @@ int Omrapmi_worker_register_app_name(OMRALIB_HANDLE hdl, unsigned int event_app_
 }
 
 static BOOLEAN can_start_or_stop(unsigned int event_app_id) {
-    return event_app_id <= OMRAPMI_MAX_ORDINARY_APP_ID || event_app_id == MGTI_APPID_SYSTEM_BACKREST;
+    return event_app_id <= OMRAPMI_MAX_ORDINARY_APP_ID ||
+           event_app_id == MGTI_APPID_SYSTEM_BACKREST;
 }
 
 // The two things that the store is told about an app id, and how the trace speaks of them.

@@ -82,8 +82,8 @@ static int start_dispatcher(unsigned int num_worker_thrds) {
 }
 
 static OMRAPMI_ONCE state_once = {.pquick = set_up_queues_and_pools,
-                            .pslow = start_dispatcher,
-                            .plock = &omrapmi_worker_state.lock_init};
+                                  .pslow = start_dispatcher,
+                                  .plock = &omrapmi_worker_state.lock_init};
 
 int Omrapmi_worker_init_ext(unsigned int num_worker_thrds) {
     const int ret = Omralib_init();
