@@ -164,10 +164,9 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
         }
     };
     hosts.merge_fails = [&] { return merges_fail && hosts.pick(3) == 0; };
-    hosts.loses_answer = [&, is_lost = false]() mutable { /* not each time that it is tried */
-                                                          return is_lost = answers_get_lost &&
-                                                                           !is_lost &&
-                                                                           hosts.pick(30) == 0;
+    bool is_lost = false; /* not each time that it is tried */
+    hosts.loses_answer = [&] {
+        return is_lost = answers_get_lost && !is_lost && hosts.pick(30) == 0;
     };
     const Outcome outcome = hosts.invoke(timeout_s);
     if (has_reliable && !merges_fail && !answers_get_lost && timeout_s == 0 && !is_tight) {

@@ -3,6 +3,13 @@
 
 namespace store {
 
+namespace {
+
+// This thread brings a request to its host, which may reply, again and again, before it is done.
+thread_local bool is_bringing = false;
+
+} // namespace
+
 void DecoratedCluster::attach(RequestReceiver &receiver, ReplySink &sink, EventReceiver &events) {
     upwards_.receiver = &receiver;
     upwards_.sink = &sink;
@@ -32,13 +39,15 @@ void DecoratedCluster::Upwards::receive(Request request) {
     if (cluster.on_receive) {
         cluster.on_receive(request);
     }
+    is_bringing = true;
     receiver->receive(std::move(request));
+    is_bringing = false;
     cluster.note_answered(id);
 }
 
 Status DecoratedCluster::Upwards::on_reply(const Reply &reply) {
     const Status status = sink->on_reply(reply);
-    if (reply.kind != Reply::Kind::completed) {
+    if (!is_bringing && reply.kind != Reply::Kind::completed) {
         cluster.note_answered(reply.request);
     }
     return status;
