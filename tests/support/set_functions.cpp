@@ -174,7 +174,7 @@ int merge(char *pdst, unsigned int dst_len, const char *psrc, unsigned int src_l
         return fail(merge_failure, ppmerged_out, pmerged_len_out);
     }
     const Objects merged = dst.objects | src.objects;
-    char *const pblock = merged.count() % 2 == 0 ? nullptr : pdst;
+    char *const pblock = merged.count() % 2 == 0 || dst_len < sizeof dst ? nullptr : pdst;
     return give({dst.label, {}, merged}, pblock, psrc, ppmerged_out, pmerged_len_out);
 }
 
