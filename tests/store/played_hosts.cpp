@@ -23,6 +23,8 @@ int on_invoke(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams) {
     if (answer == OMRALIB_INVOKE_ACCEPTED) {
         ++played->num_jobs;
         played->jobs.push_back(job);
+    } else {
+        played->refused.push_back(job);
     }
     return answer;
 }
@@ -129,6 +131,12 @@ void PlayedHosts::finish_zombies() {
         jobs.front().is_zombie = true;
         jobs.front().rests_until = 0;
         step(jobs.begin());
+    }
+    for (const Job &job : refused) {
+        std::vector<OMRA_OBJKEY> keys(static_cast<std::size_t>(job.params.num_keys));
+        EXPECT_NE(success,
+                  Omralib_get_invoke_keys(job.params.context, keys.data(), length_of(keys)))
+            << "a refused request stays open";
     }
 }
 

@@ -87,6 +87,7 @@ public:
     const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
     const OMRALIB_HANDLE worker = Omralib_open_ext("the worker guid ");
     std::list<Job> jobs; /* accepted, in order */
+    std::vector<Job> refused;
     std::mt19937 random;
     unsigned int num_jobs = 0;   /* ever accepted */
     unsigned int step_bound = 4; /* a step takes fewer milliseconds */
