@@ -4,7 +4,7 @@
 // with a few objects, and a module that works for it.
 //
 // FAULT_POINTS replays what a failure has printed, in this process, for example
-//   FAULT_POINTS='12 0 0' test_faults --gtest_filter=*Eval.SinglesWith2
+//   FAULT_POINTS='12 0 0' test_faults --gtest_filter=*Singles*/EvalWith2
 #include "fault_points.h"
 
 #include "common/records.h"

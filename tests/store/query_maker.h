@@ -74,8 +74,7 @@ inline const Literal literals[] = {
     string("", ""),
 };
 
-/* Below, at or above 0: how a value stands to another, as byte strings or as little-endian numbers.
- */
+/* Below, at or above 0: how a value stands to another, as strings or as little-endian numbers. */
 inline int order_of(Value a, Value b, bool as_strings) {
     if (!as_strings) {
         std::ranges::reverse(a);

@@ -71,9 +71,16 @@ TEST_P(StoreTest, ObjectsAreToldApartAndListedInOrderOfAllFieldsOfTheirKeys) {
         words[0] += 3; /* the app id */
         keys.insert(std::bit_cast<OMRA_OBJKEY>(words));
     }
+    std::vector<store::NewObject> many;
+    many.reserve(keys.size());
     for (const OMRA_OBJKEY &key : keys) {
-        ASSERT_EQ(success, put(hdl_, key, bytes_of(key)));
+        many.push_back({key, {std::as_bytes(std::span(&key, 1)), 0, {}}});
     }
+    std::vector<store::Status> statuses(many.size(), 0);
+    ASSERT_EQ(success, store_.objects().create_many(many, statuses));
+    EXPECT_THAT(statuses, testing::Each(success));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_EXISTS, store_.objects().create_many(many, statuses));
+    EXPECT_THAT(statuses, testing::Each(OMRALIB_ERR_OBJ_EXISTS));
     ASSERT_EQ(success, put(hdl_, make_key(0x30000000, 1), "reserved"));
     std::vector<OMRA_OBJKEY> listed;
     const auto append = [](const OMRA_OBJKEY *pkey, void *parg) {

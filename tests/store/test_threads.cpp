@@ -142,8 +142,7 @@ TEST_P(Waiting, EndsWhenTheLockIsGivenBackHoweverThatHappens) {
     EXPECT_EQ(not_found, waiter.get());
 }
 
-/* Time-outs, beyond what the model sees of them --------------------------------------------------
- */
+/* Time-outs, beyond what the model sees of them ----------------------------------------------- */
 
 TEST_P(StoreTest, RenewedObjectsDoNotHideExpiredOnes) {
     for (unsigned int i = 0; i < 21'000; ++i) {
