@@ -43,13 +43,8 @@ install(FILES ${PROJECT_BINARY_DIR}/pmicliConfig.cmake ${PROJECT_BINARY_DIR}/pmi
 # The installed tree may be moved: a file finds its prefix from where it stands itself.
 set(pc_folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH pc_prefix /${pc_folder} /)
-set(pc_requires "")
 set(pc_libs "")
 if(NOT BUILD_SHARED_LIBS)
-    get_target_property(pc_requires storlib LINK_LIBRARIES)
-    list(FILTER pc_requires INCLUDE REGEX "^absl::")
-    list(TRANSFORM pc_requires REPLACE "^absl::" "absl_")
-    list(JOIN pc_requires " " pc_requires)
     set(pc_libs "-lstdc++ -pthread")
 endif()
 foreach(name pmicli pmicli-embedded)

@@ -5,8 +5,7 @@
 #include "common/alarm.h"
 
 #include <csignal>
-#include <new>
-#include <system_error>
+#include <exception>
 
 namespace platform {
 
@@ -33,7 +32,7 @@ void Alarm::start() {
     pthread_sigmask(SIG_SETMASK, &all, &before);
     try {
         thread_ = std::thread([this] { run(); });
-    } catch (const std::system_error &) {
+    } catch (const std::exception &) {
         next_.store(never, std::memory_order_relaxed);
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
@@ -70,7 +69,7 @@ void Alarm::run() {
         Millis next;
         try {
             next = work_();
-        } catch (const std::bad_alloc &) {
+        } catch (const std::exception &) {
             next = clock_.now() + retry_pause;
         }
         const Guard guard(lock_);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "support/failing_memory.h"
+
 namespace {
 
 constexpr unsigned int timeout_m = 1; /* of results and exceptions, as the module makes them */
@@ -17,6 +19,7 @@ PlayedHosts *played = nullptr;
 std::uint32_t receiving = 0; /* the host whose callback runs */
 
 int on_invoke(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams) {
+    const failing_memory::Exposure exposure(false);
     EXPECT_EQ("the worker guid ", std::string_view(pguid, OMRALIB_GUID_LEN));
     const Job job{receiving, *pparams};
     const int answer = played->answer(job);
@@ -63,7 +66,10 @@ PlayedHosts::PlayedHosts(const store::EngineKind &engine, const store::Configura
                               : store::Fate::never_left;
     };
     played = this;
-    clock.on_wait = [this](store::Millis deadline) { turn(deadline); };
+    clock.on_wait = [this](store::Millis deadline) {
+        const failing_memory::Exposure exposure(false);
+        turn(deadline);
+    };
     OMRALIB_CB cb;
     cb.invoke_ext_cb = on_invoke;
     EXPECT_EQ(success, Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, cb));
@@ -200,7 +206,10 @@ Outcome PlayedHosts::invoke(const OMRA_INDEX_HDR &header, std::string_view query
     OMRA_INVOKE_RESULT &result = outcome.result;
     unsigned int len = 0;
     is_invoking_ = true;
-    outcome.status = Omralib_invoke(its_hdl, 0, request.data(), length_of(request), &len);
+    {
+        const failing_memory::Exposure exposure(true);
+        outcome.status = Omralib_invoke(its_hdl, 0, request.data(), length_of(request), &len);
+    }
     is_invoking_ = false;
     if (outcome.status == success) {
         EXPECT_EQ(success, Omralib_get_read_data(its_hdl, &result, sizeof result));

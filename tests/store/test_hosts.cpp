@@ -8,6 +8,7 @@
 #include <map>
 
 #include "played_hosts.h"
+#include "support/failing_memory.h"
 
 namespace {
 
@@ -168,11 +169,16 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
     hosts.loses_answer = [&] {
         return is_lost = answers_get_lost && !is_lost && hosts.pick(30) == 0;
     };
+    /* One allocation or all later ones, by the store. */
+    const bool runs_out = hosts.pick(3) == 0;
+    failing_memory::arm(runs_out ? 1 + hosts.pick(40) * hosts.pick(10) : 0, hosts.pick(2) == 0);
     const Outcome outcome = hosts.invoke(timeout_s);
-    if (has_reliable && !merges_fail && !answers_get_lost && timeout_s == 0 && !is_tight) {
+    const bool has_run_out = failing_memory::disarm() != 0;
+    if (has_reliable && !merges_fail && !answers_get_lost && timeout_s == 0 && !is_tight &&
+        !has_run_out) {
         expect_exact(outcome, num);
     } else if (!(timeout_s != 0 && outcome.status == OMRALIB_ERR_INVOKE_TIMEOUT) &&
-               !(is_tight && outcome.status == OMRALIB_ERR_NO_SPACE) &&
+               !((is_tight || has_run_out) && outcome.status == OMRALIB_ERR_NO_SPACE) &&
                !(answers_get_lost && outcome.status == OMRALIB_ERR_UNKNOWN)) {
         expect_consistent(outcome, num);
     }
@@ -182,7 +188,8 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
     /* What nobody knows of goes when its time is over. */
     hosts.clock.advance(answers_get_lost ? 5 * millis_per_minute : 0);
     EXPECT_EQ(0u, hosts.num_temp_objects());
-    if (has_reliable && !is_tight) { /* nothing more is sent to those that have gone */
+    if (has_reliable && !is_tight &&
+        !has_run_out) { /* nothing more is sent to those that have gone */
         const auto num_retries = stats().num_retries;
         hosts.answer = [](const Job &) { return OMRALIB_INVOKE_ACCEPTED; };
         hosts.loses_answer = hosts.merge_fails = [] { return false; };

@@ -1,8 +1,10 @@
 /* The object side of the store against a model of it: random sequences of operations must answer as
- * a std::map of objects does.
+ * a std::map of objects does. In every fourth operation memory runs out: it may answer that there
+ * is no space, and then nothing has happened.
  *
  * A failure prints the shortest sequence that was found to fail and the string that replays it:
  *   RC_PARAMS="reproduce=..." or RC_PARAMS="seed=..." test_store --gtest_filter='*Model*' */
+#include <cstdio>
 #include <cstdlib>
 #include <semaphore>
 #include <set>
@@ -11,6 +13,7 @@
 
 #include "query/request.h"
 #include "query_maker.h"
+#include "support/failing_memory.h"
 
 namespace {
 
@@ -48,6 +51,7 @@ struct ModelHandle {
 };
 
 std::optional<std::counting_semaphore<>> event_came;
+unsigned int num_ran_out = 0; /* operations, in all runs */
 
 /* A store and its model, driven together. */
 class ModelRun : public StoreTest {
@@ -110,10 +114,9 @@ public:
 
     void read() {
         unsigned int len = ~0u;
-        const int expected = handle_->pending ? OMRALIB_ERR_OBJ_READING
-                             : object_        ? success
-                                              : not_found;
-        RC_ASSERT(expected == Omralib_read_obj(handle_->hdl, 0, &len, given_key()));
+        int expected = handle_->pending ? OMRALIB_ERR_OBJ_READING : object_ ? success : not_found;
+        RC_ASSERT(answers(expected,
+                          [&] { return Omralib_read_obj(handle_->hdl, 0, &len, given_key()); }));
         if (expected == success) {
             note_read(len);
         }
@@ -130,7 +133,8 @@ public:
 
     void lock() {
         unsigned int len = ~0u;
-        const int ticket = Omralib_read_and_lock_obj(handle_->hdl, 0, 0, &len, given_key());
+        const int ticket =
+            ask([&] { return Omralib_read_and_lock_obj(handle_->hdl, 0, 0, &len, given_key()); });
         if (handle_->pending) {
             RC_ASSERT(OMRALIB_ERR_OBJ_READING == ticket);
         } else if (note_lock(ticket, store::never)) {
@@ -147,7 +151,8 @@ public:
         if (expected == success && !fits({data, 0, object_->values})) {
             expected = OMRALIB_ERR_NO_SPACE;
         }
-        RC_ASSERT(expected == update(handle_->hdl, given_key(), ticket, data, unlocking));
+        RC_ASSERT(answers(
+            expected, [&] { return update(handle_->hdl, given_key(), ticket, data, unlocking); }));
         if (expected == success) {
             object_->bytes = data;
             use(renews());
@@ -159,15 +164,21 @@ public:
 
     void unlock() {
         const int ticket = choose_ticket();
-        const int expected = expect_held(ticket);
-        RC_ASSERT(expected == Omralib_unlock_obj(handle_->hdl, ticket, 0, given_key()));
-        note_unlocked(ticket, expected);
+        int expected = expect_held(ticket);
+        RC_ASSERT(answers(
+            expected, [&] { return Omralib_unlock_obj(handle_->hdl, ticket, 0, given_key()); }));
+        if (expected != OMRALIB_ERR_NO_SPACE) {
+            note_unlocked(ticket, expected);
+        }
     }
 
     void remove() {
-        RC_ASSERT((object_ ? success : not_found) ==
-                  Omralib_remove_obj(handle_->hdl, 0, given_key()));
-        objects_.erase(key_);
+        int expected = object_ ? success : not_found;
+        RC_ASSERT(
+            answers(expected, [&] { return Omralib_remove_obj(handle_->hdl, 0, given_key()); }));
+        if (expected == success) {
+            objects_.erase(key_);
+        }
     }
 
     void find() {
@@ -183,10 +194,17 @@ public:
         std::string why;
         RC_ASSERT(success ==
                   store::parse_request(bytes_in(bytes_of(header) + query.text), order, why));
-        check_keys(StoreTest::find(order.selection), query.limit, [&](const auto &entry) {
-            return (header.app_id == OMRALIB_ALL_APP_IDS || header.app_id == entry.first.app_id) &&
-                   query.holds(fields_of(entry.second));
-        });
+        std::vector<Key> keys;
+        int expected = success;
+        RC_ASSERT(answers(expected,
+                          [&] { return store::find(engine_, order.selection, nullptr, keys); }));
+        if (expected == success) {
+            check_keys(keys, query.limit, [&](const auto &entry) {
+                return (header.app_id == OMRALIB_ALL_APP_IDS ||
+                        header.app_id == entry.first.app_id) &&
+                       query.holds(fields_of(entry.second));
+            });
+        }
     }
 
     void list() {
@@ -207,7 +225,11 @@ public:
     }
 
     void close() {
-        RC_ASSERT(success == Omralib_close(handle_->hdl));
+        int expected = success;
+        RC_ASSERT(answers(expected, [&] { return Omralib_close(handle_->hdl); }));
+        if (expected != success) {
+            return;
+        }
         for (const auto &[ticket, key] : handle_->locks) {
             choose(key);
             if (expect_lock(ticket) == success) {
@@ -231,7 +253,8 @@ public:
     void lock_and_die() {
         store::Content content;
         int ticket = 0;
-        const int status = engine_.read_and_lock(key_, renews(), 0, ticket, content);
+        const int status =
+            ask([&] { return engine_.read_and_lock(key_, renews(), 0, ticket, content); });
         if (note_lock(status == success ? ticket : status, clock_.now() + lease)) {
             RC_ASSERT(std::ranges::equal(content.bytes(), bytes_in(object_->bytes)));
             dead_ = {key_, ticket};
@@ -243,15 +266,17 @@ public:
     void use_dead_ticket() {
         choose(dead_.first);
         const int ticket = dead_.second;
-        const int expected = expect_lock(ticket);
+        int expected = expect_lock(ticket);
         const bool renewing = detail_ % 3 == 2;
         const bool updating = detail_ % 3 == 1;
         if (renewing && object_ && object_->ticket == ticket && !is_locked() && ticket != 0) {
             return; /* whether a lease that is over comes back is the engine's matter */
         }
-        RC_ASSERT(expected == (renewing   ? engine_.renew_lock(key_, ticket)
-                               : updating ? engine_.update(key_, ticket, true, false, {})
-                                          : engine_.unlock(key_, ticket)));
+        RC_ASSERT(answers(expected, [&] {
+            return renewing   ? engine_.renew_lock(key_, ticket)
+                   : updating ? engine_.update(key_, ticket, true, false, {})
+                              : engine_.unlock(key_, ticket);
+        }));
         if (expected == success && renewing) {
             object_->locked_until = clock_.now() + lease;
         } else if (expected == success) {
@@ -274,11 +299,11 @@ public:
             return; /* either is wrong */
         }
         const ModelObject fresh{source ? source->bytes : "", (detail_ >> 4) % 4, {}};
-        const int expected = !source        ? not_found
-                             : object_      ? OMRALIB_ERR_OBJ_EXISTS
-                             : !fits(fresh) ? OMRALIB_ERR_NO_SPACE
-                                            : success;
-        RC_ASSERT(expected == engine_.copy(from, key_, fresh.timeout_m));
+        int expected = !source        ? not_found
+                       : object_      ? OMRALIB_ERR_OBJ_EXISTS
+                       : !fits(fresh) ? OMRALIB_ERR_NO_SPACE
+                                      : success;
+        RC_ASSERT(answers(expected, [&] { return engine_.copy(from, key_, fresh.timeout_m); }));
         if (expected == success) {
             put(fresh);
             choose(from);
@@ -288,6 +313,31 @@ public:
 
 private:
     void TestBody() override {}
+
+    /* What the store answers; std::bad_alloc counts as that there is no space. */
+    template <typename Call>
+    int ask(Call call) {
+        const unsigned int choice = detail_ * 0x9E3779B1u >> 16;
+        failing_memory::arm(choice % 4 == 0 ? 1 + choice / 4 % 12 : 0, choice / 64 % 2 == 0);
+        int status = OMRALIB_ERR_NO_SPACE;
+        try {
+            const failing_memory::Exposure exposure(true);
+            status = call();
+        } catch (const std::bad_alloc &) {
+            /* as the conventions of the seam allow */
+        }
+        ran_out_ = failing_memory::disarm() != 0 && status == OMRALIB_ERR_NO_SPACE;
+        num_ran_out += ran_out_ ? 1 : 0;
+        return status;
+    }
+
+    /* Whether the store answers as it must, or else has run out of memory. */
+    template <typename Call>
+    bool answers(int &expected, Call call) {
+        const int status = ask(call);
+        expected = ran_out_ ? int{OMRALIB_ERR_NO_SPACE} : expected;
+        return status == expected;
+    }
 
     static Key key_of(unsigned int number) { return make_key(1 + number % 2, number); }
 
@@ -343,9 +393,11 @@ private:
         if (expected == success && !fits(fresh)) {
             expected = OMRALIB_ERR_NO_SPACE;
         }
-        RC_ASSERT(expected == operation(handle_->hdl, fresh.bytes.data(), length_of(fresh.bytes),
-                                        fresh.timeout_m, fresh.values.data(),
-                                        length_of(fresh.values), given_key()));
+        RC_ASSERT(answers(expected, [&] {
+            return operation(handle_->hdl, fresh.bytes.data(), length_of(fresh.bytes),
+                             fresh.timeout_m, fresh.values.data(), length_of(fresh.values),
+                             given_key());
+        }));
         if (expected == success) {
             put(fresh);
         }
@@ -362,6 +414,9 @@ private:
 
     /* What a lock answers, and what it leaves. */
     bool note_lock(int ticket, Millis until) {
+        if (ran_out_) {
+            return false;
+        }
         if (!object_ || is_locked()) {
             RC_ASSERT(ticket == (object_ ? OMRALIB_ERR_OBJ_LOCKED : not_found));
             return false;
@@ -457,6 +512,7 @@ private:
     ModelHandle *handle_ = nullptr;
     ModelObject *object_ = nullptr;
     unsigned int detail_ = 0;
+    bool ran_out_ = false;
 };
 
 constexpr std::pair<const char *, ModelRun::Operation> operations[] = {
@@ -504,6 +560,7 @@ void check_against_model(std::uint64_t memory_limit) {
         }
         run.finish();
     }));
+    std::printf("memory ran out in %u operations\n", num_ran_out);
 }
 
 class Model : public testing::TestWithParam<store::EngineKind> {};

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "store_test.h"
+#include "support/failing_memory.h"
 
 namespace {
 
@@ -125,6 +126,14 @@ TEST(Configuration, IsRefusedWithTheReasonAndThenStaysWhatItWas) {
         expect_why(reason);
     }
     EXPECT_EQ(bad_args, Omralib_configure(nullptr));
+    for (unsigned int number = 1; store::Store::current() == nullptr; ++number) {
+        failing_memory::arm(number, number % 2 == 0);
+        failing_memory::is_exposed = true;
+        const int status = Omralib_init();
+        failing_memory::is_exposed = false;
+        failing_memory::disarm();
+        EXPECT_TRUE(status == success || status == OMRALIB_ERR_CANT_INIT);
+    }
     ASSERT_EQ(success, Omralib_init());
     const store::Configuration &used = store::Store::current()->configuration();
     EXPECT_EQ(64u, used.num_hosts);

@@ -1,5 +1,6 @@
 // The requests of a cluster that is decorated, on their way to a host and back.
 #include "support/decorators.h"
+#include "support/failing_memory.h"
 
 namespace store {
 
@@ -39,9 +40,15 @@ void DecoratedCluster::Upwards::receive(Request request) {
     if (cluster.on_receive) {
         cluster.on_receive(request);
     }
-    is_bringing = true;
-    receiver->receive(std::move(request));
-    is_bringing = false;
+    try {
+        const failing_memory::Exposure exposure(true);
+        is_bringing = true;
+        receiver->receive(std::move(request));
+        is_bringing = false;
+    } catch (...) {
+        is_bringing = false; /* whoever hears of it refuses the request */
+        throw;
+    }
     cluster.note_answered(id);
 }
 

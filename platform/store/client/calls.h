@@ -2,14 +2,14 @@
  *
  * Every operation checks its handle, then its arguments, then its key, and hands the rest to the
  * room that knows how. What stays pending on a handle after a read is the object's content, from
- * which Omralib_get_read_data copies. No exception leaves an operation: one that runs out of memory
- * answers OMRALIB_ERR_NO_SPACE.
+ * which Omralib_get_read_data copies. Every operation goes through one of the doors below: no
+ * exception leaves it, and one that runs out of memory or threads answers OMRALIB_ERR_NO_SPACE.
  *
  * The chapters of the headers are a file each: configuration, connection, serving, objects,
  * queries, invocations, figures. */
 #pragma once
 
-#include <new>
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -25,6 +25,16 @@ std::string &opening_text();
 /* The process's store, opened if need be; nullptr, and why in opening_text(). */
 Store *open_or_explain() noexcept;
 
+/* What `operation()` answers. */
+template <typename Operation>
+int answer_of(Operation operation) noexcept {
+    try {
+        return operation();
+    } catch (const std::exception &) {
+        return OMRALIB_ERR_NO_SPACE; /* the store is as it was */
+    }
+}
+
 /* Runs `operation(store, use)` with the handle taken. */
 template <typename Operation>
 int with_handle(OMRALIB_HANDLE hdl, Operation operation) noexcept {
@@ -36,12 +46,7 @@ int with_handle(OMRALIB_HANDLE hdl, Operation operation) noexcept {
     if (use.status() != OMRALIB_RET_SUCCESS) {
         return use.status();
     }
-    int status = OMRALIB_ERR_NO_SPACE;
-    try {
-        status = operation(*store, use);
-    } catch (const std::bad_alloc &) {
-        /* The store is as it was. */
-    }
+    const int status = answer_of([&]() -> int { return operation(*store, use); });
     if (status < 0) {
         use.note_failure(status);
     }
@@ -55,11 +60,14 @@ int with_store(Operation operation) noexcept {
     if (store == nullptr) {
         return OMRALIB_ERR_CANT_INIT;
     }
-    try {
-        return operation(*store);
-    } catch (const std::bad_alloc &) {
-        return OMRALIB_ERR_NO_SPACE;
-    }
+    return answer_of([&]() -> int { return operation(*store); });
+}
+
+/* Runs `operation(store)` on the process's store; without one answers `otherwise`. */
+template <typename Operation>
+int with_open_store(int otherwise, Operation operation) noexcept {
+    Store *store = Store::current();
+    return store != nullptr ? answer_of([&]() -> int { return operation(*store); }) : otherwise;
 }
 
 inline Bytes as_bytes(const void *pdata, unsigned int data_len) {

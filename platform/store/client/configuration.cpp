@@ -4,16 +4,14 @@
 using namespace store;
 
 int Omralib_configure(const OMRALIB_CONFIG *pconfig) {
-    try {
+    return answer_of([&]() -> int {
         opening_text().clear();
         if (pconfig == nullptr) {
             opening_text() = "pconfig is NULL";
             return OMRALIB_ERR_BAD_ARGS;
         }
         return configure_store(*pconfig, opening_text());
-    } catch (const std::bad_alloc &) {
-        return OMRALIB_ERR_NO_SPACE;
-    }
+    });
 }
 
 /* Takes the handle without with_handle(), since a bad buffer must not cost the text. */

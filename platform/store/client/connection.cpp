@@ -46,19 +46,16 @@ int Omralib_init(void) {
 void Omralib_use_large_keys(void) {}
 
 OMRALIB_HANDLE Omralib_open_ext(const char *pguid) {
-    Store *store = open_or_explain();
-    if (store == nullptr) {
-        return OMRALIB_NULL_HANDLE;
-    }
-    Guid guid{};
-    if (pguid != nullptr) {
-        std::copy_n(pguid, guid.size(), guid.begin());
-    }
-    try {
-        return store->handles.open(guid);
-    } catch (const std::bad_alloc &) {
-        return OMRALIB_NULL_HANDLE;
-    }
+    OMRALIB_HANDLE hdl = OMRALIB_NULL_HANDLE;
+    with_store([&](Store &store) {
+        Guid guid{};
+        if (pguid != nullptr) {
+            std::copy_n(pguid, guid.size(), guid.begin());
+        }
+        hdl = store.handles.open(guid);
+        return OMRALIB_RET_SUCCESS;
+    });
+    return hdl;
 }
 
 int Omralib_close(OMRALIB_HANDLE hdl) {

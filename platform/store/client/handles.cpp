@@ -1,6 +1,8 @@
 /* Slots are taken, given back and walked over. */
 #include "client/handles.h"
 
+#include <new>
+
 namespace store {
 
 HandleTable::~HandleTable() {
@@ -12,9 +14,10 @@ HandleTable::~HandleTable() {
 /* An index that no open handle has, or max_slots. */
 std::uint32_t HandleTable::take_free_index() {
     const std::uint32_t fresh = num_slots_.load(std::memory_order_relaxed);
-    if (!free_.empty() && (free_.size() >= chunk_slots || fresh == max_slots)) {
-        const std::uint32_t index = free_.front();
-        free_.pop_front();
+    if (num_free_ >= chunk_slots || (num_free_ != 0 && fresh == max_slots)) {
+        const std::uint32_t index = first_free_;
+        first_free_ = slot_of(index)->next_free;
+        --num_free_;
         return index;
     }
     if (fresh == max_slots) {
@@ -52,7 +55,9 @@ void HandleTable::close(OMRALIB_HANDLE hdl, HandleSlot &slot) {
         generation = 1;
     }
     const Guard guard(lock_);
-    free_.push_back(hdl & index_mask);
+    const std::uint32_t index = hdl & index_mask;
+    (num_free_++ == 0 ? first_free_ : slot_of(last_free_)->next_free) = index;
+    last_free_ = index;
     slot.state.store(generation << 2, std::memory_order_release);
 }
 
@@ -79,15 +84,19 @@ std::vector<HeldLock> HandleTable::held_locks() const {
     return held;
 }
 
-void HandleUse::note_failure(Status status) {
+void HandleUse::note_failure(Status status) noexcept {
     if (explained_ || slot_ == nullptr) {
         return;
     }
-    slot_->error_text =
-        status == OMRALIB_ERR_UNKNOWN
-            ? "the store was asked and has not answered: it may have been done, may "
-              "be done yet, or never; look before doing it again"
-            : "";
+    try {
+        slot_->error_text =
+            status == OMRALIB_ERR_UNKNOWN
+                ? "the store was asked and has not answered: it may have been done, may "
+                  "be done yet, or never; look before doing it again"
+                : "";
+    } catch (const std::bad_alloc &) {
+        slot_->error_text.clear(); /* the code says enough */
+    }
 }
 
 } // namespace store

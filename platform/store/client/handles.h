@@ -9,7 +9,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -36,6 +35,8 @@ struct alignas(64) HandleSlot {
     void *progress_arg = nullptr;
 
     HeldLocks locks; /* changed by the call that has the handle, read by anyone */
+
+    std::uint32_t next_free = 0; /* index of a slot; guarded by the lock of the table */
 
     void count_read() {
         num_reads.store(num_reads.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -96,8 +97,10 @@ private:
     std::array<std::atomic<HandleSlot *>, (1u << index_bits) / chunk_slots> chunks_{};
 
     Mutex lock_;
-    /* Oldest first, so that numbers come back late. */
-    std::deque<std::uint32_t> free_ ABSL_GUARDED_BY(lock_);
+    /* Slots to be used again, chained: oldest first, so that numbers come back late. */
+    std::uint32_t num_free_ ABSL_GUARDED_BY(lock_) = 0;
+    std::uint32_t first_free_ ABSL_GUARDED_BY(lock_) = 0;
+    std::uint32_t last_free_ ABSL_GUARDED_BY(lock_) = 0;
     std::atomic<std::uint32_t> num_slots_{0}; /* grows under lock_ */
 };
 
@@ -136,7 +139,7 @@ public:
     }
 
     /* The call fails: unless it has explained why, there is no more to say, or only in general. */
-    void note_failure(Status status);
+    void note_failure(Status status) noexcept;
 
     /* The handle has been closed: its slot is no longer this call's. */
     void forget() { slot_ = nullptr; }

@@ -1,7 +1,21 @@
 /* Invoking, and what can be done meanwhile. */
 #include "client/calls.h"
 
+#include <memory>
+
 #include "query/request.h"
+
+namespace store {
+
+namespace {
+
+void release_result(void *result) {
+    delete static_cast<OMRA_INVOKE_RESULT *>(result);
+}
+
+} // namespace
+
+} // namespace store
 
 using namespace store;
 
@@ -22,10 +36,11 @@ int Omralib_invoke(OMRALIB_HANDLE hdl, unsigned int options, const void *preq, u
             use.explain(std::move(why));
             return status;
         }
-        OMRA_INVOKE_RESULT result;
-        status = store.invocations.run(order, {hdl, use->progress, use->progress_arg}, result);
+        auto result = std::make_unique<OMRA_INVOKE_RESULT>(); /* nothing may fail afterwards */
+        status = store.invocations.run(order, {hdl, use->progress, use->progress_arg}, *result);
         if (status == OMRALIB_RET_SUCCESS) {
-            hand_over(use, Content::copy_of(as_bytes(&result, sizeof result)), presult_len_out);
+            const Bytes bytes = as_bytes(result.get(), sizeof *result);
+            hand_over(use, Content(bytes, result.release(), release_result), presult_len_out);
         }
         return status;
     });
@@ -41,12 +56,13 @@ int Omralib_set_progress_func(OMRALIB_HANDLE hdl, OMRALIB_PROGRESS_FUNC pfunc, v
 
 /* Without taking the handle, which the invocation has. */
 int Omralib_cancel_invoke(OMRALIB_HANDLE hdl) {
-    Store *store = Store::current();
-    if (store == nullptr || !store->handles.is_open(hdl)) {
-        return OMRALIB_ERR_BAD_HANDLE;
-    }
-    store->invocations.cancel(hdl);
-    return OMRALIB_RET_SUCCESS;
+    return with_open_store(OMRALIB_ERR_BAD_HANDLE, [&](Store &store) {
+        if (!store.handles.is_open(hdl)) {
+            return OMRALIB_ERR_BAD_HANDLE;
+        }
+        store.invocations.cancel(hdl);
+        return OMRALIB_RET_SUCCESS;
+    });
 }
 
 int Omralib_declare_host_gone(unsigned int host_id) {

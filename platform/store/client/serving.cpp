@@ -4,9 +4,8 @@
 using namespace store;
 
 int Omralib_register_cb(unsigned int cb_type, OMRALIB_CB cb) {
-    Store *store = open_or_explain();
-    return store != nullptr ? store->serving.handlers.set_callback(cb_type, cb)
-                            : OMRALIB_ERR_CANT_INIT;
+    return with_store(
+        [&](Store &store) { return store.serving.handlers.set_callback(cb_type, cb); });
 }
 
 int Omralib_register_appname_hdl(OMRALIB_HANDLE hdl, const char *name, unsigned int name_len,
@@ -32,11 +31,10 @@ int Omralib_stop_app_event_handling(OMRALIB_HANDLE hdl, unsigned int event_app_i
 }
 
 int Omralib_get_invoke_keys(unsigned int context, OMRA_OBJKEY *pkeys, unsigned int num_keys) {
-    Store *store = Store::current();
-    if (store == nullptr || pkeys == nullptr) {
-        return OMRALIB_ERR_BAD_ARGS;
-    }
-    return store->serving.get_keys(context, {pkeys, num_keys});
+    return with_open_store(OMRALIB_ERR_BAD_ARGS, [&](Store &store) -> int {
+        return pkeys != nullptr ? store.serving.get_keys(context, {pkeys, num_keys})
+                                : OMRALIB_ERR_BAD_ARGS;
+    });
 }
 
 int Omralib_complete_invoke(OMRALIB_HANDLE hdl, unsigned int context, unsigned int num_successful,
@@ -47,6 +45,6 @@ int Omralib_complete_invoke(OMRALIB_HANDLE hdl, unsigned int context, unsigned i
 }
 
 int Omralib_flush_invoke(unsigned int context) {
-    Store *store = Store::current();
-    return store != nullptr ? store->serving.flush(context) : OMRALIB_ERR_BAD_ARGS;
+    return with_open_store(OMRALIB_ERR_BAD_ARGS,
+                           [&](Store &store) { return store.serving.flush(context); });
 }

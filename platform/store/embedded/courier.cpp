@@ -2,7 +2,6 @@
 #include "embedded/courier.h"
 
 #include <exception>
-#include <new>
 #include <utility>
 
 namespace store {
@@ -74,7 +73,7 @@ void Courier::hand_over(Request request) {
     const Reply refusal = refusal_of(request);
     try {
         receiver_.receive(std::move(request));
-    } catch (const std::bad_alloc &) {
+    } catch (const std::exception &) {
         sink_.on_reply(refusal);
     }
 }

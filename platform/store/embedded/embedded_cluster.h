@@ -18,11 +18,10 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
-
-#include <absl/container/flat_hash_map.h>
-#include <absl/container/flat_hash_set.h>
 
 #include "embedded/courier.h"
 #include "embedded/embedded_objects.h"
@@ -74,8 +73,8 @@ private:
 
     Mutex lock_; /* a leaf: receiver and sink are called without it */
     std::vector<bool> gone_ ABSL_GUARDED_BY(lock_); /* by index of the host */
-    absl::flat_hash_set<std::uint32_t> served_ ABSL_GUARDED_BY(lock_);
-    absl::flat_hash_map<RequestId, std::size_t> in_flight_ ABSL_GUARDED_BY(lock_); /* at a host */
+    std::set<std::uint32_t> served_ ABSL_GUARDED_BY(lock_);
+    std::unordered_map<RequestId, std::size_t> in_flight_ ABSL_GUARDED_BY(lock_); /* at a host */
 
     Mutex names_lock_; /* a leaf */
     std::map<std::string, std::uint32_t, std::less<>> names_ ABSL_GUARDED_BY(names_lock_);

@@ -16,7 +16,7 @@ namespace store {
 
 namespace {
 
-void link(IndexEntry &entry, Posting &posting, Record &record) {
+void link(IndexEntry &entry, const Posting &posting, Record &record) {
     entry = {&posting, &record, nullptr, posting.first};
     if (posting.first != nullptr) {
         posting.first->prev = &entry;
@@ -47,12 +47,12 @@ bool ObjectIndex::Equal::same(const IndexValueId &a, const IndexValueId &b) {
     return a.index == b.index && std::memcmp(&a.value, &b.value, sizeof a.value) == 0;
 }
 
-Posting &ObjectIndex::posting_of(const IndexValueId &id) {
+const Posting &ObjectIndex::posting_of(const IndexValueId &id) {
     const auto found = postings_.find(id);
     if (found != postings_.end()) {
-        return **found;
+        return *found;
     }
-    Posting &posting = **postings_.insert(std::make_unique<Posting>(Posting{id})).first;
+    const Posting &posting = *postings_.insert(Posting{id}).first;
     add_to_views(posting);
     return posting;
 }
@@ -73,7 +73,7 @@ void ObjectIndex::attach(Record &record, std::span<const OMRA_OBJ_INDEX> values)
     record.entries = new IndexEntry[values.size()];
     try {
         for (const OMRA_OBJ_INDEX &value : values) {
-            Posting &posting = posting_of({value.index, value.value});
+            const Posting &posting = posting_of({value.index, value.value});
             link(record.entries[record.num_entries], posting, record);
             ++record.num_entries;
         }
@@ -85,7 +85,7 @@ void ObjectIndex::attach(Record &record, std::span<const OMRA_OBJ_INDEX> values)
 
 void ObjectIndex::detach(Record &record) {
     for (std::uint8_t i = 0; i < record.num_entries; ++i) {
-        Posting *posting = record.entries[i].posting;
+        const Posting *posting = record.entries[i].posting;
         unlink(record.entries[i]);
         if (posting->length == 0) {
             drop(*posting);
@@ -106,7 +106,7 @@ void ObjectIndex::move_entries(Record &from, Record &to) {
 
 const Posting *ObjectIndex::find(const IndexValueId &id) const {
     const auto found = postings_.find(id);
-    return found == postings_.end() ? nullptr : found->get();
+    return found == postings_.end() ? nullptr : &*found;
 }
 
 /* Views ---------------------------------------------------------------------------------------- */
@@ -131,9 +131,9 @@ const ObjectIndex::View &ObjectIndex::view_of(std::uint16_t index, ValueOrder or
         }
     }
     std::vector<const Posting *> postings;
-    for (const auto &posting : postings_) {
-        if (posting->id.index == index) {
-            postings.push_back(posting.get());
+    for (const Posting &posting : postings_) {
+        if (posting.id.index == index) {
+            postings.push_back(&posting);
         }
     }
     const ValueLess less{order};

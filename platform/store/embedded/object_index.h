@@ -13,12 +13,10 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
+#include <set>
 #include <span>
+#include <unordered_set>
 #include <vector>
-
-#include <absl/container/btree_set.h>
-#include <absl/container/flat_hash_set.h>
 
 #include "embedded/record.h"
 #include "engine/conditions.h"
@@ -32,12 +30,12 @@ struct IndexValueId {
 
 struct Posting {
     const IndexValueId id;
-    std::uint32_t length = 0;
-    IndexEntry *first = nullptr;
+    mutable std::uint32_t length = 0; /* changes where it stands in the table */
+    mutable IndexEntry *first = nullptr;
 };
 
 struct IndexEntry {
-    Posting *posting;
+    const Posting *posting;
     Record *record;
     IndexEntry *prev;
     IndexEntry *next;
@@ -102,7 +100,7 @@ private:
     /* The postings of one index in one order. */
     struct View {
         std::uint16_t index;
-        absl::btree_set<const Posting *, ValueLess> sorted;
+        std::set<const Posting *, ValueLess> sorted;
 
         ValueOrder order() const { return sorted.key_comp().order; }
     };
@@ -110,16 +108,12 @@ private:
     struct Hash {
         using is_transparent = void;
         std::size_t operator()(const IndexValueId &id) const;
-        std::size_t operator()(const std::unique_ptr<Posting> &posting) const {
-            return (*this)(posting->id);
-        }
+        std::size_t operator()(const Posting &posting) const { return (*this)(posting.id); }
     };
     struct Equal {
         using is_transparent = void;
         static const IndexValueId &id_of(const IndexValueId &id) { return id; }
-        static const IndexValueId &id_of(const std::unique_ptr<Posting> &posting) {
-            return posting->id;
-        }
+        static const IndexValueId &id_of(const Posting &posting) { return posting.id; }
         static bool same(const IndexValueId &a, const IndexValueId &b);
         template <typename A, typename B>
         bool operator()(const A &a, const B &b) const {
@@ -127,12 +121,12 @@ private:
         }
     };
 
-    Posting &posting_of(const IndexValueId &id);
+    const Posting &posting_of(const IndexValueId &id);
     void add_to_views(const Posting &posting);
     void drop(const Posting &posting);
     const View &view_of(std::uint16_t index, ValueOrder order);
 
-    absl::flat_hash_set<std::unique_ptr<Posting>, Hash, Equal> postings_;
+    std::unordered_set<Posting, Hash, Equal> postings_; /* stay where they are */
     std::vector<View>
         views_; /* at most two of an index; few, so that looking through them is quick */
 };

@@ -3,11 +3,8 @@
 
 #include <cstring>
 #include <new>
-#include <type_traits>
 
 namespace store {
-
-static_assert(std::is_trivially_destructible_v<Record>, "the last reference destroys nothing");
 
 Record::Record(const Key &its_key, std::uint32_t its_timeout_m, Bytes bytes)
     : length_(static_cast<std::uint32_t>(bytes.size())), timeout_m(its_timeout_m), key(its_key) {

@@ -8,7 +8,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <utility>
+
+#include <boost/intrusive/unordered_set_hook.hpp>
 
 #include "engine/content.h"
 #include "engine/keys.h"
@@ -19,9 +22,13 @@ namespace store {
 struct IndexEntry;
 class RecordRef;
 
-/* The head of the block; the bytes follow it. Needs no destructor: the last reference gives the
- * block back with operator delete. */
-struct Record {
+/* Its place in the table of its shard, which it brings along: what is stored needs no more memory
+ * for it. */
+using RecordHook = boost::intrusive::unordered_set_base_hook<
+    boost::intrusive::link_mode<boost::intrusive::normal_link>>;
+
+/* The head of the block; the bytes follow it. The last reference gives the block back. */
+struct Record : RecordHook {
 private:
     std::atomic<std::uint32_t> refs_{1};
     const std::uint32_t length_;
@@ -61,12 +68,13 @@ public:
     void add_ref() { refs_.fetch_add(1, std::memory_order_relaxed); }
     void release() {
         if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            std::destroy_at(this);
             ::operator delete(this);
         }
     }
 };
 
-static_assert(sizeof(Record) == 88, "every object costs this much beside its bytes");
+static_assert(sizeof(Record) == 96, "every object costs this much beside its bytes");
 
 /* Holds one reference to a record, or none. */
 class RecordRef {

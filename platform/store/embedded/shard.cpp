@@ -2,6 +2,8 @@
 #include "embedded/shard.h"
 
 #include <algorithm>
+#include <iterator>
+#include <new>
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -32,10 +34,10 @@ std::uint64_t hash_of(const Key &key) {
 }
 
 Shard::~Shard() {
-    for (Record *record : records_) {
+    records_.clear_and_dispose([this](Record *record) {
         index_.detach(*record);
         record->release();
-    }
+    });
 }
 
 /* Under the lock: records --------------------------------------------------------------------- */
@@ -44,12 +46,30 @@ bool Shard::is_expired(const Record &record) const {
     return record.timeout_m != 0 && record.expires_at <= context_.clock.now();
 }
 
-Record *Shard::find_live(const Key &key, std::uint64_t hash) const {
-    const auto found = records_.find(key, hash);
-    if (found == records_.end() || is_expired(**found)) {
-        return nullptr;
+/* Expired or not. */
+Record *Shard::find(const Key &key, std::uint64_t hash) {
+    const auto found = records_.find(
+        key, [hash](const Key &) { return std::size_t{hash}; }, KeyEqual());
+    return found != records_.end() ? &*found : nullptr;
+}
+
+Record *Shard::find_live(const Key &key, std::uint64_t hash) {
+    Record *record = find(key, hash);
+    return record != nullptr && !is_expired(*record) ? record : nullptr;
+}
+
+/* More buckets for one more record. Without memory for them chains grow: that costs time alone. */
+void Shard::make_room() {
+    const std::size_t num_buckets = records_.bucket_count();
+    if (records_.size() < num_buckets) {
+        return;
     }
-    return *found;
+    std::unique_ptr<Records::bucket_type[]> more(new (std::nothrow)
+                                                     Records::bucket_type[2 * num_buckets]);
+    if (more != nullptr) {
+        records_.rehash({more.get(), 2 * num_buckets});
+        buckets_ = std::move(more);
+    }
 }
 
 /* The record keeps its place in the expiry queue, which is then too early; reap() moves it on. */
@@ -61,9 +81,25 @@ void Shard::renew(Record &record) const {
 
 void Shard::enqueue(Record &record) {
     if (record.timeout_m != 0) {
-        expiry_.emplace(record.expires_at, &record);
+        expiry_.emplace_hint(expiry_.end(), record.expires_at, &record);
         record.queued_at = record.expires_at;
         context_.expiry.on_due(record.queued_at);
+    }
+}
+
+/* The place of a record in the queue; none for one without a time-out. */
+Shard::ExpiryQueue::node_type Shard::take_place(const Record &record) {
+    return record.timeout_m == 0
+               ? ExpiryQueue::node_type()
+               : expiry_.extract({record.queued_at, const_cast<Record *>(&record)});
+}
+
+/* Puts a place that was taken to use again, for the record and from this moment on. */
+void Shard::give_place(ExpiryQueue::node_type place, Millis moment, Record &record) {
+    if (place) {
+        place.value() = {moment, &record};
+        expiry_.insert(std::move(place));
+        record.queued_at = moment;
     }
 }
 
@@ -82,40 +118,30 @@ void Shard::join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values) {
 
 /* Puts in a record whose key is free. Changes nothing when it throws. */
 void Shard::insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values) {
-    const auto slot = records_.insert(fresh.get()).first;
-    try {
-        join(*fresh.get(), values);
-    } catch (...) {
-        records_.erase(slot);
-        throw;
-    }
+    join(*fresh.get(), values);
+    make_room();
     num_bytes_ += fresh->length();
-    fresh.detach();
+    records_.insert(*fresh.detach());
 }
 
-/* Makes `fresh`, which has joined, the record of its key, and takes out the old one, which has left
- * the index. */
+/* Makes `fresh` the record of its key, and takes out the old one, which has left the index and the
+ * expiry queue. */
 RecordRef Shard::put_in_place_of(Record &old, RecordRef fresh) {
-    if (old.timeout_m != 0) {
-        expiry_.erase({old.queued_at, &old});
-    }
     num_bytes_ += fresh->length();
     num_bytes_ -= old.length();
-    /* Equal keys, hence the same place in the set. */
-    const_cast<Record *&>(*records_.find(&old)) = fresh.detach();
+    records_.erase(records_.iterator_to(old));
+    records_.insert(*fresh.detach());
     return RecordRef::adopt(&old);
 }
 
 /* Takes a record out of the shard, whatever holds it there. */
 RecordRef Shard::take(Record &record) {
     context_.budget.refund(cost_of_record(record));
-    if (record.timeout_m != 0) {
-        expiry_.erase({record.queued_at, &record});
-    }
+    take_place(record);
     end_lock(record);
     index_.detach(record);
     num_bytes_ -= record.length();
-    records_.erase(&record);
+    records_.erase(records_.iterator_to(record));
     return RecordRef::adopt(&record);
 }
 
@@ -135,9 +161,7 @@ Millis Shard::reap(std::size_t max_records, ExpiredRecords &expired) {
         if (record.expires_at <= now) {
             expired.push(take(record));
         } else {
-            const Millis queued_at = record.queued_at;
-            enqueue(record);
-            expiry_.erase({queued_at, &record});
+            give_place(take_place(record), record.expires_at, record);
         }
     }
     return expiry_.empty() ? never : expiry_.begin()->first;
@@ -177,12 +201,11 @@ Status Shard::create(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_O
     fresh->stored_s = second_of(context_.clock.now());
     const Guard guard(lock_);
     reap(reap_on_the_way, expired);
-    const auto found = records_.find(fresh->key, hash);
-    if (found != records_.end()) {
-        if (!is_expired(**found)) {
+    if (Record *record = find(fresh->key, hash)) {
+        if (!is_expired(*record)) {
             return OMRALIB_ERR_OBJ_EXISTS;
         }
-        expired.push(take(**found));
+        expired.push(take(*record));
     }
     Charge charge(context_.budget, cost_of(fresh->length(), values.size()));
     if (!charge) {
@@ -253,7 +276,7 @@ Status Shard::update(const Key &key, std::uint64_t hash, int ticket, bool unlock
     if (renewing) {
         renew(*fresh.get());
     }
-    enqueue(*fresh.get());
+    give_place(take_place(*record), record->queued_at, *fresh.get());
     growth.keep();
     context_.budget.refund(above(record->length(), fresh->length()));
     ObjectIndex::move_entries(*record, *fresh.get());
@@ -315,6 +338,7 @@ Status Shard::replace(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_
     context_.budget.refund(above(old_cost, cost));
     end_lock(*record);
     index_.detach(*record);
+    take_place(*record);
     old = put_in_place_of(*record, std::move(fresh));
     return OMRALIB_RET_SUCCESS;
 }
@@ -324,16 +348,16 @@ Status Shard::remove(const Key &key, std::uint64_t hash) {
     WakeUp wake_up(context_.waiters, key);
     ExpiredRecords expired(context_.expiry);
     const Guard guard(lock_);
-    const auto found = records_.find(key, hash);
-    if (found == records_.end()) {
+    Record *record = find(key, hash);
+    if (record == nullptr) {
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
-    if (is_expired(**found)) {
-        expired.push(take(**found));
+    if (is_expired(*record)) {
+        expired.push(take(*record));
         return OMRALIB_ERR_OBJ_NOT_FOUND;
     }
-    wake_up.arm_if(end_lock(**found));
-    removed = take(**found);
+    wake_up.arm_if(end_lock(*record));
+    removed = take(*record);
     return OMRALIB_RET_SUCCESS;
 }
 
@@ -377,9 +401,9 @@ void Shard::collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &key
     };
     if (plan.selects_all()) {
         plan.pass_all(records_.size());
-        for (const Record *record : records_) {
-            if (is_wanted(*record)) {
-                keys.push_back(record->key);
+        for (const Record &record : records_) {
+            if (is_wanted(record)) {
+                keys.push_back(record.key);
             }
         }
         return;
@@ -393,9 +417,9 @@ void Shard::collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &key
         plan.look_up(add);
         return;
     }
-    for (const Record *record : records_) {
-        if (plan.test(*record)) {
-            add(*record);
+    for (const Record &record : records_) {
+        if (plan.test(record)) {
+            add(record);
         }
     }
 }
@@ -406,7 +430,8 @@ void Shard::survey(QuerySurvey &survey) {
     reap_all();
     const Guard guard(lock_);
     std::vector<const Record *> examples(std::min(records_.size(), max_examples));
-    std::copy_n(records_.begin(), examples.size(), examples.begin());
+    std::transform(records_.begin(), std::next(records_.begin(), std::ssize(examples)),
+                   examples.begin(), [](const Record &record) { return &record; });
     survey.add(index_, records_.size(), examples);
 }
 

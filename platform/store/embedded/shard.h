@@ -5,16 +5,21 @@
  *
  * A record whose time-out has passed does not exist for any operation; it goes when a sweep or an
  * operation that changes or lists the shard meets it at the head of the expiry queue. A lock whose
- * lease is over is no lock for any operation; it goes when the next one is taken. */
+ * lease is over is no lock for any operation; it goes when the next one is taken.
+ *
+ * An operation that runs out of memory leaves everything as it was: what it needs is made before
+ * the first change, and tables that only hold what is stored already need nothing. */
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <memory>
+#include <set>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include <absl/container/btree_set.h>
-#include <absl/container/flat_hash_map.h>
-#include <absl/container/flat_hash_set.h>
+#include <boost/intrusive/unordered_set.hpp>
 
 #include "embedded/expiry.h"
 #include "embedded/lock_waiters.h"
@@ -40,7 +45,8 @@ struct ShardContext {
 
 class alignas(64) Shard {
 public:
-    explicit Shard(const ShardContext &context) : context_(context) {}
+    explicit Shard(const ShardContext &context)
+        : context_(context), records_({first_buckets_.data(), first_buckets_.size()}) {}
     Shard(const Shard &) = delete;
     Shard &operator=(const Shard &) = delete;
     ~Shard();
@@ -81,19 +87,20 @@ public:
 
 private:
     struct KeyHash {
-        using is_transparent = void;
-        std::size_t operator()(const Key &key) const { return hash_of(key); }
-        std::size_t operator()(const Record *record) const { return hash_of(record->key); }
+        std::size_t operator()(const Record &record) const { return hash_of(record.key); }
     };
     struct KeyEqual {
-        using is_transparent = void;
-        static const Key &key_of(const Key &key) { return key; }
-        static const Key &key_of(const Record *record) { return record->key; }
-        template <typename A, typename B>
-        bool operator()(const A &a, const B &b) const {
-            return order_of(key_of(a), key_of(b)) == 0;
+        bool operator()(const Record &a, const Record &b) const { return (*this)(a.key, b); }
+        bool operator()(const Key &key, const Record &record) const {
+            return order_of(key, record.key) == 0;
         }
     };
+    using Records = boost::intrusive::unordered_set<
+        Record, boost::intrusive::base_hook<RecordHook>, boost::intrusive::hash<KeyHash>,
+        boost::intrusive::equal<KeyEqual>, boost::intrusive::power_2_buckets<true>>;
+
+    /* Records by the moment at which they are looked at. */
+    using ExpiryQueue = std::set<std::pair<Millis, Record *>>;
 
     struct Lease {
         Millis ends_at;
@@ -101,10 +108,14 @@ private:
     };
 
     bool is_expired(const Record &record) const;
-    Record *find_live(const Key &key, std::uint64_t hash) const
-        ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    Record *find(const Key &key, std::uint64_t hash) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    Record *find_live(const Key &key, std::uint64_t hash) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    void make_room() ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void renew(Record &record) const;
     void enqueue(Record &record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    ExpiryQueue::node_type take_place(const Record &record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    void give_place(ExpiryQueue::node_type place, Millis moment, Record &record)
+        ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values)
@@ -123,13 +134,16 @@ private:
 
     WordLock lock_;
 
-    /* The set holds one reference to each record. */
-    absl::flat_hash_set<Record *, KeyHash, KeyEqual> records_ ABSL_GUARDED_BY(lock_);
+    /* Buckets of the table: its own at first, then one for each record or more. */
+    std::array<Records::bucket_type, 4> first_buckets_;
+    std::unique_ptr<Records::bucket_type[]> buckets_;
+
+    /* The table holds one reference to each record. */
+    Records records_ ABSL_GUARDED_BY(lock_);
     std::uint64_t num_bytes_ ABSL_GUARDED_BY(lock_) = 0;
     ObjectIndex index_ ABSL_GUARDED_BY(lock_);
-    /* By queued_at; those with a time-out. */
-    absl::btree_set<std::pair<Millis, Record *>> expiry_ ABSL_GUARDED_BY(lock_);
-    absl::flat_hash_map<int, Lease> leases_ ABSL_GUARDED_BY(lock_); /* of the records' tickets */
+    ExpiryQueue expiry_ ABSL_GUARDED_BY(lock_); /* by queued_at; those with a time-out */
+    std::unordered_map<int, Lease> leases_ ABSL_GUARDED_BY(lock_); /* of the records' tickets */
 };
 
 } // namespace store

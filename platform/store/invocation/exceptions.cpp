@@ -76,13 +76,11 @@ Status join_exceptions(TempObjects &objects, const std::vector<Key> &keys, std::
         const Key key = store_joined(objects, join(read), timeout_m);
         kept = is_null(key) ? kept : key;
     }
-    std::vector<Key> others;
     for (const ReadObject &object : read) {
         if (order_of(object.key, kept) != 0) {
-            others.push_back(object.key);
+            objects.remove({object.key});
         }
     }
-    objects.remove(others);
     key_out = kept;
     return OMRALIB_RET_SUCCESS;
 }

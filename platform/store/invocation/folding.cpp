@@ -44,7 +44,7 @@ void Folding::lose(const Partial &partial) {
 Status Folding::keep(const Partial &partial) {
     switch (shared_.temp_objects.look_for(partial.key)) {
     case Presence::there:
-        free_.push_front(partial);
+        free_.insert(free_.begin(), partial);
         return OMRALIB_RET_SUCCESS;
     case Presence::gone:
         lose(partial);
@@ -78,7 +78,6 @@ Status Folding::finish(Key &key_out) {
     const Status status = keep(last);
     if (!free_.empty()) {
         key_out = last.key;
-        free_.clear();
     }
     return status;
 }

@@ -16,7 +16,7 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
+#include <vector>
 
 #include "invocation/delivery.h"
 
@@ -27,6 +27,9 @@ public:
     Folding(Shared &shared, Delivery &delivery) : shared_(shared), delivery_(delivery) {}
     Folding(const Folding &) = delete;
     Folding &operator=(const Folding &) = delete;
+
+    /* There will be no more than so many at a time: from now on adding needs no memory. */
+    void expect(std::size_t num_partials) { free_.reserve(num_partials); }
 
     void add(const Partial &partial) { free_.push_back(partial); }
 
@@ -40,8 +43,9 @@ public:
     /* Keeps the time-outs of what waits from passing. */
     void renew();
 
-    /* The one result that is left when nothing is being folded any more; a null key when there is
-     * none. OMRALIB_ERR_UNKNOWN when it cannot be known whether it is there. */
+    /* The one result that is left when nothing is being folded any more, which is still to be
+     * discarded unless it is handed on; a null key when there is none. OMRALIB_ERR_UNKNOWN when it
+     * cannot be known whether it is there. */
     Status finish(Key &key_out);
 
     /* Removes all that is left, after the delivery has been stopped. */
@@ -57,7 +61,7 @@ private:
 
     Shared &shared_;
     Delivery &delivery_;
-    std::deque<Partial>
+    std::vector<Partial>
         free_; /* the oldest first; the others are in folds, which the delivery has */
     std::uint64_t num_lost_ = 0;
 };

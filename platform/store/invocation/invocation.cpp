@@ -2,7 +2,6 @@
 #include "invocation/invocation.h"
 
 #include <algorithm>
-#include <new>
 
 #include "invocation/exceptions.h"
 
@@ -17,12 +16,8 @@ constexpr Millis renewal_pause =
 } // namespace
 
 Invocation::~Invocation() {
-    try {
-        if (!answered_) {
-            discard();
-        }
-    } catch (const std::bad_alloc &) {
-        /* What could not be removed goes when its time-out has passed. */
+    if (!answered_) {
+        discard();
     }
 }
 
@@ -56,6 +51,10 @@ Status Invocation::plan() {
     } else {
         status = shared_.cluster.plan(order_.selection, hosts, shares);
     }
+    /* Room for all that can come of them, so that what a host has made is never lost sight of. */
+    parts_.reserve(shares.size());
+    fold_exceptions_.reserve(shares.size());
+    folding_.expect(shares.size());
     for (std::size_t i = 0; i < shares.size(); ++i) {
         delivery_.add(Task(i, std::move(shares[i])));
     }
@@ -215,7 +214,6 @@ Status Invocation::answer(OMRA_INVOKE_RESULT &result_out) {
         shared_.temp_objects.remove(keys);
     }
     if (status != OMRALIB_RET_SUCCESS) {
-        shared_.temp_objects.remove({result.results_key});
         return status;
     }
     answered_ = true;
@@ -234,7 +232,12 @@ void Invocation::discard() {
         }
     }
     folding_.discard();
-    shared_.temp_objects.remove(exceptions_keys());
+    for (const Part &part : parts_) {
+        if (part.completed) {
+            shared_.temp_objects.remove({part.exceptions_key});
+        }
+    }
+    shared_.temp_objects.remove(fold_exceptions_);
 }
 
 /* Progress ------------------------------------------------------------------------------------ */

@@ -26,8 +26,7 @@
 #pragma once
 
 #include <cstdint>
-
-#include <absl/container/flat_hash_map.h>
+#include <unordered_map>
 
 #include "engine/options.h"
 #include "invocation/admission.h"
@@ -61,7 +60,7 @@ private:
     Admission admission_;
 
     Mutex lock_;
-    absl::flat_hash_map<OMRALIB_HANDLE, Mailbox *> by_handle_ ABSL_GUARDED_BY(lock_);
+    std::unordered_map<OMRALIB_HANDLE, Mailbox *> by_handle_ ABSL_GUARDED_BY(lock_);
 };
 
 } // namespace store

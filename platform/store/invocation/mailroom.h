@@ -11,10 +11,9 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <set>
+#include <unordered_map>
 #include <vector>
-
-#include <absl/container/flat_hash_map.h>
-#include <absl/container/flat_hash_set.h>
 
 #include "engine/cluster.h"
 
@@ -54,8 +53,8 @@ private:
     Clock &clock_;
 
     Mutex lock_; /* a leaf */
-    absl::flat_hash_set<Mailbox *> boxes_ ABSL_GUARDED_BY(lock_);
-    absl::flat_hash_map<RequestId, Mailbox *> expected_ ABSL_GUARDED_BY(lock_);
+    std::set<Mailbox *> boxes_ ABSL_GUARDED_BY(lock_);
+    std::unordered_map<RequestId, Mailbox *> expected_ ABSL_GUARDED_BY(lock_);
 };
 
 /* Of one invocation, as long as it runs. By the time it goes, nothing is expected for it. */

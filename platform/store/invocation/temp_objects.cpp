@@ -1,6 +1,8 @@
 /* Fresh keys, and looking at objects until the answer is certain. */
 #include "invocation/temp_objects.h"
 
+#include <algorithm>
+#include <array>
 #include <random>
 
 namespace store {
@@ -56,11 +58,17 @@ Status TempObjects::read(const Key &key, Content &content_out) {
     return until_known([&] { return objects_.read(key, true, content_out); });
 }
 
-void TempObjects::remove(const std::vector<Key> &keys) {
-    std::vector<Key> made = keys;
-    std::erase_if(made, [](const Key &key) { return is_null(key); });
-    std::vector<Status> statuses(made.size());
-    objects_.remove_many(made, statuses);
+void TempObjects::remove(std::span<const Key> keys) {
+    std::array<Key, 32> made;
+    std::array<Status, made.size()> statuses{};
+    while (!keys.empty()) {
+        const auto some = keys.first(std::min(keys.size(), made.size()));
+        const auto end = std::copy_if(some.begin(), some.end(), made.begin(),
+                                      [](const Key &key) { return !is_null(key); });
+        const auto num = static_cast<std::size_t>(end - made.begin());
+        objects_.remove_many(std::span(made).first(num), std::span(statuses).first(num));
+        keys = keys.subspan(some.size());
+    }
 }
 
 } // namespace store

@@ -5,7 +5,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <vector>
+#include <initializer_list>
+#include <span>
 
 #include "engine/objects.h"
 
@@ -41,8 +42,10 @@ public:
     /* Starts the object's time-out anew. */
     void renew(const Key &key) { objects_.touch(key); }
 
-    /* Null keys are passed over. What cannot be removed goes when its time-out has passed. */
-    void remove(const std::vector<Key> &keys);
+    /* Null keys are passed over. What cannot be removed goes when its time-out has passed. Needs no
+     * memory, so that an invocation that has none can still clean up. */
+    void remove(std::span<const Key> keys);
+    void remove(std::initializer_list<Key> keys) { remove({keys.begin(), keys.size()}); }
 
 private:
     Objects &objects_;

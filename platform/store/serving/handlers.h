@@ -4,10 +4,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <vector>
-
-#include <absl/container/flat_hash_map.h>
 
 #include "engine/cluster.h"
 
@@ -47,7 +46,7 @@ private:
     std::atomic<OMRALIB_INVOKE_EXT_CB> invoke_ext_cb_{nullptr};
 
     Mutex lock_; /* held while the cluster is told, so that it hears of every change in order */
-    absl::flat_hash_map<std::uint32_t, std::vector<Guid>> serving_ ABSL_GUARDED_BY(lock_);
+    std::map<std::uint32_t, std::vector<Guid>> serving_ ABSL_GUARDED_BY(lock_);
 };
 
 } // namespace store

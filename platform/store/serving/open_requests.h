@@ -14,9 +14,8 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <unordered_map>
 #include <vector>
-
-#include <absl/container/flat_hash_map.h>
 
 #include "engine/cluster.h"
 
@@ -99,7 +98,7 @@ private:
     void update(const Guid &guid, ReadNotes &notes);
 
     Mutex lock_; /* a leaf: nothing is called under it */
-    absl::flat_hash_map<std::uint32_t, std::shared_ptr<OpenRequest>>
+    std::unordered_map<std::uint32_t, std::shared_ptr<OpenRequest>>
         contexts_ ABSL_GUARDED_BY(lock_);
     std::uint32_t last_context_ ABSL_GUARDED_BY(lock_) = 0;
 
