@@ -147,7 +147,9 @@ unsigned int Omralib_get_host_addr(void);
 
 /* Serving ------------------------------------------------------------------------------------- */
 
-/* Sets this process's callback of the kind `cb_type` (OMRALIB_CB_*); a second call replaces it. */
+/* Sets this process's callback of the kind `cb_type` (OMRALIB_CB_*); a second call replaces it.
+ * Only those of OMRALIB_CB_EVENT_EXT are added to those there are: up to eight hear of every event,
+ * and so does the one of OMRALIB_CB_EVENT; OMRALIB_ERR_NO_SPACE beyond that. */
 int Omralib_register_cb(unsigned int cb_type, OMRALIB_CB cb);
 
 /* Binds the `name_len` bytes of `name` to an app id and writes it to `*papp_id_out`.

@@ -4,6 +4,7 @@
  * turns by hand instead of waiting. */
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -50,9 +51,10 @@ public:
         if (deadline == never) {
             wake.wait(lock);
         } else {
-            /* One more millisecond, because now() rounds down. */
-            wake.wait_until(lock, std::chrono::steady_clock::time_point(
-                                      std::chrono::milliseconds(deadline + 1)));
+            /* No longer than an hour, which may return for no reason: in nanoseconds a deadline of
+             * the far future would overflow. One more millisecond, because now() rounds down. */
+            const Millis duration = std::min(deadline - now(), 60 * millis_per_minute);
+            wake.wait_for(lock, std::chrono::milliseconds(duration + 1));
         }
     }
 

@@ -21,6 +21,7 @@ std::uint32_t receiving = 0; /* the host whose callback runs */
 int on_invoke(const char *pguid, OMRALIB_INVOKE_PARAMS *pparams) {
     const failing_memory::Exposure exposure(false);
     EXPECT_EQ("the worker guid ", std::string_view(pguid, OMRALIB_GUID_LEN));
+    EXPECT_FALSE(played->gone.contains(receiving)) << "a request that was withdrawn is handed over";
     const Job job{receiving, *pparams};
     const int answer = played->answer(job);
     if (answer == OMRALIB_INVOKE_ACCEPTED) {
@@ -56,8 +57,9 @@ PlayedHosts::PlayedHosts(const store::EngineKind &engine, const store::Configura
     : store(decorated(engine.make(clock, configuration)), clock, configuration) {
     store::DecoratedCluster &cluster = decorator_of(store.cluster());
     cluster.in_order = true;
-    cluster.on_receive = [](const store::Request &request) {
+    cluster.on_receive = [this](const store::Request &request) {
         receiving = request.share.host.number;
+        before_hand_over(receiving);
     };
     decorator_of(store.objects()).fates = cluster.fates = [this] {
         const bool is_lost = is_invoking_ && loses_answer();
@@ -86,6 +88,7 @@ void PlayedHosts::kill(std::uint32_t host, bool as_zombie) {
             job.rests_until = as_zombie ? 0 : store::never;
         }
     }
+    gone.insert(host);
     EXPECT_EQ(success, Omralib_declare_host_gone(host));
 }
 

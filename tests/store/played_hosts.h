@@ -11,6 +11,7 @@
 #include <functional>
 #include <list>
 #include <random>
+#include <set>
 
 #include "store_test.h"
 
@@ -88,6 +89,7 @@ public:
     const OMRALIB_HANDLE worker = Omralib_open_ext("the worker guid ");
     std::list<Job> jobs; /* accepted, in order */
     std::vector<Job> refused;
+    std::set<std::uint32_t> gone; /* hosts that have been killed */
     std::mt19937 random;
     unsigned int num_jobs = 0;   /* ever accepted */
     unsigned int step_bound = 4; /* a step takes fewer milliseconds */
@@ -95,6 +97,7 @@ public:
     /* The test's part. */
     std::function<int(const Job &job)> answer = [](const Job &) { return OMRALIB_INVOKE_ACCEPTED; };
     std::function<void(Job &job)> before_step = [](Job &) {}; /* may kill the job's host */
+    std::function<void(std::uint32_t host)> before_hand_over = [](auto) {}; /* may kill it */
     std::function<bool()> merge_fails = [] { return false; }; /* the user's merge function */
     /* Of a call by the invocation, or of a reply. */
     std::function<bool()> loses_answer = [] { return false; };

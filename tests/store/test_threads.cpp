@@ -161,6 +161,7 @@ TEST_P(StoreTest, RenewedObjectsDoNotHideExpiredOnes) {
 
 std::vector<std::string> events;
 std::counting_semaphore<> arrived{0};
+int num_heard = 0;
 
 TEST_P(StoreTest, TimeOutsAreToldToWhoeverHandlesTheAppId) {
     OMRALIB_CB cb;
@@ -172,6 +173,10 @@ TEST_P(StoreTest, TimeOutsAreToldToWhoeverHandlesTheAppId) {
         return OMRALIB_EVENT_NOT_HANDLED;
     };
     ASSERT_EQ(success, Omralib_register_cb(OMRALIB_CB_EVENT_EXT, cb));
+    cb.event_ext_cb = [](OMRA_OBJKEY, const char *, unsigned int) { return num_heard++; };
+    ASSERT_EQ(success, Omralib_register_cb(OMRALIB_CB_EVENT_EXT, cb));
+    cb.event_cb = [](OMRA_OBJKEY, unsigned int) { return num_heard++; };
+    ASSERT_EQ(success, Omralib_register_cb(OMRALIB_CB_EVENT, cb));
     ASSERT_EQ(success, Omralib_start_app_event_handling(hdl_, 2));
     clock_.advance(1); /* expired objects are swept at whole seconds */
     ASSERT_EQ(success, put(hdl_, make_key(1, 1), "nobody listens", 1));
@@ -195,6 +200,8 @@ TEST_P(StoreTest, TimeOutsAreToldToWhoeverHandlesTheAppId) {
     arrived.acquire();
     EXPECT_THAT(events,
                 testing::ElementsAre("store test guid2", "store test guid1", "store test guid4"));
+    store_.cluster().detach();
+    EXPECT_EQ(2 * 3, num_heard) << "every callback hears of every event";
 }
 
 /* What renews leases and sweeps as time passes. */

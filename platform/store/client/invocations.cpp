@@ -1,6 +1,7 @@
 /* Invoking, and what can be done meanwhile. */
 #include "client/calls.h"
 
+#include <cstring>
 #include <memory>
 
 #include "query/request.h"
@@ -13,6 +14,41 @@ void release_result(void *result) {
     delete static_cast<OMRA_INVOKE_RESULT *>(result);
 }
 
+int invoke(Store &store, HandleUse &use, OMRALIB_HANDLE hdl, Bytes request,
+           unsigned int *presult_len_out) {
+    if (use->pending) {
+        return OMRALIB_ERR_OBJ_READING;
+    }
+    InvokeOrder order;
+    std::string why;
+    Status status = parse_request(request, order, why);
+    if (status != OMRALIB_RET_SUCCESS) {
+        use.explain(std::move(why));
+        return status;
+    }
+    auto result = std::make_unique<OMRA_INVOKE_RESULT>(); /* nothing may fail afterwards */
+    status = store.invocations.run(order, {hdl, use->progress, use->progress_arg}, *result);
+    if (status == OMRALIB_RET_SUCCESS) {
+        const Bytes bytes = as_bytes(result.get(), sizeof *result);
+        hand_over(use, Content(bytes, result.release(), release_result), presult_len_out);
+    }
+    return status;
+}
+
+/* An invocation has failed, and no host works for it any more: parameters that were stored for it
+ * alone are nobody's. */
+void remove_params(Bytes request) {
+    OMRA_INDEX_HDR header{};
+    if (request.size() < sizeof header) {
+        return;
+    }
+    std::memcpy(&header, request.data(), sizeof header);
+    if (header.immediate_params == 0 && header.params_key.app_id == reserved_app_id) {
+        with_open_store(OMRALIB_ERR_BAD_HANDLE,
+                        [&](Store &store) { return store.objects().remove(header.params_key); });
+    }
+}
+
 } // namespace
 
 } // namespace store
@@ -22,28 +58,16 @@ using namespace store;
 int Omralib_invoke(OMRALIB_HANDLE hdl, unsigned int options, const void *preq, unsigned int req_len,
                    unsigned int *presult_len_out) {
     (void)options;
-    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
-        if (preq == nullptr || presult_len_out == nullptr) {
-            return OMRALIB_ERR_BAD_ARGS;
-        }
-        if (use->pending) {
-            return OMRALIB_ERR_OBJ_READING;
-        }
-        InvokeOrder order;
-        std::string why;
-        Status status = parse_request(as_bytes(preq, req_len), order, why);
-        if (status != OMRALIB_RET_SUCCESS) {
-            use.explain(std::move(why));
-            return status;
-        }
-        auto result = std::make_unique<OMRA_INVOKE_RESULT>(); /* nothing may fail afterwards */
-        status = store.invocations.run(order, {hdl, use->progress, use->progress_arg}, *result);
-        if (status == OMRALIB_RET_SUCCESS) {
-            const Bytes bytes = as_bytes(result.get(), sizeof *result);
-            hand_over(use, Content(bytes, result.release(), release_result), presult_len_out);
-        }
-        return status;
+    const Bytes request = as_bytes(preq, preq != nullptr ? req_len : 0);
+    const int status = with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        return preq != nullptr && presult_len_out != nullptr
+                   ? invoke(store, use, hdl, request, presult_len_out)
+                   : OMRALIB_ERR_BAD_ARGS;
     });
+    if (status != OMRALIB_RET_SUCCESS) {
+        remove_params(request);
+    }
+    return status;
 }
 
 int Omralib_set_progress_func(OMRALIB_HANDLE hdl, OMRALIB_PROGRESS_FUNC pfunc, void *parg) {

@@ -12,6 +12,14 @@ namespace {
 /* How long a read under lock waits for another holder. */
 constexpr Millis lock_patience = 5;
 
+/* Whoever waits for an object of a request has to know that there was no room for it. */
+int note_no_room(Store &store, const Key &key, int status) {
+    if (status == OMRALIB_ERR_NO_SPACE && key.app_id == reserved_app_id) {
+        store.serving.requests.note_no_room(key);
+    }
+    return status;
+}
+
 /* Drops a held lock from the handle's list when `status` says that it is gone. */
 int drop_lock_if_gone(HandleUse &use, const Key &key, int ticket, bool released, int status) {
     if ((status == OMRALIB_RET_SUCCESS && released) || status == OMRALIB_ERR_LOCK_LOST ||
@@ -48,7 +56,7 @@ int put_object(OMRALIB_HANDLE hdl, Status (Objects::*operation)(const Key &, con
             return static_cast<int>(OMRALIB_ERR_BAD_KEY);
         }
         const ObjectSpec spec{as_bytes(pdata, data_len), timeout_m, {pindexes, num_indexes}};
-        return (store.objects().*operation)(named.key, spec);
+        return note_no_room(store, named.key, (store.objects().*operation)(named.key, spec));
     });
 }
 
@@ -191,6 +199,7 @@ int Omralib_update_locked_obj(OMRALIB_HANDLE hdl, int lock_tkt, unsigned int unl
         if (status == OMRALIB_RET_SUCCESS && named.key.app_id == reserved_app_id) {
             store.serving.requests.note_update(named.key);
         }
+        note_no_room(store, named.key, status);
         return drop_lock_if_gone(use, named.key, lock_tkt, unlock == 1, status);
     });
 }

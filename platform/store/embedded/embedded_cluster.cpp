@@ -114,6 +114,7 @@ Status EmbeddedCluster::declare_gone(std::uint32_t host_number) {
     std::vector<RequestId> orphans;
     {
         const Guard guard(lock_);
+        orphans.reserve(in_flight_.size());
         gone_[index] = true;
         for (const auto &[request, its_host] : in_flight_) {
             if (its_host == index) {

@@ -79,6 +79,7 @@ struct Reply {
     std::optional<std::uint64_t> num_matched; /* objects, once the host has found them itself */
     std::uint32_t num_successful = 0;
     std::uint32_t num_failed = 0;
+    bool lacks_room = false; /* results or exceptions are lost, since there was no room for them */
 };
 
 /* How far a request is. */

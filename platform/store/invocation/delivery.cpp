@@ -72,6 +72,7 @@ void Delivery::note(Task &task, const Reply &reply) {
         task.state = Task::State::completed;
         task.num_successful = reply.num_successful;
         task.num_failed = reply.num_failed;
+        task.lacks_room = reply.lacks_room;
         if (!task.is_fold) {
             longest_ = std::max(longest_, shared_.clock.now() - task.sent_at);
         }
@@ -183,10 +184,14 @@ Request Delivery::make_request(const Task &task) const {
 bool Delivery::prepare(Task &task) {
     task.results_key = shared_.temp_objects.make_key(TempKind::results);
     task.exceptions_key = shared_.temp_objects.make_key(TempKind::exceptions);
-    if (!task.is_fold || shared_.temp_objects.copy(task.fold.target.key, task.results_key,
-                                                   object_timeout_m()) == OMRALIB_RET_SUCCESS) {
+    const Status status =
+        task.is_fold
+            ? shared_.temp_objects.copy(task.fold.target.key, task.results_key, object_timeout_m())
+            : OMRALIB_RET_SUCCESS;
+    if (status == OMRALIB_RET_SUCCESS) {
         return true;
     }
+    task.lacks_room = status == OMRALIB_ERR_NO_SPACE;
     /* It may have been made although the answer did not come. */
     shared_.temp_objects.remove({task.results_key});
     /* The store may have room for the copy later; a target that has gone does not come back. */

@@ -79,6 +79,8 @@ struct Task {
     std::uint32_t num_successful = 0;
     std::uint32_t num_failed = 0;
 
+    bool lacks_room = false; /* there was no room for an object of it */
+
     bool is_over() const { return state != State::idle && state != State::sent; }
 };
 

@@ -102,6 +102,7 @@ Status Invocation::settle_ended() {
 }
 
 Status Invocation::settle(const Task &task) {
+    lacks_room_ = lacks_room_ || task.lacks_room;
     if (!task.is_fold) {
         return settle_part(task);
     }
@@ -215,6 +216,9 @@ Status Invocation::answer(OMRA_INVOKE_RESULT &result_out) {
     }
     if (status != OMRALIB_RET_SUCCESS) {
         return status;
+    }
+    if (result.num_failed != 0 && is_null(result.exceptions_key) && lacks_room_) {
+        return OMRALIB_ERR_NO_SPACE; /* else nobody could say why they have failed */
     }
     answered_ = true;
     result_out = result;

@@ -67,6 +67,7 @@ private:
     Folding folding_;
     std::vector<Part> parts_; /* as they ended */
     std::vector<Key> fold_exceptions_;
+    bool lacks_room_ = false; /* for an object of a task */
     Millis next_report_ = 0;
     Millis next_renewal_ = never;
     bool answered_ = false;

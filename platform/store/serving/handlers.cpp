@@ -17,8 +17,7 @@ Status Handlers::set_callback(unsigned int kind, OMRALIB_CB callback) {
         invoke_cb_ = callback.invoke_cb;
         break;
     case OMRALIB_CB_EVENT_EXT:
-        event_ext_cb_ = callback.event_ext_cb;
-        break;
+        return add_event_callback(callback.event_ext_cb);
     case OMRALIB_CB_INVOKE_EXT:
         invoke_ext_cb_ = callback.invoke_ext_cb;
         break;
@@ -26,6 +25,16 @@ Status Handlers::set_callback(unsigned int kind, OMRALIB_CB callback) {
         return OMRALIB_ERR_BAD_ARGS;
     }
     return OMRALIB_RET_SUCCESS;
+}
+
+Status Handlers::add_event_callback(OMRALIB_EVENT_EXT_CB callback) {
+    for (auto &place : event_ext_cbs_) {
+        OMRALIB_EVENT_EXT_CB found = nullptr;
+        if (place.compare_exchange_strong(found, callback) || found == callback) {
+            return OMRALIB_RET_SUCCESS;
+        }
+    }
+    return OMRALIB_ERR_NO_SPACE;
 }
 
 Status Handlers::start(std::uint32_t event_app_id, const Guid &guid) {
@@ -77,11 +86,15 @@ int Handlers::call_invoke(const Guid &guid, OMRALIB_INVOKE_PARAMS params) const 
 
 void Handlers::call_event(const Key &key, unsigned int event_code) {
     const std::optional<Guid> guid = guid_for(key.app_id);
-    const OMRALIB_EVENT_EXT_CB ext = event_ext_cb_;
-    const OMRALIB_EVENT_CB plain = event_cb_;
-    if (guid && ext != nullptr) {
-        ext(key, guid->data(), event_code);
-    } else if (guid && plain != nullptr) {
+    if (!guid) {
+        return;
+    }
+    for (const auto &place : event_ext_cbs_) {
+        if (const OMRALIB_EVENT_EXT_CB ext = place) {
+            ext(key, guid->data(), event_code);
+        }
+    }
+    if (const OMRALIB_EVENT_CB plain = event_cb_) {
         plain(key, event_code);
     }
 }

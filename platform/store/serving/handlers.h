@@ -2,6 +2,7 @@
  * handles have started to handle. */
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -19,7 +20,9 @@ public:
     Handlers(const Handlers &) = delete;
     Handlers &operator=(const Handlers &) = delete;
 
-    /* OMRALIB_ERR_BAD_ARGS for a kind that there is not, or no callback. */
+    /* Several of OMRALIB_CB_EVENT_EXT are called one after the other, of the other kinds the last
+     * one. OMRALIB_ERR_BAD_ARGS for a kind that there is not, or no callback; OMRALIB_ERR_NO_SPACE
+     * when there are too many. */
     Status set_callback(unsigned int kind, OMRALIB_CB callback);
 
     /* What the cluster answers to being told. */
@@ -37,13 +40,15 @@ public:
     void call_event(const Key &key, unsigned int event_code);
 
 private:
+    Status add_event_callback(OMRALIB_EVENT_EXT_CB callback);
+
     Cluster &cluster_;
 
     /* Self-synchronised. */
     std::atomic<OMRALIB_EVENT_CB> event_cb_{nullptr};
     std::atomic<OMRALIB_INVOKE_CB> invoke_cb_{nullptr};
-    std::atomic<OMRALIB_EVENT_EXT_CB> event_ext_cb_{nullptr};
     std::atomic<OMRALIB_INVOKE_EXT_CB> invoke_ext_cb_{nullptr};
+    std::array<std::atomic<OMRALIB_EVENT_EXT_CB>, 8> event_ext_cbs_{}; /* the first ones are set */
 
     Mutex lock_; /* held while the cluster is told, so that it hears of every change in order */
     std::map<std::uint32_t, std::vector<Guid>> serving_ ABSL_GUARDED_BY(lock_);

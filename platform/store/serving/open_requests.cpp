@@ -2,8 +2,16 @@
 #include "serving/open_requests.h"
 
 #include <algorithm>
+#include <new>
 
 namespace store {
+
+namespace {
+
+/* More than can be on their way to one process at a time. */
+constexpr std::size_t max_withdrawn_early = 4096;
+
+} // namespace
 
 OpenRequest::OpenRequest(Request its_request, std::vector<Key> its_keys, const Guid &its_guid)
     : request(std::move(its_request)), keys(std::move(its_keys)), guid(its_guid),
@@ -22,6 +30,9 @@ std::uint64_t OpenRequest::num_begun() const {
 
 std::uint32_t OpenRequests::add(const std::shared_ptr<OpenRequest> &request) {
     const Guard guard(lock_);
+    if (withdrawn_early_.erase({request->request.sender, request->request.id}) != 0) {
+        return 0;
+    }
     do {
         ++last_context_;
     } while (last_context_ == 0 || contexts_.contains(last_context_));
@@ -64,7 +75,21 @@ void OpenRequests::withdraw(const HostId &sender, RequestId id) {
         num_noticed_ += request->is_noticed() ? 0 : 1;
         request->withdrawn = true;
         ++version_;
+        return;
     }
+    try {
+        withdrawn_early_.emplace(sender, id);
+    } catch (const std::bad_alloc &) {
+        /* Its work is done for nobody. */
+    }
+    if (withdrawn_early_.size() > max_withdrawn_early) {
+        withdrawn_early_.erase(withdrawn_early_.begin());
+    }
+}
+
+bool OpenRequests::is_withdrawn(const HostId &sender, RequestId id) {
+    const Guard guard(lock_);
+    return withdrawn_early_.contains({sender, id});
 }
 
 RequestProgress OpenRequests::progress_of(const HostId &sender, RequestId id) {
@@ -82,6 +107,16 @@ void OpenRequests::note_update(const Key &key) {
     for (const auto &[context, request] : contexts_) {
         if (request->request.is_merge && order_of(request->request.results_key, key) == 0) {
             request->has_merged = true;
+        }
+    }
+}
+
+void OpenRequests::note_no_room(const Key &key) {
+    const Guard guard(lock_);
+    for (const auto &[context, open] : contexts_) {
+        if (order_of(open->request.results_key, key) == 0 ||
+            order_of(open->request.exceptions_key, key) == 0) {
+            open->lacks_room = true;
         }
     }
 }

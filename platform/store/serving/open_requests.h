@@ -14,7 +14,9 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "engine/cluster.h"
@@ -33,6 +35,7 @@ struct OpenRequest {
     std::atomic<bool> withdrawn{false};
     const std::unique_ptr<std::atomic<bool>[]> begun; /* by key, when progress is wanted */
     std::atomic<bool> has_merged{false};              /* of a merge request: into its results */
+    std::atomic<bool> lacks_room{false};              /* for its results or its exceptions */
 
     bool is_noticed() const {
         return request.progress_is_wanted || withdrawn.load(std::memory_order_relaxed);
@@ -69,7 +72,8 @@ public:
     OpenRequests(const OpenRequests &) = delete;
     OpenRequests &operator=(const OpenRequests &) = delete;
 
-    /* A context, never 0, that names the request from now on. Throws std::bad_alloc. */
+    /* A context that names the request from now on; 0 when it was withdrawn before it came. Throws
+     * std::bad_alloc. */
     std::uint32_t add(const std::shared_ptr<OpenRequest> &request);
 
     /* Ends a context; exactly one of those who try gets the request, the others nullptr. */
@@ -78,12 +82,19 @@ public:
     /* The request of a context that is open; nullptr: it is not. */
     std::shared_ptr<OpenRequest> find(std::uint32_t context);
 
+    /* A withdrawal that comes before its request waits for it. */
     void withdraw(const HostId &sender, RequestId id);
+    bool is_withdrawn(const HostId &sender, RequestId id);
+
     RequestProgress progress_of(const HostId &sender, RequestId id);
 
     /* The object at `key` has new bytes: if it is the results object of a merge request, that has
      * happened. */
     void note_update(const Key &key);
+
+    /* There was no room for the object at `key`: if it is one that a request leaves, its sender is
+     * to know. */
+    void note_no_room(const Key &key);
 
     /* True while reads are to be told to note_read(). */
     bool is_noticing() const { return num_noticed_.load(std::memory_order_relaxed) != 0; }
@@ -101,6 +112,9 @@ private:
     std::unordered_map<std::uint32_t, std::shared_ptr<OpenRequest>>
         contexts_ ABSL_GUARDED_BY(lock_);
     std::uint32_t last_context_ ABSL_GUARDED_BY(lock_) = 0;
+
+    /* Withdrawn and not here; some never come. */
+    std::set<std::pair<HostId, RequestId>> withdrawn_early_ ABSL_GUARDED_BY(lock_);
 
     /* Written under the lock. */
     std::atomic<std::uint32_t> num_noticed_{0}; /* of contexts_ */

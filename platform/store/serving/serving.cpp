@@ -75,6 +75,9 @@ void Serving::receive(Request request) {
     const auto open = std::make_shared<OpenRequest>(std::move(request), std::move(keys), *guid);
     OMRALIB_INVOKE_PARAMS params = params_of(*open);
     params.context = requests.add(open);
+    if (params.context == 0) {
+        return;
+    }
     reply.refusal = handlers.call_invoke(*guid, params);
     /* A request that was completed before the callback returned is past refusing. */
     if (reply.refusal != OMRALIB_INVOKE_ACCEPTED && requests.take(params.context)) {
@@ -114,6 +117,7 @@ Status Serving::complete(std::uint32_t context, std::uint32_t num_successful,
     }
     reply.num_successful = num_successful;
     reply.num_failed = num_failed;
+    reply.lacks_room = open->lacks_room;
     if (open->request.is_merge && !open->has_merged) {
         /* Its handler counts it as done although the user's function failed. */
         reply.num_successful = 0;
