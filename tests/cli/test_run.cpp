@@ -50,7 +50,13 @@ TEST_F(RunCommand, reportsFailedMergesAndInvocations) {
     EXPECT_EQ(late.status, 3);
     EXPECT_EQ(late.out, "");
     EXPECT_THAT(late.err, StartsWith("pmi: the invocation failed: "));
-    EXPECT_EQ(pmi("run $p in.txt >/dev/full").status, 3);
+    for (const char *command :
+         {"--help", "--version", "run --help", "functions $p", "run $p in.txt",
+          "run $p in.txt --json", "explain in.txt --query 'size > 1'"}) {
+        const Ran full = pmi(command + std::string(" >/dev/full"));
+        EXPECT_EQ(full.status, 3) << command;
+        EXPECT_THAT(full.err, EndsWith("to standard output: No space left on device\n"));
+    }
 
     write("long.txt", std::string(5000, 'x') + "\n");
     EXPECT_EQ(pmi("run $p --memory-limit 1M long.txt").status, 0);
