@@ -27,6 +27,7 @@ TEST_F(RunCommand, handsOverParametersOfAnyLength) {
 TEST_F(RunCommand, namesFailedObjects) {
     write("in.txt", "good\nfirst\nfine\nbetter\nfalse\n");
     EXPECT_EQ(pmi("run $p --split lines in.txt").out, "total 10\n");
+    EXPECT_EQ(pmi("run $p --split lines in.txt --params name").out, "in.txt:1\n");
     const Ran json_ran = pmi("run $p --split lines in.txt --json --threads 1");
     EXPECT_EQ(json_ran.status, 1);
     const auto json = nlohmann::json::parse(json_ran.out);
