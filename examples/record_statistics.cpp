@@ -113,8 +113,27 @@ std::string join(std::string_view into, std::string_view from) {
     });
 }
 
+using Json = nlohmann::ordered_json;
+
+// A group as JSON begins it. JSON is UTF-8: of a name that is not, what is wrong is replaced, and
+// its bytes are given as well, so that each group can be told from the others.
+Json name_group(std::string_view name) {
+    Json json{{"group", name}};
+    const auto dump = [&json](Json::error_handler_t handler) {
+        return json.dump(-1, ' ', false, handler);
+    };
+    if (dump(Json::error_handler_t::replace) != dump(Json::error_handler_t::ignore)) {
+        std::string hex;
+        for (const char byte : name) {
+            hex += fmt::format("{:02x}", static_cast<unsigned char>(byte));
+        }
+        json["group_hex"] = hex;
+    }
+    return json;
+}
+
 std::string print(const pmi::Result &result) {
-    nlohmann::ordered_json json = nlohmann::ordered_json::object();
+    Json json = Json::array();
     std::string table = fmt::format("{:<28} {:>8} {:>18} {:>12} {:>12} {:>18}\n", "group", "count",
                                     "sum", "min", "max", "mean");
     for (pmi::TableCursor<Statistics> row(result.data()); row; row.next()) {
@@ -124,13 +143,14 @@ std::string print(const pmi::Result &result) {
         const std::string max = print_decimal(all.max);
         const std::string mean = print_decimal(all.sum / static_cast<Decimal>(all.count));
         // Decimals are strings in JSON: a reader's binary numbers would lose digits.
-        json[std::string(row.key())] = {
-            {"count", all.count}, {"sum", sum}, {"min", min}, {"max", max}, {"mean", mean}};
+        Json group = name_group(row.key());
+        group.update(
+            {{"count", all.count}, {"sum", sum}, {"min", min}, {"max", max}, {"mean", mean}});
+        json.push_back(std::move(group));
         table += fmt::format("{:<28} {:>8} {:>18} {:>12} {:>12} {:>18}\n", row.key(), all.count,
                              sum, min, max, mean);
     }
-    return result.json() ? json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
-                         : table;
+    return result.json() ? json.dump(-1, ' ', false, Json::error_handler_t::replace) : table;
 }
 
 const char *code_text(int code) {

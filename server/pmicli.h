@@ -136,7 +136,8 @@ typedef struct OMRAPMI_PARAMS_EXT {
 static_assert(sizeof(OMRAPMI_PARAMS_EXT) == 8, "the parameters header has 8 bytes");
 static_assert(offsetof(OMRAPMI_PARAMS_EXT, is_singleton) == 6, "OMRAPMI_PARAMS_EXT.is_singleton");
 
-/* One failure of a user function, or of the read of an object to evaluate. */
+/* One failure of a user function, or of the read of an object to evaluate. The key is the one that
+ * Omrapmi_get_key gives, with the mark that it may carry. */
 typedef struct OMRAPMI_EXCEPTION {
     int code;        /* never 0: what the user function returned, or the read's status */
     BOOLEAN is_eval; /* 1: an eval or a read failed, 0: a merge */
@@ -253,7 +254,9 @@ int Omrapmi_event_ext_cb(OMRA_OBJKEY key, const char *pguid, unsigned int event_
 /* These answer on the module's worker threads only; elsewhere OMRAPMI_ERR_NOT_A_WORKER. */
 
 /* The key of the object that the calling thread evaluates, also while it merges afterwards; all
- * zero in an invoke-once eval and in a merge request. */
+ * zero in an invoke-once eval and in a merge request. Where the invocation ignores sliding
+ * time-outs, its app id carries OMRA_APPID_NO_RENEW; a program that compares keys, or looks
+ * something up by them, takes the mark off: key.app_id &= ~OMRA_APPID_NO_RENEW. */
 int Omrapmi_get_key(OMRA_OBJKEY *pkey_out);
 
 /* The calling thread's index, 0 to the number of worker threads - 1, or a negative code. */

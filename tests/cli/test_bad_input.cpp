@@ -1,8 +1,11 @@
 // Everything a user can get wrong: the message names the value and what is allowed, nothing goes to
 // standard output, and the exit code is 2.
+#include <cerrno>
+
 #include <fmt/format.h>
 #include <fnmatch.h>
 #include <gmock/gmock.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "program.h"
@@ -123,6 +126,15 @@ TEST_F(BadInput, plugins) {
     EXPECT_EQ(pmi("functions ./here.so").status, 0);
 }
 
+// Gives a file an ACL that lets one user and one group write, but not the group that the file is
+// of: a version, and entries of a tag, with 0x20000 where they let write, and an id. Returns 0 or
+// the error.
+int set_acl(const std::string &path, unsigned int user, unsigned int group) {
+    const unsigned int acl[] = {2,       0x20001, 0,       0x20002, user, 4, 0,
+                                0x20008, group,   0x20010, 0,       0x20, 0};
+    return setxattr(path.c_str(), "system.posix_acl_access", acl, sizeof acl, 0) == 0 ? 0 : errno;
+}
+
 // A plug-in that others may write, or exchange for another: the file, or a link to it.
 TEST_F(BadInput, pluginsOfOthers) {
     if (geteuid() != 0) {
@@ -150,6 +162,19 @@ TEST_F(BadInput, pluginsOfOthers) {
         expect(fmt::format("chown 0:1 {0}; chmod 775 {0}", path),
                "group 1 may write*mode 0775*chmod g-w");
         expect("chown 0:0 " + path, ""); // a group of root alone
+        const auto expect_acl = [&](unsigned int user, unsigned int group,
+                                    const std::string &message) {
+            ASSERT_EQ(set_acl(path, user, group), 0);
+            expect("", message);
+        };
+        if (set_acl(path, 0, 0) == ENOTSUP) {
+            GTEST_SKIP() << "no ACLs in " << testing::TempDir();
+        }
+        expect_acl(0, 1, "group 1 may write*setfacl -b");
+        expect_acl(1, 0, "user 1 may write*mode 0220*setfacl -b");
+        expect("chmod g-w " + path, ""); // the mask
+        expect("chown 0:1 " + path, "");
+        expect_acl(0, 0, "");
     }
 }
 

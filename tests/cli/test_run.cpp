@@ -27,6 +27,7 @@ TEST_F(RunCommand, handsOverParametersOfAnyLength) {
 TEST_F(RunCommand, namesFailedObjects) {
     write("in.txt", "good\nfirst\nfine\nbetter\nfalse\n");
     EXPECT_EQ(pmi("run $p --split lines in.txt").out, "total 10\n");
+    EXPECT_EQ(pmi("run $p --split lines in.txt --params name").out, "in.txt:1\n");
     const Ran json_ran = pmi("run $p --split lines in.txt --json --threads 1");
     EXPECT_EQ(json_ran.status, 1);
     const auto json = nlohmann::json::parse(json_ran.out);
@@ -50,7 +51,13 @@ TEST_F(RunCommand, reportsFailedMergesAndInvocations) {
     EXPECT_EQ(late.status, 3);
     EXPECT_EQ(late.out, "");
     EXPECT_THAT(late.err, StartsWith("pmi: the invocation failed: "));
-    EXPECT_EQ(pmi("run $p in.txt >/dev/full").status, 3);
+    for (const char *command :
+         {"--help", "--version", "run --help", "functions $p", "run $p in.txt",
+          "run $p in.txt --json", "explain in.txt --query 'size > 1'"}) {
+        const Ran full = pmi(command + std::string(" >/dev/full"));
+        EXPECT_EQ(full.status, 3) << command;
+        EXPECT_THAT(full.err, EndsWith("to standard output: No space left on device\n"));
+    }
 
     write("long.txt", std::string(5000, 'x') + "\n");
     EXPECT_EQ(pmi("run $p --memory-limit 1M long.txt").status, 0);

@@ -14,6 +14,7 @@
 #include <exception>
 
 #include "cli/error.h"
+#include "cli/files.h"
 #include "cli/interrupt.h"
 #include "cli/options.h"
 #include "plugin/plugin.h"
@@ -50,7 +51,7 @@ int explain(const Options &options) {
     const StoreHandle handle;
     check_query(handle, options);
     load_objects(handle, options);
-    print_text(explain_query(handle, *options.query));
+    write_stdout(explain_query(handle, *options.query));
     return kExitSuccess;
 }
 

@@ -9,7 +9,7 @@ enum ExitCode {
     kExitSuccess = 0,
     kExitObjectsFailed = 1, // the result is printed, but some objects are not in it
     kExitUsage = 2,         // arguments, plug-in or input are at fault; nothing was invoked
-    kExitFailed = 3,        // the invocation itself failed, or its result could not be printed
+    kExitFailed = 3,        // the invocation itself failed, or standard output could not be written
 };
 
 // What the user gave is at fault.
@@ -17,7 +17,7 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The store or the module refused.
+// The store or the module refused, or standard output did.
 struct RunError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -1,5 +1,5 @@
 // Opening and reading files whose names come from the user: what cannot be read becomes an error
-// that names the file.
+// that names the file. And the one way to standard output.
 #include "cli/files.h"
 
 #include <cerrno>
@@ -59,6 +59,13 @@ std::string read_file(const std::string &path, std::uint64_t max_len, std::strin
     }
     check_read(file, path);
     return bytes;
+}
+
+void write_stdout(std::string_view text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
+        std::fflush(stdout) != 0) {
+        throw RunError(fmt::format("cannot write to standard output: {}", std::strerror(errno)));
+    }
 }
 
 } // namespace pmi_cli

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <limits>
+#include <sstream>
 #include <string_view>
 
 #include <CLI/CLI.hpp>
@@ -43,8 +44,8 @@ Examples:
       --params 'value=Installed-Size by=Section' --index-from 0=Section --index 0=libs -
 
 The result goes to standard output, everything else to standard error. Exit codes: 0 success,
-1 some objects failed, 2 bad usage or input, 3 the invocation failed, 130 cancelled: Ctrl-C cancels
-the invocation, a second one ends the program at once.)";
+1 some objects failed, 2 bad usage or input, 3 the invocation failed or standard output cannot be
+written, 130 cancelled: Ctrl-C cancels the invocation, a second one ends the program at once.)";
 
 constexpr const char *kExplainHelp =
     R"(Prints how many objects the query may find, then its conditions, the cheapest first, with the number
@@ -273,7 +274,9 @@ std::optional<Options> parse_options(int argc, char **argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() == 0) {
-            app.exit(error);
+            std::ostringstream asked_for; // help or the version
+            app.exit(error, asked_for);
+            write_stdout(asked_for.str());
             return std::nullopt;
         }
         throw UsageError(fmt::format("{} (try 'pmi --help')", error.what()));

@@ -48,7 +48,7 @@ struct Options {
 };
 
 // The options of a command line; nothing when it only asked for help or the version, which are then
-// printed. Throws UsageError.
+// printed. Throws UsageError, and RunError when they cannot be.
 std::optional<Options> parse_options(int argc, char **argv);
 
 } // namespace pmi_cli

@@ -45,7 +45,8 @@ typedef struct PMI_RESULT {
     const char *pparams; /* the parameters of the invocation; NULL exactly when the length is 0 */
     unsigned int params_len;
     void *pprogram; /* handed to the two functions below */
-    /* The name of the object with this key, valid as long as the record; NULL: there is none. */
+    /* The name of the object with this key, valid as long as the record; NULL: there is none. The
+     * key may carry OMRA_APPID_NO_RENEW. */
     const char *(*object_name)(void *pprogram, const OMRA_OBJKEY *pkey);
     /* Prints `text_len` bytes; may be called any number of times. */
     void (*write)(void *pprogram, const char *ptext, size_t text_len);

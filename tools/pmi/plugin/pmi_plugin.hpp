@@ -51,6 +51,7 @@ struct Object {
     std::string_view params;
 
     std::span<const std::byte> bytes() const { return std::as_bytes(std::span(data)); }
+    // As Omrapmi_get_key gives it, with the mark that it may carry.
     OMRA_OBJKEY key() const {
         OMRA_OBJKEY key{};
         Omrapmi_get_key(&key);

@@ -1,18 +1,28 @@
 // Whoever may write in a folder may put another file, or another folder, in the place of what is
 // there. So the file and its folder must be the user's or root's and nobody else's to write, and no
-// folder above may be everybody's. Owners and groups further up are left to the administrator: they
-// are often those of a mount. A folder with the sticky bit, as /tmp has it, is safe.
+// folder above may be everybody's. Owners, groups and ACLs further up are left to the
+// administrator: they are often those of a mount. A folder with the sticky bit, as /tmp has it, is
+// safe.
 #include "plugin/trust.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <string_view>
+#include <vector>
 
+#include <endian.h>
 #include <fmt/format.h>
 #include <grp.h>
+#include <linux/limits.h>
+#include <linux/posix_acl.h>
+#include <linux/posix_acl_xattr.h>
+#include <linux/xattr.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace pmi_cli {
@@ -49,6 +59,71 @@ bool is_trusted_group(gid_t gid) {
     return trusted;
 }
 
+std::string describe_writer(std::string_view who, const std::string &path, unsigned int mode,
+                            std::string_view remedy) {
+    return fmt::format("{} may write '{}' (mode {:04o}); allowed are you and root: take that away "
+                       "with '{}'",
+                       who, path, mode & 07777u, remedy);
+}
+
+std::string find_other_group(gid_t gid, const std::string &path, unsigned int mode,
+                             std::string_view remedy) {
+    return is_trusted_group(gid)
+               ? ""
+               : describe_writer(fmt::format("group {}", gid), path, mode, remedy);
+}
+
+// Whom one entry of an ACL lets write. The file's owner and everybody are not asked here: what they
+// may do stands in the mode as well.
+std::string find_other_writer(const posix_acl_xattr_entry &entry, const std::string &path,
+                              const struct stat &status) {
+    const std::uint32_t id = le32toh(entry.e_id);
+    if ((le16toh(entry.e_perm) & ACL_WRITE) == 0) {
+        return "";
+    }
+    switch (le16toh(entry.e_tag)) {
+    case ACL_USER:
+        return is_trusted(id) ? ""
+                              : describe_writer(fmt::format("user {}", id), path, status.st_mode,
+                                                "setfacl -b");
+    case ACL_GROUP:
+        return find_other_group(id, path, status.st_mode, "setfacl -b");
+    case ACL_GROUP_OBJ:
+        return find_other_group(status.st_gid, path, status.st_mode, "chmod g-w");
+    default:
+        return "";
+    }
+}
+
+// Who may write what its mode lets the group write. With an ACL these bits of the mode are its
+// mask: the most that the group, and the users and groups in the ACL, are given.
+std::string find_other_writers_by_group(const std::string &path, const struct stat &status) {
+    std::vector<char> acl(XATTR_SIZE_MAX);
+    const ssize_t len =
+        lgetxattr(path.c_str(), XATTR_NAME_POSIX_ACL_ACCESS, acl.data(), acl.size());
+    if (len < 0 && (errno == ENODATA || errno == ENOTSUP)) {
+        return find_other_group(status.st_gid, path, status.st_mode, "chmod g-w");
+    }
+    if (len < 0) {
+        return fmt::format("'{}': its ACL cannot be read: {}", path, std::strerror(errno));
+    }
+    acl.resize(static_cast<std::size_t>(len));
+    posix_acl_xattr_header header{};
+    std::memcpy(&header, acl.data(), std::min(acl.size(), sizeof header));
+    if (le32toh(header.a_version) != POSIX_ACL_XATTR_VERSION) {
+        return fmt::format("'{}': its ACL is of the unknown version {}", path,
+                           le32toh(header.a_version));
+    }
+    std::string found;
+    posix_acl_xattr_entry entry{};
+    for (std::size_t at = sizeof header; found.empty() && at + sizeof entry <= acl.size();
+         at += sizeof entry) {
+        std::memcpy(&entry, acl.data() + at, sizeof entry);
+        found = find_other_writer(entry, path, status);
+    }
+    return found;
+}
+
 std::string find_other_writers_of_one(const std::string &path, bool is_near) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) {
@@ -60,19 +135,14 @@ std::string find_other_writers_of_one(const std::string &path, bool is_near) {
             "root",
             path, status.st_uid, geteuid());
     }
-    const unsigned int mode = status.st_mode & 07777u;
+    const unsigned int mode = status.st_mode;
     if (S_ISDIR(status.st_mode) && (mode & S_ISVTX) != 0) {
         return "";
     }
-    constexpr std::string_view kText = "{} may write '{}' (mode {:04o}); allowed are you and root: "
-                                       "take that away with 'chmod {}-w'";
     if ((mode & S_IWOTH) != 0) {
-        return fmt::format(kText, "everybody", path, mode, 'o');
+        return describe_writer("everybody", path, mode, "chmod o-w");
     }
-    if (is_near && (mode & S_IWGRP) != 0 && !is_trusted_group(status.st_gid)) {
-        return fmt::format(kText, fmt::format("group {}", status.st_gid), path, mode, 'g');
-    }
-    return "";
+    return is_near && (mode & S_IWGRP) != 0 ? find_other_writers_by_group(path, status) : "";
 }
 
 } // namespace

@@ -3,29 +3,20 @@
 #include "run/output.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <optional>
 #include <span>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "cli/error.h"
+#include "cli/files.h"
 
 namespace pmi_cli {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-void write_stdout(std::string_view text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
-        std::fflush(stdout) != 0) {
-        throw RunError(fmt::format("cannot write the result: {}", std::strerror(errno)));
-    }
-}
 
 // Names and bytes from outside may be no UTF-8, which JSON has to be.
 void write_json(const Json &json) {
@@ -259,10 +250,6 @@ void print_functions(const Plugin &plugin, Format format) {
     } else {
         write_stdout(table);
     }
-}
-
-void print_text(const std::string &text) {
-    write_stdout(text);
 }
 
 void print_outcome(const Outcome &outcome, const Plugin &plugin, const Objects &objects,

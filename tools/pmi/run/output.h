@@ -11,9 +11,6 @@ namespace pmi_cli {
 // Prints the functions of a plug-in. Throws RunError when standard output cannot be written.
 void print_functions(const Plugin &plugin, Format format);
 
-// Prints lines of text. Throws RunError when standard output cannot be written.
-void print_text(const std::string &text);
-
 // Prints the merged result: through the plug-in's printer, or its bytes when that offers nothing.
 // With Format::kJson counts, exceptions and figures are part of the document; otherwise they go to
 // standard error. Throws RunError when standard output cannot be written.

@@ -117,7 +117,8 @@ std::size_t Objects::number(const OMRA_OBJKEY &key) const {
     for (std::size_t i = 0; i < sizeof number; ++i) {
         number = number << 8 | key.obj_id.u8_comp[i];
     }
-    const bool known = key.app_id == kAppId && number < names_.size();
+    const bool ours = key.app_id == kAppId || key.app_id == (kAppId | OMRA_APPID_NO_RENEW);
+    const bool known = ours && number < names_.size();
     return known ? static_cast<std::size_t>(number) : names_.size();
 }
 

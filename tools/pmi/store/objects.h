@@ -22,7 +22,8 @@ public:
     // Stores a piece of input. Throws RunError.
     void store(const StoreHandle &handle, const Piece &piece, const std::vector<IndexText> &fields);
 
-    // An object's number, size() for a key of no object.
+    // An object's number, size() for a key of no object. A key that carries OMRA_APPID_NO_RENEW
+    // names the same object as without.
     std::size_t number(const OMRA_OBJKEY &key) const;
     // An object's name, NULL for a key of no object. Valid as long as this record.
     const char *name(const OMRA_OBJKEY &key) const;
