@@ -11,6 +11,17 @@ function(pmi_options)
     endforeach()
 endfunction()
 
+# pmi_library(TARGET): a library of ours stays in the process that has loaded it, since its threads do:
+# unloading a plug-in that was linked with it is safe.
+function(pmi_library target)
+    pmi_options(${target})
+    set_target_properties(${target} PROPERTIES
+        VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    if(BUILD_SHARED_LIBS)
+        target_link_options(${target} PRIVATE LINKER:-z,nodelete)
+    endif()
+endfunction()
+
 # A sanitizer works only when every object file, shared library and program has it, plug-ins and
 # targets without pmi_options included; hence for the whole directory tree instead of by target.
 if(PMI_SANITIZE)

@@ -42,7 +42,9 @@ extern "C" {
     X(OMRALIB_ERR_LOCK_LOST, -122, "the lock ticket is no longer valid")                           \
     X(OMRALIB_ERR_NO_SPACE, -123, "the store's memory limit is reached")                           \
     X(OMRALIB_ERR_CANCELLED, -124, "the invocation was cancelled")                                 \
-    X(OMRALIB_ERR_UNKNOWN, -125, "it is unknown whether the operation was carried out")
+    X(OMRALIB_ERR_UNKNOWN, -125, "it is unknown whether the operation was carried out")            \
+    X(OMRALIB_ERR_INVOKE_INSIDE, -126, "a function that an invocation runs cannot invoke")         \
+    X(OMRALIB_ERR_FORKED, -127, "the process was forked from the one that opened the store")
 
 enum {
 #define OMRALIB_STATUS_ENUM(name, value, text) name = (value),

@@ -1,6 +1,6 @@
 /* What these system utilities give a program beyond sys_util.h: memory accounts, the length
- * of a queue, the trace's destination and the count of assertion reports. All operations may be
- * called from any thread. */
+ * of a queue, the trace's destination, the count of assertion reports and the end of threads. All
+ * operations may be called from any thread. */
 #pragma once
 
 #include <stddef.h>
@@ -34,6 +34,10 @@ void Sys_set_trace_func(SYS_TRACE_FUNC pfunc);
 /* How many failed internal conditions were reported since the process started. With the environment
  * variable SYS_ASSERT_ABORT=1, read when the library is loaded, the first one stops the process. */
 size_t Sys_get_assert_count(void);
+
+/* `pfunc` (NULL: nothing) is called on every thread that ends by Thread_end, before it does. */
+typedef void (*SYS_THREAD_END_FUNC)(void);
+void Sys_set_thread_end_func(SYS_THREAD_END_FUNC pfunc);
 
 #ifdef __cplusplus
 }

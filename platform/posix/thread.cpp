@@ -3,16 +3,19 @@
 // A THREADID is the thread's POSIX id. Threads are detached: nobody waits for one through this
 // library, and an id means nothing once its thread has ended.
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <sched.h>
 #include <thread>
 #include <unistd.h>
 
 #include "exported.h"
+#include "sysapp.h"
 
 namespace {
 
 constinit thread_local void *thread_data = nullptr;
+constinit std::atomic<SYS_THREAD_END_FUNC> thread_end_func{nullptr};
 
 } // namespace
 
@@ -34,7 +37,14 @@ THREADID Thread_fork(void *(*pfunc)(void *), void *parg) {
 }
 
 void Thread_end(void) {
+    if (const SYS_THREAD_END_FUNC pfunc = thread_end_func) {
+        pfunc();
+    }
     pthread_exit(nullptr);
+}
+
+void Sys_set_thread_end_func(SYS_THREAD_END_FUNC pfunc) {
+    thread_end_func = pfunc;
 }
 
 THREADID Thread_myid(void) {

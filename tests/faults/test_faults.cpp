@@ -215,20 +215,14 @@ void open_world() {
     interposer::instead<Thread_sleep> = [](unsigned int duration_ms) { usleep(duration_ms); };
 }
 
-// The module tells the operator when no worker will ever run. Nothing can work afterwards, so from
-// then on time flies.
+// The module tells the operator when a thread for requests cannot go on. Nobody serves any more.
 void listen(const char *line) {
     if (std::getenv("FAULT_POINTS") != nullptr) {
         std::fputs(line, stderr);
     }
-    for (const char *text :
-         {"Tr [pmi-td 0]", "Tr [pmi-td 1]", "no worker thread could be started"}) {
-        if (std::strstr(line, text) != nullptr && !worker_side_lost.exchange(true)) {
-            std::thread([] {
-                for (;; usleep(1000)) {
-                    pclock->advance(patient_timeout_s * platform::millis_per_second);
-                }
-            }).detach();
+    for (const char *text : {"Tr [pmi-td 0]", "Tr [pmi-td 1]", "Tr [pmi-tw 0]", "Tr [pmi-tw 1]"}) {
+        if (std::strstr(line, text) != nullptr) {
+            worker_side_lost = true;
         }
     }
 }

@@ -2,7 +2,11 @@
  * how they are cancelled, and how they wait for each other. */
 #include <algorithm>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "played_hosts.h"
+#include "sys_util.h"
 
 namespace {
 
@@ -137,6 +141,20 @@ TEST_P(Invocations, TellMalformedRequests) {
     cb.invoke_cb = [](OMRALIB_INVOKE_PARAMS *) { return 0; };
     EXPECT_EQ(bad_args, Omralib_register_cb(0, cb));
     EXPECT_EQ(bad_args, Omralib_register_cb(5, cb));
+}
+
+TEST_P(Invocations, AreForApplicationsOfTheProcessThatOpenedTheStore) {
+    int mine = 0;
+    Thread_datap_set(&mine); /* as the threads have that run functions */
+    EXPECT_EQ(OMRALIB_ERR_INVOKE_INSIDE, invoke().status);
+    Thread_datap_set(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(invoke().status == OMRALIB_ERR_FORKED ? 0 : 1);
+    }
+    ASSERT_EQ(child, waitpid(child, &mine, 0));
+    EXPECT_EQ(0, mine);
+    EXPECT_EQ(num_good, invoke().result.num_successful);
 }
 
 TEST_P(Invocations, BindNamesToAppIds) {

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "query/request.h"
+#include "sys_util.h"
 
 namespace store {
 
@@ -18,6 +19,13 @@ int invoke(Store &store, HandleUse &use, OMRALIB_HANDLE hdl, Bytes request,
            unsigned int *presult_len_out) {
     if (use->pending) {
         return OMRALIB_ERR_OBJ_READING;
+    }
+    if (store.is_forked()) {
+        return OMRALIB_ERR_FORKED;
+    }
+    if (Thread_datap_get() != nullptr) {
+        return OMRALIB_ERR_INVOKE_INSIDE; /* the threads that would serve it may all wait as it
+                                             would */
     }
     InvokeOrder order;
     std::string why;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 #include "client/handles.h"
 #include "client/lease_keeper.h"
@@ -25,13 +26,18 @@ public:
     /* nullptr when there is none. */
     static Store *current() { return current_.load(std::memory_order_acquire); }
 
+    /* Whether this process is a child of the one that made the store, whose threads it lacks. */
+    bool is_forked() const { return generation_ != current_generation_; }
+
     const Configuration &configuration() const { return configuration_; }
     Objects &objects() { return *engine_.objects; }
     Cluster &cluster() { return *engine_.cluster; }
 
 private:
     static std::atomic<Store *> current_;
+    static std::uint32_t current_generation_; /* processes from the first one on */
 
+    const std::uint32_t generation_;
     const Configuration configuration_;
     const Engine engine_;
 

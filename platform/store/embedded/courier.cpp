@@ -2,6 +2,8 @@
 #include "embedded/courier.h"
 
 #include <exception>
+#include <new>
+#include <system_error>
 #include <utility>
 
 namespace store {
@@ -32,14 +34,18 @@ Courier::~Courier() {
 }
 
 void Courier::send(Request request) {
-    const Reply refusal = refusal_of(request);
+    Reply refusal = refusal_of(request);
     try {
         const Guard guard(lock_);
         if (!thread_.joinable()) {
             thread_ = std::thread(&Courier::run, this);
         }
         waiting_.push_back(std::move(request));
-    } catch (const std::exception &) {
+    } catch (const std::system_error &) {
+        refusal.refusal = OMRALIB_ERR_NO_WORKER; /* nor will there be a thread in a moment */
+        sink_.on_reply(refusal);
+        return;
+    } catch (const std::bad_alloc &) {
         sink_.on_reply(refusal);
         return;
     }

@@ -199,9 +199,14 @@ Status Invocation::answer(OMRA_INVOKE_RESULT &result_out) {
     }
     std::uint64_t matched = 0;
     std::uint64_t successful = 0;
+    bool has_host = false;
     for (const Part &part : parts_) {
         matched += part.num_matched;
         successful += part.num_successful;
+        has_host = has_host || part.completed;
+    }
+    if (matched != 0 && !has_host) {
+        return OMRALIB_ERR_NO_WORKER;
     }
     successful -= folding_.num_lost();
     result.num_successful = static_cast<ULONG>(successful);

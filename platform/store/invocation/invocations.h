@@ -6,7 +6,7 @@
  * thread, which sleeps at its mailbox in between. When the deadline comes first, be it during the
  * wait for a turn, or the invocation is cancelled, there is no answer, and nothing of it stays. In
  * an answer, successful and failed objects are always as many as the matching ones: those that no
- * host could take have failed.
+ * host could take have failed. There is none when no host could take any.
  *
  * The files of an invocation, each understandable alone:
  *   admission.h    how many invocations run at once

@@ -2,6 +2,7 @@
 #include "serving/handlers.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace store {
 
@@ -39,6 +40,9 @@ Status Handlers::add_event_callback(OMRALIB_EVENT_EXT_CB callback) {
 
 Status Handlers::start(std::uint32_t event_app_id, const Guid &guid) {
     const Guard guard(lock_);
+    if (has_stopped_) {
+        return OMRALIB_ERR_NO_WORKER;
+    }
     std::vector<Guid> &guids = serving_[event_app_id];
     if (std::find(guids.begin(), guids.end(), guid) == guids.end()) {
         guids.push_back(guid);
@@ -58,6 +62,14 @@ Status Handlers::stop(std::uint32_t event_app_id, const Guid &guid) {
     }
     serving_.erase(found);
     return cluster_.announce(event_app_id, false);
+}
+
+bool Handlers::stop_all() {
+    const Guard guard(lock_);
+    for (; !serving_.empty(); serving_.erase(serving_.begin())) {
+        cluster_.announce(serving_.begin()->first, false);
+    }
+    return !std::exchange(has_stopped_, true);
 }
 
 std::optional<Guid> Handlers::guid_for(std::uint32_t event_app_id) {

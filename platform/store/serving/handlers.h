@@ -25,9 +25,12 @@ public:
      * when there are too many. */
     Status set_callback(unsigned int kind, OMRALIB_CB callback);
 
-    /* What the cluster answers to being told. */
+    /* What the cluster answers to being told; OMRALIB_ERR_NO_WORKER once stop_all() was called. */
     Status start(std::uint32_t event_app_id, const Guid &guid);
     Status stop(std::uint32_t event_app_id, const Guid &guid);
+
+    /* For good. False when that has been done before. */
+    bool stop_all();
 
     /* Who handles a request of `event_app_id` here: the first that started. Whoever handles
      * anything handles invoke-once requests. */
@@ -52,6 +55,7 @@ private:
 
     Mutex lock_; /* held while the cluster is told, so that it hears of every change in order */
     std::map<std::uint32_t, std::vector<Guid>> serving_ ABSL_GUARDED_BY(lock_);
+    bool has_stopped_ ABSL_GUARDED_BY(lock_) = false;
 };
 
 } // namespace store

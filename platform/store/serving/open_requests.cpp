@@ -69,12 +69,27 @@ std::shared_ptr<OpenRequest> OpenRequests::find(const HostId &sender, RequestId 
     return found != contexts_.end() ? found->second : nullptr;
 }
 
+void OpenRequests::withdraw(OpenRequest &request) {
+    num_noticed_ += request.is_noticed() ? 0 : 1;
+    request.withdrawn = true;
+    ++version_;
+}
+
+std::shared_ptr<OpenRequest> OpenRequests::withdraw_one() {
+    const Guard guard(lock_);
+    const auto found = std::find_if(contexts_.begin(), contexts_.end(),
+                                    [](const auto &entry) { return !entry.second->withdrawn; });
+    if (found == contexts_.end()) {
+        return nullptr;
+    }
+    withdraw(*found->second);
+    return found->second;
+}
+
 void OpenRequests::withdraw(const HostId &sender, RequestId id) {
     const Guard guard(lock_);
     if (const std::shared_ptr<OpenRequest> request = find(sender, id)) {
-        num_noticed_ += request->is_noticed() ? 0 : 1;
-        request->withdrawn = true;
-        ++version_;
+        withdraw(*request);
         return;
     }
     try {

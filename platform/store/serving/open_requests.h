@@ -86,6 +86,9 @@ public:
     void withdraw(const HostId &sender, RequestId id);
     bool is_withdrawn(const HostId &sender, RequestId id);
 
+    /* As if one that has not been withdrawn were; nullptr when there is none. */
+    std::shared_ptr<OpenRequest> withdraw_one();
+
     RequestProgress progress_of(const HostId &sender, RequestId id);
 
     /* The object at `key` has new bytes: if it is the results object of a merge request, that has
@@ -106,6 +109,7 @@ public:
 private:
     std::shared_ptr<OpenRequest> find(const HostId &sender, RequestId id)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    void withdraw(OpenRequest &request) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void update(const Guid &guid, ReadNotes &notes);
 
     Mutex lock_; /* a leaf: nothing is called under it */

@@ -5,6 +5,8 @@
 #include <array>
 #include <utility>
 
+#include "sys_util.h"
+
 namespace store {
 
 namespace {
@@ -147,6 +149,17 @@ Status Serving::flush(std::uint32_t context) {
     /* A merge request has no keys, but it has failed. */
     reply.num_failed = std::max(1u, static_cast<std::uint32_t>(open->keys.size()));
     return send_reply(reply);
+}
+
+void Serving::stop_all() {
+    if (handlers.stop_all()) {
+        Sys_trace_int(
+            "Omralib: this process takes no more requests: a thread for them could not be "
+            "started, or had no handle.\n");
+    }
+    while (const std::shared_ptr<OpenRequest> open = requests.withdraw_one()) {
+        send_reply(reply_to(open->request, Reply::Kind::host_gone));
+    }
 }
 
 void Serving::remove_objects(const Request &request) {

@@ -32,6 +32,10 @@ public:
     Status complete(std::uint32_t context, std::uint32_t num_successful, std::uint32_t num_failed);
     Status flush(std::uint32_t context);
 
+    /* This process handles no more requests and events: what it has accepted is answered as the
+     * death of its host. */
+    void stop_all();
+
     void receive(Request request) override;
     void withdraw(const HostId &sender, RequestId request) override {
         requests.withdraw(sender, request);
