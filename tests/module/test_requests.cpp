@@ -125,50 +125,6 @@ TEST_F(Request_test, ReadsOfObjects) {
                      "Omrapmi worker: completed eval invreq 5 for app id 7.\n");
 }
 
-// Each is reported, and only what is there is read, stored and freed.
-TEST_F(Request_test, NonsenseFromUserFunctions) {
-    using Spoil = void(const char *, char **, unsigned int *);
-    Spoil *const no_block = [](const char *, char **pout, unsigned int *) {
-        Omrapmi_free(std::exchange(*pout, nullptr));
-    };
-    Spoil *const source = [](const char *psrc, char **pout, unsigned int *) {
-        Omrapmi_free(std::exchange(*pout, const_cast<char *>(psrc)));
-    };
-    Spoil *const other_len = [](const char *, char **, unsigned int *plen) { *plen = 0; };
-    const struct {
-        bool of_eval;
-        Spoil *spoil;
-        unsigned int num_keys;
-        std::vector<unsigned int> stored; // a result that is there already
-        const char *outcome;
-    } cases[] = {
-        {true, no_block, 2, {}, "2/0 [results_obj_len_src == 0|results_obj_len_src == 0]"},
-        {true, other_len, 1, {}, "1/0 empty [default_data_len != 0]"},
-        {false, source, 2, {}, "2/0 1 [*ppresults_obj_dst_out != presults_obj_src]"},
-        {false, source, 1, {40}, "1/0 0 [*ppresults_obj_dst_out != presults_obj_src]"},
-        {false, no_block, 2, {}, "2/0 [*presults_obj_len_dst_out == 0]"},
-        {false, no_block, 1, {40}, "1/0 empty [*presults_obj_len_dst_out == 0]"},
-        {false, other_len, 2, {}, "2/0 empty [default_data_len != 0]"},
-        {false, other_len, 1, {40}, "1/0 empty"},
-        {false,
-         other_len,
-         1,
-         {40, 41}, // three are merged in place
-         "1/0 0 40 41 [results_obj_len_out == *presults_obj_len_dst_out]"},
-    };
-    for (const auto &each : cases) {
-        if (!each.stored.empty()) {
-            put_result(each.stored);
-        }
-        script().spoil = [&](const char *psrc, char **pout, unsigned int *plen_out) {
-            if (each.of_eval == (psrc == nullptr)) {
-                each.spoil(psrc, pout, plen_out);
-            }
-        };
-        EXPECT_EQ(eval(each.num_keys), each.outcome) << "case " << &each - cases;
-    }
-}
-
 // Results, then exceptions, then the completion; how long the objects live.
 TEST_F(Request_test, TheEnd) {
     const auto fails = [](unsigned int object, unsigned int) { return object == 1 || object == 2; };

@@ -50,7 +50,7 @@ int give(const Result &result, char *pblock, const char *psrc, char **pout,
     }
     std::memcpy(*pout, &result, sizeof result);
     if (state.script.spoil) {
-        state.script.spoil(psrc, pout, plen_out);
+        state.script.spoil(pblock, psrc, pout, plen_out);
     }
     return 0;
 }
