@@ -73,11 +73,11 @@ TEST_F(RunCommand, stopsExceptionsAtTheBorder) {
                                     "pmi: 7 objects matched, 2 successful, 5 failed"));
 }
 
-TEST_F(RunCommand, mergesInPlaceAndAnew) {
-    write("in.txt", "bb\naa\na\nccc\nab\n");
+TEST_F(RunCommand, mergesInPlaceButNotToNothing) {
+    write("in.txt", "a\na\nb\n");
     const std::string run = "FAULT=bare pmi run $p --split lines in.txt --eval ";
-    EXPECT_EQ(shell(run + "copy --merge smaller").out, "a\n");
-    EXPECT_THAT(shell(run + "copy --merge empty").err,
+    EXPECT_EQ(shell(run + "line --merge same --query 'limit 2'").out, "a\n");
+    EXPECT_THAT(shell(run + "line --merge same").err,
                 HasSubstr("returned an empty result (1000003)"));
     EXPECT_THAT(shell(run + "nothing").err, StartsWith("pmi: there is no result\n"));
 }
