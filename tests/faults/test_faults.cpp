@@ -159,30 +159,6 @@ void set_up_module() {
     Omrapmi_worker_start(app);
 }
 
-// What a program may call first, one of them the first and the others behind it.
-void first_use(std::size_t first) {
-    static constexpr void (*entries[])() = {
-        [] { set_functions::register_all(app); },
-        [] { Omrapmi_worker_init(app); },
-        [] { Omrapmi_worker_start(app); },
-        [] { Omrapmi_worker_stop(app); },
-        [] {
-            OMRA_OBJKEY key;
-            unsigned int host = 0;
-            Omrapmi_get_worker_thread_count();
-            Omrapmi_get_worker_thread_index();
-            Omrapmi_get_key(&key);
-            Omrapmi_worker_get_svr_host_id(&host);
-        },
-        [] { Omrapmi_free(Omrapmi_malloc(5)); },
-        [] { invoke_armed({}); },
-    };
-    Omrapmi_worker_init_ext(num_workers);
-    for (std::size_t i = 0; i < std::size(entries); ++i) {
-        entries[(first + i) % std::size(entries)]();
-    }
-}
-
 const Scenario scenarios[] = {
     {"Eval", false, [] { invoke_armed({}); }},
     {"StoredParams", false, [] { invoke_armed({.params_len = 40}); }},
@@ -194,10 +170,7 @@ const Scenario scenarios[] = {
      }},
     {"StartAndStop", false, [] { Omrapmi_worker_stop(app), Omrapmi_worker_start(app); }},
     {"FirstInvocation", true, [] { set_up_module(), invoke_armed({.once = true}); }},
-    {"FirstRegistration", true, [] { first_use(0); }},
-    {"FirstStart", true, [] { first_use(2); }},
-    {"FirstQuery", true, [] { first_use(4); }},
-    {"FirstInvoke", true, [] { first_use(6); }},
+    {"FirstInvoke", true, [] { invoke_armed({}), set_up_module(); }},
 };
 
 // A run -------------------------------------------------------------------------------------------

@@ -202,9 +202,12 @@ void set_up() {
     set_functions::script().merge_fails = [](const auto &dst, const auto &) {
         return merges_fail(dst.label) && happens(own_random(), 5);
     };
-    set_functions::register_all(app);
-    Omrapmi_worker_init_ext(4);
-    check(Omrapmi_worker_start(app) == OMRALIB_RET_SUCCESS, "the worker does not start");
+    const auto start = [] {
+        check(set_functions::register_all(app) && Omrapmi_worker_init_ext(4) == 1 &&
+                  Omrapmi_worker_start(app) == 1,
+              "the worker does not start");
+    };
+    { const std::jthread one(start), other(start); } // either may come first
     Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, {.invoke_ext_cb = refuse_some});
 }
 

@@ -144,15 +144,8 @@ TEST_F(Request_test, TheEnd) {
     const interposer::Answer elsewhere{"read_and_lock_obj", OMRALIB_ERR_OBJ_LOCKED};
     interposer::script({elsewhere, elsewhere, elsewhere}); // one waits for the lock
     EXPECT_EQ(eval(4), "2/2 0 3 40 41 0 1001:1 1002:2");
-    world::put(901, std::string(48, '\0'));
-    script().fails = fails;
-    interposer::script({{"update_locked_obj", -123, "901"}});
-    EXPECT_EQ(eval(4), "2/2 0 3 0");
     world::put(900, ""); // created, but not filled
     EXPECT_EQ(eval(1), "1/0 0");
-    world::put(900, "");
-    interposer::script({{"update_locked_obj", -123, "900"}});
-    EXPECT_EQ(eval(1), "0/1 empty");
     // A failing user function leaves the results as they were, and the host's counts stand.
     put_result({40});
     script().merge_fails = [](const auto &, const auto &) { return true; };
@@ -170,8 +163,6 @@ TEST_F(Request_test, WithoutKeys) {
     const OMRALIB_INVOKE_PARAMS once = eval_request(5, "", MGTI_APPID_INVOKE_ONCE);
     EXPECT_EQ(eval(3), "3/0 0 1 2");
     EXPECT_EQ(run_keyless(once, {{}}), "1/0 0 4999");
-    interposer::script({{"store_obj", -123, "900"}});
-    EXPECT_EQ(run_keyless(once, {{}}), "0/1 0");
     script().fails = always;
     EXPECT_EQ(run_keyless(once, {{}}), "0/1 0 5999:0");
 

@@ -4,8 +4,6 @@
 
 #include "sysapp.h"
 
-#include <thread>
-
 namespace {
 
 using interposer::instead;
@@ -40,22 +38,6 @@ TEST_F(Init_test, TheNumberOfThreadsIsChosenOnce) {
         };
         EXPECT_EXIT(set_up(), testing::ExitedWithCode(0), "");
     }
-}
-
-// The schedules play this with fibers, which the thread sanitizer does not know.
-TEST_F(Init_test, AllThreadsMayComeFirst) {
-    std::vector<std::thread> thrds(4);
-    for (std::thread &thrd : thrds) {
-        thrd = std::thread([] {
-            EXPECT_EQ(Omrapmi_worker_start(world::app), 1);
-            EXPECT_TRUE(set_functions::register_all(world::app));
-        });
-    }
-    for (std::thread &thrd : thrds) {
-        thrd.join();
-    }
-    EXPECT_EQ(interposer::num_forks(), 1u);
-    EXPECT_EQ(Sys_get_mem_use(OMRAPMI_TAG_FUNCTBL).blocks, 1u);
 }
 
 TEST_F(Init_test, StartAndStopTellTheStore) {
