@@ -49,9 +49,6 @@ TEST_F(BadInput, usage) {
                         {"--split words", "--split*paragraphs,lines"},
                         {"--query ''", "--query*empty"},
                         {"--query 'size > 1' --index 0=a", "--index excludes --query"}});
-    for (const std::string help : {"--help", "run --help", "--version"}) {
-        EXPECT_THAT(pmi(help).out, HasSubstr(help == "--version" ? "pmi " : "Examples:"));
-    }
 }
 
 TEST_F(BadInput, numbers) {

@@ -346,9 +346,7 @@ using Singles = Sweep;
 constexpr std::pair<Mode, Extent> ways[] = {
     {Mode::refused, Extent::once},      {Mode::refused, Extent::all},
     {Mode::reply_lost, Extent::once},   {Mode::reply_lost, Extent::all},
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // a process costs less
     {Mode::refused, Extent::operation}, {Mode::reply_lost, Extent::operation},
-#endif
 };
 
 TEST_P(Singles, Sweep) {

@@ -3,7 +3,6 @@
 #include "scheduler.h"
 
 #include "support/interposer.h"
-#include "support/set_functions.h"
 
 #include <set>
 
@@ -31,9 +30,6 @@ void leave(const void *lock) {
 
 void schedule_calls(bool follows_script) {
     interposer::before = [=](const interposer::Call &call) {
-        if (set_functions::is_asking()) { // as part of the user's function
-            return interposer::Verdict();
-        }
         point();
         return follows_script ? interposer::scripted(call) : interposer::Verdict();
     };

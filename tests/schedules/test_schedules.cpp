@@ -139,7 +139,7 @@ protected:
         Completion done{};
         const Keys keys(all_keys.begin(), all_keys.begin() + n);
         ASSERT_TRUE(
-            schedules::run(seed, {[&] { done = run_request(eval_request(5), keys); }}, 40 * n));
+            schedules::run(seed, {[&] { done = run_request(eval_request(5), keys); }}, 60 * n));
         check_outcome(done, {.asked = first_objects(n),
                              .fails = in(failing),
                              .is_silent = in(silent),

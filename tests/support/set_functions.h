@@ -53,9 +53,6 @@ struct Script {
 };
 Script &script();
 
-// A function is asking where it runs: calls of libraries are then the test's own.
-bool is_asking();
-
 // What was wrong since the last call, joined by '|'.
 std::string take_complaints();
 
