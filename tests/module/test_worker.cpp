@@ -98,12 +98,12 @@ TEST_F(Init_test, OnlyWorkerThreadsGetAnswers) {
         EXPECT_EQ(Omrapmi_get_key(&key), -1312);
         EXPECT_EQ(Omrapmi_get_worker_thread_index(), -1312);
     }
-    EXPECT_TRUE(world::same_key(key, world::key(5)));
+    EXPECT_EQ(key.obj_id.u64_comp[0], 5u);
 
     // A worker thread between two pieces of work.
     records[1].tmyid = Thread_myid();
     EXPECT_EQ(Omrapmi_get_key(&key), 1);
-    EXPECT_TRUE(world::same_key(key, OMRA_OBJKEY{}));
+    EXPECT_TRUE(OMRA_OBJKEY_IS_NULL(key));
     EXPECT_EQ(Omrapmi_get_worker_thread_index(), 1);
     EXPECT_EQ(Omrapmi_worker_get_svr_host_id(&host_id), -1312);
     EXPECT_EQ(host_id, 5u);
