@@ -170,7 +170,12 @@ const Scenario scenarios[] = {
      }},
     {"StartAndStop", false, [] { Omrapmi_worker_stop(app), Omrapmi_worker_start(app); }},
     {"FirstInvocation", true, [] { set_up_module(), invoke_armed({.once = true}); }},
-    {"FirstInvoke", true, [] { invoke_armed({}), set_up_module(); }},
+    {"FirstInvoke", true,
+     [] {
+         unsigned int host_id = 0;
+         invoke_armed({}), Omrapmi_worker_init_ext(num_workers);
+         Omrapmi_worker_get_svr_host_id(&host_id), set_up_module();
+     }},
 };
 
 // A run -------------------------------------------------------------------------------------------

@@ -67,6 +67,7 @@ TEST_F(Invoke_test, ArgumentsAreValidatedInOrder) {
     const std::pair<int, void (*)(Args &, Ext_args &, Query &)> cases[] = {
         {1, [](auto &a, auto &, auto &) { a.app_id = 0x0FFFFFFF; }},
         {1, [](auto &a, auto &, auto &) { a.app_id = 0x40000001; }},
+        {1, [](auto &a, auto &, auto &) { a.app_id = 0xDFFFFFFF; }},
         {1, [](auto &a, auto &, auto &) { a.app_id = 0xFFFFFFFF; }},
         {-1307, [](auto &a, auto &, auto &) { a.app_id = 0xE0000000; }},
         {1, [](auto &, auto &e, auto &) { e.event_app_id = 0x0FFFFFFF; }},

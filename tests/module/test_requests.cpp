@@ -138,12 +138,31 @@ TEST_F(Request_test, TheEnd) {
     const interposer::Answer elsewhere{"read_and_lock_obj", OMRALIB_ERR_OBJ_LOCKED};
     interposer::script({elsewhere, elsewhere, elsewhere}); // one waits for the lock
     EXPECT_EQ(eval(4), "2/2 0 3 40 41 0 1001:1 1002:2");
+    world::put(901, std::string(48, '\0'));
+    script().fails = fails;
+    interposer::script({{"update_locked_obj", -123, "901"}});
+    EXPECT_EQ(eval(4), "2/2 0 3 0");
     world::put(900, ""); // created, but not filled
     EXPECT_EQ(eval(1), "1/0 0");
+    world::put(900, "");
+    interposer::script({{"update_locked_obj", -123, "900"}});
+    EXPECT_EQ(eval(1), "0/1 empty");
     // A failing user function leaves the results as they were, and the host's counts stand.
     put_result({40});
     script().merge_fails = [](const auto &, const auto &) { return true; };
     EXPECT_EQ(eval(4), "1/3 40 77 77 77 77"); // as many as there are keys
+    // One that hands out no block, or its source, is reported, and nothing is freed twice.
+    for (const auto &[is_source, outcome] :
+         {std::pair(false, "1/0 empty [*presults_obj_len_dst_out == 0]"),
+          std::pair(true, "1/0 0 [*ppresults_obj_dst_out != presults_obj_src]")}) {
+        put_result({40});
+        script().spoil = [=](const char *, const char *psrc, char **pout, unsigned int *) {
+            if (psrc != nullptr) {
+                Omrapmi_free(std::exchange(*pout, is_source ? const_cast<char *>(psrc) : nullptr));
+            }
+        };
+        EXPECT_EQ(eval(1), outcome);
+    }
 }
 
 // Without an object, and merge requests: functions know no key, not even an old one.
