@@ -156,7 +156,8 @@ TEST_F(Request_test, TheEnd) {
          {std::pair(false, "1/0 empty [*presults_obj_len_dst_out == 0]"),
           std::pair(true, "1/0 0 [*ppresults_obj_dst_out != presults_obj_src]")}) {
         put_result({40});
-        script().spoil = [=](const char *, const char *psrc, char **pout, unsigned int *) {
+        script().spoil = [is_source = is_source](const char *, const char *psrc, char **pout,
+                                                 unsigned int *) {
             if (psrc != nullptr) {
                 Omrapmi_free(std::exchange(*pout, is_source ? const_cast<char *>(psrc) : nullptr));
             }
