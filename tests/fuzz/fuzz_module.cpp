@@ -101,8 +101,9 @@ int end(unsigned int context) {
 // A function hands out no block, a merge's source, or less than it has made.
 void spoil(const char *pdst, const char *psrc, char **pout, unsigned int *plen_out) {
     if (pdst == nullptr && happens(8)) {
-        char *const poffered = happens(2) ? const_cast<char *>(psrc) : nullptr;
-        Omrapmi_free(std::exchange(*pout, poffered));
+        const bool is_source = happens(2) && psrc != nullptr;
+        Omrapmi_free(std::exchange(*pout, is_source ? const_cast<char *>(psrc) : nullptr));
+        *plen_out = is_source ? 1 : *plen_out; // a source may be that short
     }
     *plen_out = happens(8) ? pinput->ConsumeIntegralInRange(0u, *plen_out) : *plen_out;
 }
