@@ -1,20 +1,16 @@
-/* A plug-in in plain C: finds the largest byte of all objects. C takes every header. */
+/* A plug-in in plain C: finds the largest first byte of all objects. C takes every header. */
 #include "pmi_plugin.h"
 #include "storapp.h"
 #include "sysapp.h"
 
-static int largest_byte(const char *data, unsigned data_len, const char *params,
-                        unsigned params_len, char **result, unsigned *result_len) {
-    unsigned i;
-    (void)params, (void)params_len;
+static int first_byte(const char *data, unsigned data_len, const char *params, unsigned params_len,
+                      char **result, unsigned *result_len) {
+    (void)data_len, (void)params, (void)params_len;
     *result = Omrapmi_malloc(1);
     if (*result == NULL) {
         return 1;
     }
-    **result = 0;
-    for (i = 0; i < data_len; ++i) {
-        **result = data[i] > **result ? data[i] : **result;
-    }
+    **result = *data;
     *result_len = 1;
     return 0;
 }
@@ -30,7 +26,7 @@ static int larger(char *dst, unsigned dst_len, const char *src, unsigned src_len
 
 int pmi_plugin_register(PMI_REGISTRAR *preg) {
     if (preg->abi_version == PMI_PLUGIN_ABI) {
-        preg->add_eval(preg, 0, "largest", "the object's largest byte", largest_byte);
+        preg->add_eval(preg, 0, "first", "the object's first byte", first_byte);
         preg->add_merge(preg, 1, "larger", "the larger of two bytes", larger);
     }
     return PMI_PLUGIN_ABI;

@@ -1,7 +1,5 @@
 #include "fault_points.h"
 
-#include "storapp.h"
-
 #include <mutex>
 #include <optional>
 #include <set>
@@ -75,11 +73,6 @@ Verdict fail_by_number(const Call &call) {
     const std::optional<Mode> mode = armed.is_armed && answer ? next_call(call) : std::nullopt;
     if (!mode) {
         return {};
-    }
-    if (*mode >= Mode::host_1_dies) {
-        const unsigned int host =
-            1 + static_cast<unsigned int>(*mode) - static_cast<unsigned int>(Mode::host_1_dies);
-        return {Verdict::carried_out, 0, [host] { Omralib_declare_host_gone(host); }};
     }
     failed = call.name;
     const bool is_done =

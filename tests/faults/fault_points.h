@@ -12,11 +12,8 @@
 namespace faults {
 
 enum class Mode : unsigned int {
-    refused,     // nothing is done, and the answer is an error
-    reply_lost,  // it is done, and the answer is an error all the same
-    host_1_dies, // it is done, and then a host of the store is gone
-    host_2_dies,
-    host_3_dies,
+    refused,    // nothing is done, and the answer is an error
+    reply_lost, // it is done, and the answer is an error all the same; of the store's calls alone
 };
 
 enum class Extent : unsigned int {
@@ -25,10 +22,8 @@ enum class Extent : unsigned int {
     all,       // this call and all later ones
 };
 
-// Failing memory, threads and locks do nothing but refuse; the other modes number the calls of the
-// store alone.
 struct Point {
-    unsigned int number;
+    unsigned int number; // of all calls, or for a lost reply of the store's
     Mode mode = Mode::refused;
     Extent extent = Extent::once;
 };

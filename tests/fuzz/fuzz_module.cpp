@@ -98,7 +98,17 @@ int end(unsigned int context) {
     return success;
 }
 
-// Those that a request, an object or a reply can break; no input breaks any other.
+// A function hands out no block, a merge's source, or less than it has made.
+void spoil(const char *pdst, const char *psrc, char **pout, unsigned int *plen_out) {
+    if (pdst == nullptr && happens(8)) {
+        const bool is_source = happens(2) && psrc != nullptr;
+        Omrapmi_free(std::exchange(*pout, is_source ? const_cast<char *>(psrc) : nullptr));
+        *plen_out = is_source ? 1 : *plen_out; // a source may be that short
+    }
+    *plen_out = happens(8) ? pinput->ConsumeIntegralInRange(0u, *plen_out) : *plen_out;
+}
+
+// Those that a request, an object, a reply or a function can break; no input breaks any other.
 void check_report(std::string_view condition) {
     static constexpr std::string_view up_to_input[] = {
         // the request as it arrives
@@ -108,7 +118,10 @@ void check_report(std::string_view condition) {
         // its parameters
         "*pparams_obj_len <= ", "pidsc->pparams_ext->is_singleton == ",
         // what the store answers
-        "inv_result", "exceptions_obj_len % ", "ret != OMRALIB_ERR_"};
+        "inv_result", "exceptions_obj_len % ", "ret != OMRALIB_ERR_",
+        // what a user function hands out
+        "results_obj_len_src == 0", "default_data_len != 0",
+        "*ppresults_obj_dst_out != ", "*presults_obj_len_dst_out == 0", "results_obj_len_out == "};
     const auto begins = [=](auto text) { return condition.starts_with(text); };
     check(std::ranges::any_of(up_to_input, begins), condition.data());
 }
@@ -191,6 +204,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     functions.fails = [](auto...) { return happens(8); };
     functions.is_silent = [](auto...) { return happens(8); };
     functions.merge_fails = [](auto &...) { return happens(8); };
+    functions.spoil = spoil;
     check(set_functions::register_all(app) && Omrapmi_worker_init_ext(1) == success, "no worker");
     return 0;
 }

@@ -35,7 +35,6 @@ namespace {
 constexpr unsigned int app = 7;
 constexpr unsigned int num_objects = set_functions::no_object; // numbered from 0 on
 constexpr unsigned int num_threads = 8;
-constexpr unsigned int num_classes = 10; // by index 0: the last digit of the object
 
 using Clock = std::chrono::steady_clock;
 using Random = std::mt19937_64;
@@ -133,24 +132,14 @@ void invoke(Random &random, unsigned int thread, OMRALIB_HANDLE hdl) {
     set_functions::Invocation expected{};
     expected.fails = [=](unsigned int object) { return eval_fails(object, label); };
     expected.merges_may_fail = merges_fail(label);
-    // Of all objects, of a class, or of the first ones.
-    const auto number = static_cast<unsigned int>(random() % num_objects);
-    OMRAPMI_QUERY_SPEC spec{};
+    // Of all objects, or of the first ones.
     std::string text;
     expected.asked = set_functions::first_objects(num_objects);
     if (is_once) {
         expected.asked = set_functions::set_of({set_functions::no_object});
-    } else if (happens(random, 200)) {
-        spec.num_index_specs = 1;
-        spec.index_spec[0].value.u64_comp[0] = number % num_classes;
-        args.use_query_spec = OMRAPMI_QUERY_INDEX;
-        args.pquery_spec = &spec;
-        args.query_spec_len = sizeof spec;
-        for (unsigned int object = 0; object < num_objects; ++object) {
-            expected.asked[object] = object % num_classes == number % num_classes;
-        }
     } else if (!happens(random, 100)) {
-        const unsigned int limit = happens(random, 300) ? number % 10 : number;
+        const auto limit =
+            static_cast<unsigned int>(random() % (happens(random, 300) ? 10 : num_objects));
         text = fmt::format("limit {}", limit);
         args.use_query_spec = OMRAPMI_QUERY_PASS_THROUGH;
         args.pquery_spec = text.data();
@@ -189,10 +178,8 @@ void set_up() {
     const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
     for (unsigned int object = 0; object < num_objects; ++object) {
         const OMRA_OBJKEY key{app, 0, 0, 0, {}, {{object, 1}}};
-        const OMRA_OBJ_INDEX index{0, {}, {{object % num_classes}}};
         const unsigned int timeout_m = object % 2 == 0 ? 0 : ~0u; // practically never
-        check(Omralib_store_indexed_obj(hdl, &object, sizeof object, timeout_m, &index, 1, key) ==
-                  1,
+        check(Omralib_store_obj(hdl, 0, &object, sizeof object, timeout_m, key) == 1,
               "an object cannot be stored");
     }
     Omralib_close(hdl);
@@ -202,9 +189,12 @@ void set_up() {
     set_functions::script().merge_fails = [](const auto &dst, const auto &) {
         return merges_fail(dst.label) && happens(own_random(), 5);
     };
-    set_functions::register_all(app);
-    Omrapmi_worker_init_ext(4);
-    check(Omrapmi_worker_start(app) == OMRALIB_RET_SUCCESS, "the worker does not start");
+    const auto start = [] {
+        check(set_functions::register_all(app) && Omrapmi_worker_init_ext(4) == 1 &&
+                  Omrapmi_worker_start(app) == 1,
+              "the worker does not start");
+    };
+    { const std::jthread one(start), other(start); } // either may come first
     Omralib_register_cb(OMRALIB_CB_INVOKE_EXT, {.invoke_ext_cb = refuse_some});
 }
 

@@ -3,13 +3,10 @@
 #include "scheduler.h"
 
 #include "support/interposer.h"
-#include "support/set_functions.h"
 
 #include <set>
 
 namespace schedules {
-
-Planted planted;
 
 namespace {
 
@@ -19,8 +16,8 @@ using interposer::real;
 std::set<const void *> held; // locks of all kinds
 int process_cs;
 
-void enter(const void *lock, bool excludes = true) {
-    wait_until([=] { return !excludes || held.count(lock) == 0; });
+void enter(const void *lock) {
+    wait_until([=] { return held.count(lock) == 0; });
     held.insert(lock);
 }
 
@@ -31,13 +28,10 @@ void leave(const void *lock) {
 
 } // namespace
 
-void schedule_calls() {
-    interposer::before = [](const interposer::Call &call) {
-        if (set_functions::is_asking()) { // as part of the user's function
-            return interposer::Verdict();
-        }
+void schedule_calls(bool follows_script) {
+    interposer::before = [=](const interposer::Call &call) {
         point();
-        return planted.follows_script ? interposer::scripted(call) : interposer::Verdict();
+        return follows_script ? interposer::scripted(call) : interposer::Verdict();
     };
     instead<Thread_fork> = [](void *(*pfunc)(void *), void *parg) {
         return start([=] { pfunc(parg); });
@@ -57,7 +51,7 @@ void schedule_calls() {
         return plink;
     };
     instead<Lock_enter> = [](THREADLOCK *plock, unsigned int) {
-        enter(plock, !planted.open_mutexes);
+        enter(plock);
         return 1;
     };
     instead<Lock_exit> = [](THREADLOCK *plock) {
@@ -66,7 +60,7 @@ void schedule_calls() {
     };
     instead<Spinlock_enter> = [](THREADSPINL *pslock) { enter(pslock); };
     instead<Spinlock_exit> = [](THREADSPINL *pslock) { leave(pslock); };
-    instead<Enter_cs> = [] { enter(&process_cs, !planted.open_process_cs); };
+    instead<Enter_cs> = [] { enter(&process_cs); };
     instead<Exit_cs> = [] { leave(&process_cs); };
 }
 

@@ -7,10 +7,6 @@
 
 #include <ucontext.h>
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/common_interface_defs.h>
-#endif
-
 namespace schedules {
 
 namespace {
@@ -28,7 +24,6 @@ struct Fiber {
     std::uint64_t priority = 0;
     bool done = false;
     void *datap = nullptr;
-    void *fake_stack = nullptr; // AddressSanitizer's
 };
 
 auto &fibers = *new std::vector<std::unique_ptr<Fiber>>; // by number
@@ -68,46 +63,18 @@ Fiber *next() {
     return nullptr;
 }
 
-// AddressSanitizer wants to know which stack is in use.
-#if defined(__SANITIZE_ADDRESS__)
-const void *main_stack = nullptr;
-std::size_t main_stack_len = 0;
-
-void note_switch(Fiber &from, const Fiber &to) {
-    const bool to_main = &to == &main_fiber;
-    __sanitizer_start_switch_fiber(from.done ? nullptr : &from.fake_stack,
-                                   to_main ? main_stack : to.stack.get(),
-                                   to_main ? main_stack_len : stack_len);
-}
-
-void note_arrival(const Fiber &at) {
-    const void *left_stack = nullptr;
-    std::size_t left_len = 0;
-    __sanitizer_finish_switch_fiber(at.fake_stack, &left_stack, &left_len);
-    if (main_stack == nullptr) { // the first switch leaves it
-        main_stack = left_stack;
-        main_stack_len = left_len;
-    }
-}
-#else
-void note_switch(Fiber &, const Fiber &) {}
-void note_arrival(const Fiber &) {}
-#endif
-
-// nullptr stands for the caller of run().
+// nullptr stands for the caller of run(). AddressSanitizer forgets what it knows of a stack that is
+// switched to, and judges the heap.
 void switch_to(Fiber *fiber) {
     if (fiber == running) {
         return;
     }
     Fiber &from = running ? *running : main_fiber, &to = fiber ? *fiber : main_fiber;
     running = fiber;
-    note_switch(from, to);
     swapcontext(&from.context, &to.context);
-    note_arrival(from);
 }
 
 void enter() {
-    note_arrival(*running);
     running->body();
     end();
 }

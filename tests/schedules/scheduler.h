@@ -36,15 +36,8 @@ void end();
 unsigned long current();
 void *&datap();
 
-// Has every call of the module made under the scheduler, in this process from now on.
-void schedule_calls();
-
-// What a test may plant to see that the search finds it, or to see what the module does about it.
-struct Planted {
-    bool open_mutexes = false; // entering one excludes nobody
-    bool open_process_cs = false;
-    bool follows_script = false; // of the interposer
-};
-extern Planted planted;
+// Has every call of the module made under the scheduler, in this process from now on; with a
+// script, as the interposer's says.
+void schedule_calls(bool follows_script = false);
 
 } // namespace schedules

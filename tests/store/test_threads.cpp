@@ -1,12 +1,10 @@
 /* What happens at a time: many threads at once must be exact in the end, whatever the order, who
- * waits for a lock hears when it is given back, who has to hear of time-outs does, and the alarm
- * that sweeps rings. */
+ * waits for a lock hears when it is given back, and who has to hear of time-outs does. */
 #include <atomic>
 #include <future>
 #include <semaphore>
 #include <thread>
 
-#include "common/alarm.h"
 #include "store_test.h"
 
 namespace {
@@ -202,31 +200,6 @@ TEST_P(StoreTest, TimeOutsAreToldToWhoeverHandlesTheAppId) {
                 testing::ElementsAre("store test guid2", "store test guid1", "store test guid4"));
     store_.cluster().detach();
     EXPECT_EQ(2 * 3, num_heard) << "every callback hears of every event";
-}
-
-/* What renews leases and sweeps as time passes. */
-TEST(Alarm, WorksAtTheMomentsItIsCalledForAndThenAtThoseTheWorkNames) {
-    TestClock clock;
-    std::counting_semaphore<> worked(0);
-    std::atomic<store::Millis> next{store::never};
-    store::Alarm alarm(clock, [&] {
-        const store::Millis at = next.exchange(store::never);
-        worked.release();
-        return at;
-    });
-    alarm.call_at(clock.now());
-    worked.acquire();
-    next = clock.now() + 20;
-    alarm.call_at(clock.now() + 10);
-    alarm.call_at(clock.now() + 30);
-    clock.advance(10);
-    worked.acquire();
-    clock.advance(10);
-    worked.acquire();
-    alarm.call_at(clock.now() + 1);
-    alarm.stop();
-    clock.advance(1);
-    EXPECT_FALSE(worked.try_acquire());
 }
 
 } // namespace

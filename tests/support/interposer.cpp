@@ -208,9 +208,6 @@ struct Operation<operation, R(A...)> {
             const std::lock_guard guard(state.lock);
             state.owners[value] = NULLTHREADID;
         }
-        if (verdict.then) {
-            verdict.then();
-        }
         return static_cast<R>(value);
     }
 };

@@ -7,7 +7,6 @@
 //   before(call)   the policy: it may answer itself, or have the answer lost afterwards
 //   instead<op>    a test's own version of the operation; without one
 //   real<op>       the shipped one, with the embedded store behind it
-//   then           whatever the policy wants done when the call has been made
 //   the ledger     what the module has taken and must give back, and whether it keeps the rules
 //
 // Hooks are set while nothing else runs.
@@ -68,7 +67,6 @@ struct Verdict {
     // What the caller of the latter two is told; 0 is NULL, too. Nothing stays pending on the
     // handle: bytes are on this side of the network.
     long answer = 0;
-    std::function<void()> then = {};
 };
 
 inline auto &before = *new std::function<Verdict(const Call &)>;

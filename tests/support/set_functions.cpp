@@ -22,8 +22,6 @@ struct State {
 };
 State &state = *new State;
 
-thread_local bool asks = false;
-
 // What a failing function leaves in its outputs must not be looked at.
 char bogus_block[1];
 
@@ -50,7 +48,7 @@ int give(const Result &result, char *pblock, const char *psrc, char **pout,
     }
     std::memcpy(*pout, &result, sizeof result);
     if (state.script.spoil) {
-        state.script.spoil(psrc, pout, plen_out);
+        state.script.spoil(pblock, psrc, pout, plen_out);
     }
     return 0;
 }
@@ -66,12 +64,10 @@ Result read(const char *pbytes, std::size_t len) {
 void ask(std::optional<unsigned int> object, unsigned int label) {
     OMRA_OBJKEY key{};
     unsigned int host_id = 0;
-    asks = true;
     const int num_threads = Omrapmi_get_worker_thread_count();
     const int index = Omrapmi_get_worker_thread_index();
     expect(Omrapmi_get_key(&key) == OMRALIB_RET_SUCCESS, "no key");
     expect(Omrapmi_worker_get_svr_host_id(&host_id) == OMRALIB_RET_SUCCESS, "no sender");
-    asks = false;
     expect(index >= 0 && index < num_threads, "no worker thread");
     expect(!state.script.is_sender || state.script.is_sender(host_id, label), "another sender");
     OMRA_OBJKEY &evaluated = state.evaluated.at(static_cast<unsigned int>(index) % max_threads);
@@ -109,10 +105,6 @@ std::string result_bytes(const Objects &objects, unsigned int label) {
 
 Script &script() {
     return state.script;
-}
-
-bool is_asking() {
-    return asks;
 }
 
 std::string take_complaints() {

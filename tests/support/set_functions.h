@@ -47,13 +47,11 @@ struct Script {
     // Whether this host may send requests of the invocation.
     std::function<bool(unsigned int host_id, unsigned int label)> is_sender;
     std::function<void(unsigned int object)> on_eval; // runs first
-    // Runs last, with a merge's source or NULL and what the function hands out, for it to change.
-    std::function<void(const char *psrc, char **pout, unsigned int *plen_out)> spoil;
+    // Runs last, with the result that a merge changed in place or NULL, a merge's source or NULL,
+    // and what the function hands out, for it to change.
+    std::function<void(char *pdst, const char *psrc, char **pout, unsigned int *plen_out)> spoil;
 };
 Script &script();
-
-// A function is asking where it runs: calls of libraries are then the test's own.
-bool is_asking();
 
 // What was wrong since the last call, joined by '|'.
 std::string take_complaints();

@@ -5,8 +5,6 @@
 #include "interposer.h"
 #include "storapp.h"
 
-#include <cstring>
-
 namespace world {
 
 // The one place that knows how a store is put together.
@@ -25,10 +23,6 @@ OMRA_OBJKEY key(unsigned long long number, unsigned int app_id) {
     result.app_id = app_id;
     result.obj_id.u64_comp[0] = number;
     return result;
-}
-
-bool same_key(const OMRA_OBJKEY &a, const OMRA_OBJKEY &b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
 void put(unsigned long long number, std::string_view bytes) {

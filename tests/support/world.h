@@ -23,7 +23,6 @@ void open(TestClock &clock, const Options &options = {});
 
 inline constexpr unsigned int app = 7;
 OMRA_OBJKEY key(unsigned long long number, unsigned int app_id = app);
-bool same_key(const OMRA_OBJKEY &a, const OMRA_OBJKEY &b);
 
 // Stores the object of `app` under this number, in the place of one that is there.
 void put(unsigned long long number, std::string_view bytes);
