@@ -22,12 +22,17 @@ protected:
 
     static store::Bytes as_bytes(std::string_view text) { return std::as_bytes(std::span(text)); }
 
-    /* Objects and index values that a query looks at. */
-    std::uint64_t cost_of(std::string_view query, std::size_t num_expected) {
+    static store::Selection selection_of(std::string_view query) {
         store::Selection selection;
         std::string error;
         EXPECT_EQ(success, store::parse_query(query, selection, error)) << error;
         selection.app_id = 1;
+        return selection;
+    }
+
+    /* Objects and index values that a query looks at. */
+    std::uint64_t cost_of(std::string_view query, std::size_t num_expected) {
+        const store::Selection selection = selection_of(query);
         std::vector<Key> keys;
         EXPECT_EQ(success, store::find(objects_, selection, nullptr, keys)); /* makes its views */
         EXPECT_EQ(num_expected, keys.size()) << query;
@@ -73,6 +78,27 @@ TEST_F(QueryCost, GrowsWithTheMatchesNotWithTheStore) {
     /* Nobody could answer these from the index. */
     EXPECT_GE(cost_of("size = 0", 0), num_objects);
     EXPECT_GE(cost_of("index0 = 1 or not index0 = 2", num_objects - 1), num_objects);
+}
+
+/* Between two pieces others get the lock, and whoever looks may be stopped. */
+TEST_F(QueryCost, IsPaidInSmallPieces) {
+    fill(5000);
+    std::string query = "size = 2";
+    for (int i = 0; i < 5000; ++i) {
+        query += " or size = 2";
+    }
+    const store::Selection selection = selection_of(query);
+    std::unique_ptr<store::Scan> scan;
+    objects_.scan(selection, nullptr, scan);
+    std::vector<Key> keys;
+    std::uint64_t before = 0;
+    for (bool more = true; more; before = scan->num_examined()) {
+        EXPECT_EQ(success, scan->next(keys, more));
+        EXPECT_LE(scan->num_examined() - before, 100u);
+    }
+    EXPECT_EQ(5000, before) << "an object is tested once";
+    const auto cancel = [] { return OMRALIB_ERR_CANCELLED; };
+    EXPECT_EQ(OMRALIB_ERR_CANCELLED, store::find(objects_, selection, nullptr, keys, cancel));
 }
 
 TEST_F(QueryCost, IsExplained) {

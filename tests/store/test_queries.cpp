@@ -26,12 +26,21 @@ TEST_P(StoreTest, SamplesAreStableAndWhatStaysIsFoundWhileOthersChange) {
     std::jthread changing([](const std::stop_token &stop) {
         const OMRALIB_HANDLE hdl = Omralib_open_ext(nullptr);
         for (unsigned int i = 0; !stop.stop_requested(); ++i) {
+            const OMRA_OBJ_INDEX index = make_index(0, i % 1000);
+            Omralib_replace_obj(hdl, "y", 1, 0, &index, 1, make_key(1, i % 1000));
             put_indexed(hdl, make_key(1, 1000 + i % 1000), {make_index(0, 1000 + i % 1000)});
             Omralib_remove_obj(hdl, 0, make_key(1, 1000 + (i + 500) % 1000));
         }
     });
-    for (int i = 0; i < 1000; ++i) {
+    std::string long_query = "index0 >= 960 and index0 < 1000 and not (size = 2"; /* in pieces */
+    for (int i = 0; i < 4000; ++i) {
+        long_query += " or size = 2";
+    }
+    long_query += ')';
+    for (int i = 0; i < 500; ++i) {
         ASSERT_EQ(40u, find("index0 >= 960 and index0 < 1000").size());
+        ASSERT_EQ(40u,
+                  find(i % 10 == 0 ? long_query : "index0 in (1, 1, 2) or index0 < 40").size());
     }
 }
 

@@ -110,9 +110,9 @@ public:
     Status hosts_serving_any(std::vector<HostId> &hosts_out) override {
         return pass(&Cluster::hosts_serving_any, hosts_out);
     }
-    Status plan(const Selection &selection, std::span<const HostId> hosts,
+    Status plan(const Selection &selection, std::span<const HostId> hosts, const SearchCheck &check,
                 std::vector<Share> &shares_out) override {
-        return pass(&Cluster::plan, selection, hosts, shares_out);
+        return pass(&Cluster::plan, selection, hosts, check, shares_out);
     }
     Status send(Request request) override;
     Status withdraw(const HostId &host, RequestId request) override {

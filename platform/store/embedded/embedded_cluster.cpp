@@ -179,13 +179,13 @@ std::vector<Share> EmbeddedCluster::divide(const Selection &selection,
 }
 
 Status EmbeddedCluster::plan(const Selection &selection, std::span<const HostId> hosts,
-                             std::vector<Share> &shares_out) {
+                             const SearchCheck &check, std::vector<Share> &shares_out) {
     if (selection.limit == UINT64_MAX && objects_.num_records(selection.app_id) > few_objects) {
         shares_out = divide(selection, hosts);
         return OMRALIB_RET_SUCCESS;
     }
     std::vector<Key> keys;
-    const Status status = find(objects_, selection, nullptr, keys);
+    const Status status = find(objects_, selection, nullptr, keys, check);
     if (status == OMRALIB_RET_SUCCESS) {
         shares_out = deal_out(std::move(keys), hosts);
     }

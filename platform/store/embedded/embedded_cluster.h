@@ -42,7 +42,7 @@ public:
     Status announce(std::uint32_t app_id, bool serving) override;
     Status hosts_serving(std::uint32_t app_id, std::vector<HostId> &hosts_out) override;
     Status hosts_serving_any(std::vector<HostId> &hosts_out) override;
-    Status plan(const Selection &selection, std::span<const HostId> hosts,
+    Status plan(const Selection &selection, std::span<const HostId> hosts, const SearchCheck &check,
                 std::vector<Share> &shares_out) override;
     Status send(Request request) override;
     Status withdraw(const HostId &host, RequestId request) override;

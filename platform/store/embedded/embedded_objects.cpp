@@ -32,7 +32,7 @@ Status with_shard(const PartitionDirectory &directory, const Key &key, Operation
     return operation(partition->shard_of(hash), hash);
 }
 
-/* A shard is a piece. */
+/* A shard is a piece, or what can be tested of it within about a millisecond. */
 class EmbeddedScan final : public Scan {
 public:
     EmbeddedScan(std::vector<Partition *> partitions, const Selection &selection, const Part *part,
@@ -49,16 +49,12 @@ public:
     }
 
     Status next(std::vector<Key> &keys, bool &more_out) override {
-        while (next_ < end() && !slots_.touches(next_ % num_shards)) {
-            ++next_;
+        if (!untested_.empty()) {
+            shard_->collect_some(plan_, keys, untested_);
+        } else {
+            begin_shard(keys);
         }
-        if (next_ < end()) {
-            const std::size_t index = next_ % num_shards;
-            partitions_[next_ / num_shards]->shards[index].collect(
-                plan_, slots_.holds_all_of(index) ? nullptr : &slots_, keys);
-            ++next_;
-        }
-        more_out = next_ < end();
+        more_out = !untested_.empty() || next_ < end();
         return OMRALIB_RET_SUCCESS;
     }
 
@@ -67,10 +63,24 @@ public:
 private:
     std::size_t end() const { return partitions_.size() * num_shards; }
 
+    void begin_shard(std::vector<Key> &keys) {
+        while (next_ < end() && !slots_.touches(next_ % num_shards)) {
+            ++next_;
+        }
+        if (next_ < end()) {
+            const std::size_t index = next_ % num_shards;
+            shard_ = &partitions_[next_ / num_shards]->shards[index];
+            ++next_;
+            shard_->collect(plan_, slots_.holds_all_of(index) ? nullptr : &slots_, keys, untested_);
+        }
+    }
+
     const std::vector<Partition *> partitions_;
     QueryPlan plan_;
     const SlotSet slots_;
     std::size_t next_ = 0; /* shard, counted through the partitions */
+    Shard *shard_ = nullptr;
+    std::vector<RecordRef> untested_; /* of that shard */
 };
 
 } // namespace

@@ -18,6 +18,10 @@ using Field = Condition::Field;
 constexpr std::uint64_t first_try = 8;
 constexpr std::uint64_t patience = 4;
 
+/* What takes a millisecond or less: counting so many values, testing so many conditions. */
+constexpr std::uint64_t max_counted = 50'000;
+constexpr std::size_t max_tested = 50'000;
+
 bool can_look_up(const Condition &comparison) {
     return comparison.field == Field::index && !comparison.negated;
 }
@@ -89,6 +93,7 @@ void QueryPlan::follow_choice(std::size_t at, Visit visit) const {
 bool QueryPlan::bind(ObjectIndex &index, std::size_t num_records) {
     index_ = &index;
     sources_.clear();
+    may_count_ = max_counted;
     find_postings();
     for (std::uint64_t enough = first_try;; enough *= patience) {
         enough = std::min<std::uint64_t>(enough, num_records);
@@ -100,7 +105,7 @@ bool QueryPlan::bind(ObjectIndex &index, std::size_t num_records) {
             });
             return true;
         }
-        if (enough == num_records) {
+        if (enough == num_records || may_count_ == 0) {
             return false;
         }
     }
@@ -149,7 +154,13 @@ std::uint64_t QueryPlan::expect_comparison(std::size_t at, std::uint64_t enough)
     if (node.is_one_value) {
         return node.posting == nullptr ? 0 : node.posting->length;
     }
-    return count_values(*node.condition, enough);
+    if (may_count_ == 0) {
+        return enough;
+    }
+    const std::uint64_t before = num_examined_;
+    const std::uint64_t num_records = count_values(*node.condition, enough);
+    may_count_ -= std::min(may_count_, num_examined_ - before);
+    return num_records;
 }
 
 /* How many records have a value of a comparison with an index; counting stops at `enough`. */
@@ -161,6 +172,10 @@ std::uint64_t QueryPlan::count_values(const Condition &comparison, std::uint64_t
         return sum < enough;
     });
     return sum;
+}
+
+std::size_t QueryPlan::num_testable() const {
+    return std::max<std::size_t>(max_tested / nodes_.size(), 1);
 }
 
 /* Tests ---------------------------------------------------------------------------------------- */
@@ -206,14 +221,6 @@ bool QueryPlan::comparison_holds(const Node &node, const Record &record) const {
     }
     const IndexValue *value = value_of(record, comparison.index);
     return value != nullptr && in_ranges(comparison, *value);
-}
-
-/* Whether one of the first `num_sources` sources gives the record too. One source never gives it
- * twice, since a record has at most one value of an index. */
-bool QueryPlan::found_before(const Record &record, std::size_t num_sources) const {
-    return std::any_of(sources_.begin(),
-                       sources_.begin() + static_cast<std::ptrdiff_t>(num_sources),
-                       [&](std::size_t at) { return comparison_holds(nodes_[at], record); });
 }
 
 /* The survey ----------------------------------------------------------------------------------- */

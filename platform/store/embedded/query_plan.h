@@ -9,8 +9,8 @@
  *   any_of       all parts, if all of them can be
  *
  * A QueryPlan is made once for a query and then bound to one shard after the other, whose locks
- * guard what it does there. Counting stops where a cheaper way is known, so that planning never
- * costs more than answering does.
+ * guard what it does there. Counting stops where a cheaper way is known, and when it has taken long
+ * enough: every record is tested then. A record that several comparisons give is tested once.
  *
  * A QuerySurvey says which way a query would go. It asks the plan for its choice at every shard and
  * describes the way by which most objects would be looked for; of its own it only counts how many
@@ -40,26 +40,30 @@ public:
                selection_.sample == whole_sample;
     }
 
-    /* Turns to a shard and chooses the way there. True: look_up() finds every match; false: every
-     * record has to be tested. */
+    /* Turns to a shard and chooses the way there. True: look_up() finds the records to be tested;
+     * false: every record has to be. */
     bool bind(ObjectIndex &index, std::size_t num_records);
 
-    /* Calls visit(record) once for every match. */
+    /* Turns to that shard again, which has changed since. */
+    void bind_again() { find_postings(); }
+
+    /* Calls visit(record) for every record that may be a match, for some more than once. */
     template <typename Visit>
     void look_up(Visit visit) {
-        for (std::size_t i = 0; i < sources_.size(); ++i) {
-            index_->visit_postings(*nodes_[sources_[i]].condition, [&](const Posting &posting) {
+        for (const std::size_t source : sources_) {
+            index_->visit_postings(*nodes_[source].condition, [&](const Posting &posting) {
                 ++num_examined_;
                 for (const IndexEntry *entry = posting.first; entry != nullptr;
                      entry = entry->next) {
-                    if (test(*entry->record) && !found_before(*entry->record, i)) {
-                        visit(*entry->record);
-                    }
+                    visit(*entry->record);
                 }
                 return true;
             });
         }
     }
+
+    /* Records that can be tested within about a millisecond. */
+    std::size_t num_testable() const;
 
     bool test(const Record &record) {
         ++num_examined_;
@@ -100,7 +104,6 @@ private:
 
     bool holds(const Node &node, const Record &record) const;
     bool comparison_holds(const Node &node, const Record &record) const;
-    bool found_before(const Record &record, std::size_t num_sources) const;
 
     const Selection &selection_;
     const std::uint32_t now_s_;
@@ -110,6 +113,7 @@ private:
     /* Of the shard. */
     ObjectIndex *index_ = nullptr;
     std::vector<std::size_t> sources_; /* the comparisons that are looked up */
+    std::uint64_t may_count_ = 0;      /* so many values more, to choose the way */
 };
 
 class QuerySurvey {

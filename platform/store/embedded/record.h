@@ -36,6 +36,8 @@ private:
 public:
     /* Guarded by the lock of the record's shard. */
     std::uint8_t num_entries = 0;
+    bool is_stored = false;   /* in the shard */
+    bool is_gathered = false; /* for the search that has the lock */
 
     /* Constant once stored. */
     std::uint32_t timeout_m;
@@ -81,6 +83,10 @@ class RecordRef {
 public:
     RecordRef() = default;
     static RecordRef adopt(Record *record) { return RecordRef(record); }
+    static RecordRef share(Record &record) {
+        record.add_ref();
+        return RecordRef(&record);
+    }
     RecordRef(RecordRef &&other) noexcept : record_(std::exchange(other.record_, nullptr)) {}
     RecordRef &operator=(RecordRef &&other) noexcept {
         std::swap(record_, other.record_);

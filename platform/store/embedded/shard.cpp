@@ -121,6 +121,7 @@ void Shard::insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values) {
     join(*fresh.get(), values);
     make_room();
     num_bytes_ += fresh->length();
+    fresh->is_stored = true;
     records_.insert(*fresh.detach());
 }
 
@@ -129,6 +130,8 @@ void Shard::insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values) {
 RecordRef Shard::put_in_place_of(Record &old, RecordRef fresh) {
     num_bytes_ += fresh->length();
     num_bytes_ -= old.length();
+    old.is_stored = false;
+    fresh->is_stored = true;
     records_.erase(records_.iterator_to(old));
     records_.insert(*fresh.detach());
     return RecordRef::adopt(&old);
@@ -141,6 +144,7 @@ RecordRef Shard::take(Record &record) {
     end_lock(record);
     index_.detach(record);
     num_bytes_ -= record.length();
+    record.is_stored = false;
     records_.erase(records_.iterator_to(record));
     return RecordRef::adopt(&record);
 }
@@ -392,36 +396,109 @@ void Shard::reap_all() {
     }
 }
 
-void Shard::collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &keys) {
+/* Each record once, in the order in which they came; marks them while it lives. */
+class Shard::Gathering {
+public:
+    Gathering() = default;
+    Gathering(const Gathering &) = delete;
+    Gathering &operator=(const Gathering &) = delete;
+    ~Gathering() {
+        for (Record *record : records_) {
+            record->is_gathered = false;
+        }
+    }
+
+    void add(Record &record) {
+        if (!record.is_gathered) {
+            records_.push_back(&record);
+            record.is_gathered = true;
+        }
+    }
+
+    const std::vector<Record *> &records() const { return records_; }
+
+private:
+    std::vector<Record *> records_;
+};
+
+void Shard::collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &keys,
+                    std::vector<RecordRef> &untested) {
+    if (num_records() == 0) {
+        return;
+    }
     reap_all();
     const Guard guard(lock_);
     const auto is_wanted = [&](const Record &record) {
         return !is_expired(record) &&
-               (slots == nullptr || slots->contains(slot_of(hash_of(record.key))));
+               (slots == nullptr || slots->contains(slot_of(hash_of(record.key)))) &&
+               in_sample(record.key, plan.selection().sample);
+    };
+    const auto add = [&](const Record &record) {
+        if (is_wanted(record)) {
+            keys.push_back(record.key);
+        }
     };
     if (plan.selects_all()) {
         plan.pass_all(records_.size());
+        std::for_each(records_.begin(), records_.end(), add);
+        return;
+    }
+    const bool is_looked_up = plan.bind(index_, records_.size());
+    if (!is_looked_up && records_.size() <= plan.num_testable()) {
         for (const Record &record : records_) {
-            if (is_wanted(record)) {
-                keys.push_back(record.key);
+            if (plan.test(record)) {
+                add(record);
             }
         }
         return;
     }
-    const auto add = [&](const Record &record) {
-        if (is_wanted(record) && in_sample(record.key, plan.selection().sample)) {
-            keys.push_back(record.key);
+    Gathering gathering;
+    const auto gather = [&](Record &record) {
+        if (is_wanted(record)) {
+            gathering.add(record);
         }
     };
-    if (plan.bind(index_, records_.size())) {
-        plan.look_up(add);
+    if (is_looked_up) {
+        plan.look_up(gather);
+    } else {
+        std::for_each(records_.begin(), records_.end(), gather);
+    }
+    test_or_put_off(plan, gathering, keys, untested);
+}
+
+void Shard::test_or_put_off(QueryPlan &plan, const Gathering &gathering, std::vector<Key> &keys,
+                            std::vector<RecordRef> &untested) {
+    if (gathering.records().size() <= plan.num_testable()) {
+        for (const Record *record : gathering.records()) {
+            if (plan.test(*record)) {
+                keys.push_back(record->key);
+            }
+        }
         return;
     }
-    for (const Record &record : records_) {
-        if (plan.test(record)) {
-            add(record);
+    untested.reserve(gathering.records().size());
+    for (Record *record : gathering.records()) {
+        untested.push_back(RecordRef::share(*record));
+    }
+}
+
+void Shard::collect_some(QueryPlan &plan, std::vector<Key> &keys,
+                         std::vector<RecordRef> &untested) {
+    const std::size_t num_left = untested.size() - std::min(untested.size(), plan.num_testable());
+    {
+        const Guard guard(lock_);
+        plan.bind_again();
+        for (std::size_t i = num_left; i < untested.size(); ++i) {
+            /* An update may have put another one in its place. */
+            const Record *record = untested[i]->is_stored
+                                       ? untested[i].get()
+                                       : find_live(untested[i]->key, hash_of(untested[i]->key));
+            if (record != nullptr && !is_expired(*record) && plan.test(*record)) {
+                keys.push_back(record->key);
+            }
         }
     }
+    untested.resize(num_left);
 }
 
 /* Goes by the first few records for what no index can tell. */

@@ -70,8 +70,12 @@ public:
                 Content &content_out);
 
     /* Appends the keys of the selected records, in no order; only those in `slots` unless that is
-     * nullptr. */
-    void collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &keys);
+     * nullptr. Those that would take too long come to `untested`, for collect_some(). */
+    void collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &keys,
+                 std::vector<RecordRef> &untested);
+
+    /* Takes some of `untested` off the list, and appends the keys of those that are selected. */
+    void collect_some(QueryPlan &plan, std::vector<Key> &keys, std::vector<RecordRef> &untested);
 
     /* Adds what a query may expect of this shard. */
     void survey(QuerySurvey &survey);
@@ -102,6 +106,9 @@ private:
     /* Records by the moment at which they are looked at. */
     using ExpiryQueue = std::set<std::pair<Millis, Record *>>;
 
+    /* The records that a search looks at. */
+    class Gathering;
+
     struct Lease {
         Millis ends_at;
         bool waited_for = false;
@@ -125,6 +132,8 @@ private:
     Millis reap(std::size_t max_records, ExpiredRecords &expired)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void reap_all();
+    static void test_or_put_off(QueryPlan &plan, const Gathering &gathering, std::vector<Key> &keys,
+                                std::vector<RecordRef> &untested);
 
     bool is_locked(const Record &record) const ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     bool holds(const Record &record, int ticket) const ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);

@@ -150,9 +150,9 @@ public:
     virtual Status hosts_serving_any(std::vector<HostId> &hosts_out) = 0;
 
     /* Divides the selected objects among `hosts` (at least one), near where they are kept if it
-     * can. Shares that are known to be empty are left out. */
+     * can. Shares that are known to be empty are left out. `check` may end it. */
     virtual Status plan(const Selection &selection, std::span<const HostId> hosts,
-                        std::vector<Share> &shares_out) = 0;
+                        const SearchCheck &check, std::vector<Share> &shares_out) = 0;
 
     /* Hands a request to the host of its share. What becomes of it comes to the ReplySink, once,
      * perhaps before this returns: completed, refused, or host_gone when the host is gone first.

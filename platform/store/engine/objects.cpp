@@ -45,7 +45,7 @@ Status Objects::remove_many(std::span<const Key> keys, std::span<Status> statuse
 }
 
 Status find(Objects &objects, const Selection &selection, const Part *part,
-            std::vector<Key> &keys_out) {
+            std::vector<Key> &keys_out, const SearchCheck &check) {
     std::unique_ptr<Scan> scan;
     Status status = objects.scan(selection, part, scan);
     std::vector<Key> keys;
@@ -53,8 +53,12 @@ Status find(Objects &objects, const Selection &selection, const Part *part,
         keys.reserve(scan->expected());
     }
     bool more = true;
+    unsigned int num_pieces = 0;
     while (status == OMRALIB_RET_SUCCESS && more) {
         status = scan->next(keys, more);
+        if (status == OMRALIB_RET_SUCCESS && check && ++num_pieces % 8 == 0) {
+            status = check();
+        }
     }
     if (status == OMRALIB_RET_SUCCESS) {
         keep_first(keys, selection.limit);

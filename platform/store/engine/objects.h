@@ -65,8 +65,8 @@ public:
      */
     virtual std::uint64_t expected() const = 0;
 
-    /* Appends the next piece to `keys`, in no order; a piece may be empty. `more_out` is false when
-     * it was the last one. */
+    /* Appends the next piece to `keys`, in no order; a piece may be empty, and takes about a
+     * millisecond at most where a query is costly. `more_out` is false when it was the last one. */
     virtual Status next(std::vector<Key> &keys, bool &more_out) = 0;
 
     /* Records and index values looked at so far: what the scan costs. */
@@ -145,8 +145,8 @@ public:
 };
 
 /* All keys of a selection, or of a part of it, in key order, and no more than the selection's
- * limit. */
+ * limit; or what `check` answers after some pieces, if that is no success. */
 Status find(Objects &objects, const Selection &selection, const Part *part,
-            std::vector<Key> &keys_out);
+            std::vector<Key> &keys_out, const SearchCheck &check = nullptr);
 
 } // namespace store

@@ -3,11 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "engine/conditions.h"
 #include "engine/contracts.h"
+#include "engine/types.h"
 
 namespace store {
 
@@ -25,6 +27,10 @@ struct Selection {
 struct Part {
     std::vector<std::uint32_t> slots;
 };
+
+/* Asked again and again while something is looked for, every few milliseconds: anything but
+ * success ends the search with that status. An empty one lets it go on. */
+using SearchCheck = std::function<Status()>;
 
 /* How an engine would find the objects of a selection. */
 struct Explanation {

@@ -49,7 +49,8 @@ Status Invocation::plan() {
     if (order_.is_invoke_once()) {
         shares.push_back({hosts.front(), false, {Key{}}, {}, {}});
     } else {
-        status = shared_.cluster.plan(order_.selection, hosts, shares);
+        status = shared_.cluster.plan(
+            order_.selection, hosts, [this] { return check_for_end(); }, shares);
     }
     /* Room for all that can come of them, so that what a host has made is never lost sight of. */
     parts_.reserve(shares.size());
@@ -62,6 +63,12 @@ Status Invocation::plan() {
 }
 
 /* Deliver and fold ---------------------------------------------------------------------------- */
+
+Status Invocation::check_for_end() {
+    return shared_.mailroom.is_cancelled(box_) ? OMRALIB_ERR_CANCELLED
+           : shared_.clock.now() >= deadline_  ? OMRALIB_ERR_INVOKE_TIMEOUT
+                                               : OMRALIB_RET_SUCCESS;
+}
 
 /* Until everything is over, with OMRALIB_RET_SUCCESS, or the deadline has come, or the invocation
  * has been cancelled. */
@@ -124,7 +131,8 @@ Status Invocation::settle_part(const Task &task) {
     if (task.state == Task::State::lost && !task.num_matched) {
         /* No host has said how many objects have failed with it. */
         std::vector<Key> keys;
-        const Status status = find(shared_.objects, task.share.selection, &task.share.part, keys);
+        const Status status = find(shared_.objects, task.share.selection, &task.share.part, keys,
+                                   [this] { return check_for_end(); });
         parts_.back().num_matched = keys.size();
         return status;
     }

@@ -46,6 +46,7 @@ private:
 
     Status plan();
     Status work();
+    Status check_for_end();
     Status settle_ended();
     Status settle(const Task &task);
     Status settle_part(const Task &task);

@@ -117,6 +117,11 @@ RequestProgress OpenRequests::progress_of(const HostId &sender, RequestId id) {
                               : RequestProgress{};
 }
 
+bool OpenRequests::forget_withdrawn(const HostId &sender, RequestId id) {
+    const Guard guard(lock_);
+    return withdrawn_early_.erase({sender, id}) != 0;
+}
+
 void OpenRequests::note_update(const Key &key) {
     const Guard guard(lock_);
     for (const auto &[context, request] : contexts_) {

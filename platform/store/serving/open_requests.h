@@ -86,6 +86,9 @@ public:
     void withdraw(const HostId &sender, RequestId id);
     bool is_withdrawn(const HostId &sender, RequestId id);
 
+    /* Whether it was; then it is known here no more. */
+    bool forget_withdrawn(const HostId &sender, RequestId id);
+
     /* As if one that has not been withdrawn were; nullptr when there is none. */
     std::shared_ptr<OpenRequest> withdraw_one();
 

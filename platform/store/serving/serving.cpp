@@ -42,9 +42,10 @@ OMRALIB_INVOKE_PARAMS params_of(const OpenRequest &open) {
 }
 
 /* The keys of a share, found here when it is a part of the key space. */
-Status take_keys(Objects &objects, Share &share, std::vector<Key> &keys_out) {
+Status take_keys(Objects &objects, Share &share, const SearchCheck &check,
+                 std::vector<Key> &keys_out) {
     if (share.is_part) {
-        return find(objects, share.selection, &share.part, keys_out);
+        return find(objects, share.selection, &share.part, keys_out, check);
     }
     keys_out = std::move(share.keys);
     return OMRALIB_RET_SUCCESS;
@@ -61,7 +62,14 @@ void Serving::receive(Request request) {
         return;
     }
     std::vector<Key> keys;
-    if (take_keys(objects_, request.share, keys) != OMRALIB_RET_SUCCESS) {
+    const auto check = [&] {
+        return requests.is_withdrawn(request.sender, request.id) ? OMRALIB_ERR_CANCELLED
+                                                                 : OMRALIB_RET_SUCCESS;
+    };
+    if (take_keys(objects_, request.share, check, keys) != OMRALIB_RET_SUCCESS) {
+        if (requests.forget_withdrawn(request.sender, request.id)) {
+            return;
+        }
         reply.refusal = OMRALIB_INVOKE_NO_KEYS;
         send_reply(reply);
         return;
