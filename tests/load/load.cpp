@@ -8,7 +8,8 @@
 //
 // The functions and the check of an answer are those of support/set_functions.h. An invocation's
 // label, in its parameters, says which evals fail and whether merges do. What may be lost: nothing,
-// but where no host was left that took a request.
+// but where no host was left that took a request, and in a life of little memory. In another one no
+// handle is left for the threads that handle requests: nobody may wait for them.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -72,6 +73,9 @@ bool merges_fail(unsigned int label) {
 }
 
 // Hosts ------------------------------------------------------------------------------------------
+
+enum class Mood { ample, little_memory, no_handles };
+Mood mood = Mood::ample; // of the life
 
 // What may cost objects: that all hosts have died, and that hosts refuse a request for good. The
 // invocations of a thread have a time-out of their own, by which their requests are known.
@@ -140,7 +144,14 @@ void invoke(Random &random, unsigned int thread, OMRALIB_HANDLE hdl) {
     } else if (!happens(random, 100)) {
         const auto limit =
             static_cast<unsigned int>(random() % (happens(random, 300) ? 10 : num_objects));
-        text = fmt::format("limit {}", limit);
+        if (happens(random, 1)) { // every object is tested thousands of times
+            text = "size = 4 and not (size = 5";
+            while (text.size() < 60'000) {
+                text += " or size = 5";
+            }
+            text += ") ";
+        }
+        text += fmt::format("limit {}", limit);
         args.use_query_spec = OMRAPMI_QUERY_PASS_THROUGH;
         args.pquery_spec = text.data();
         args.query_spec_len = static_cast<ULONG>(text.size());
@@ -150,10 +161,12 @@ void invoke(Random &random, unsigned int thread, OMRALIB_HANDLE hdl) {
     OMRAPMI_INVOKE_EXT_ARGS args_ext{has_worker ? app : app + 1, FALSE, FALSE};
     const int status = Omrapmi_invoke_ext(hdl, &args, &args_ext);
     ++*num_invocations;
-    expected.objects_may_be_lost = !has_function || num_refused_for_good[thread] != 0 || all_dead;
+    expected.objects_may_be_lost =
+        !has_function || num_refused_for_good[thread] != 0 || all_dead || mood != Mood::ample;
     if (status != OMRALIB_RET_SUCCESS) {
         check((status == OMRALIB_ERR_NO_WORKER && (expected.objects_may_be_lost || !has_worker)) ||
                   (status == OMRALIB_ERR_INVOKE_TIMEOUT && args.timeout_s == 1) ||
+                  (status == OMRALIB_ERR_NO_SPACE && mood == Mood::little_memory) ||
                   (status == OMRALIB_ERR_CANCELLED && thread == 0),
               "an invocation failed with {}", status);
         check(args.presults_obj_out == nullptr && args.num_failed_out == 0, "outputs of a failure");
@@ -170,8 +183,13 @@ void invoke(Random &random, unsigned int thread, OMRALIB_HANDLE hdl) {
 
 // A life -----------------------------------------------------------------------------------------
 
-void set_up() {
+void set_up(Random &random) {
+    constexpr std::array moods = {Mood::ample, Mood::ample, Mood::little_memory, Mood::no_handles};
+    mood = moods[random() % moods.size()];
     OMRALIB_CONFIG config{};
+    if (mood == Mood::little_memory) { // an object counts with 128 bytes more than its own
+        config.memory_limit = num_objects * 132ull + random() % 100'000;
+    }
     config.num_hosts = 4;
     config.max_invocations = 3; // others wait their turn
     check(Omralib_configure(&config) == OMRALIB_RET_SUCCESS, "the store cannot be configured");
@@ -185,6 +203,17 @@ void set_up() {
     Omralib_close(hdl);
     // A thread has the key of an object whose function was unknown without having evaluated it.
     set_functions::script().ask = false;
+    set_functions::script().on_eval = [](unsigned int) {
+        OMRAPMI_INVOKE_ARGS args{};
+        args.app_id = app;
+        OMRAPMI_INVOKE_EXT_ARGS args_ext{app, FALSE, FALSE};
+        if (happens(own_random(), 1)) {
+            const OMRALIB_HANDLE inner = Omralib_open_ext(nullptr);
+            check(Omrapmi_invoke_ext(inner, &args, &args_ext) == OMRALIB_ERR_INVOKE_INSIDE,
+                  "a function may invoke");
+            Omralib_close(inner);
+        }
+    };
     set_functions::script().fails = eval_fails;
     set_functions::script().merge_fails = [](const auto &dst, const auto &) {
         return merges_fail(dst.label) && happens(own_random(), 5);
@@ -222,21 +251,25 @@ void check_quiet() {
 void live(Random::result_type seed, Clock::time_point end) {
     Random random(seed);
     next_seed = random();
-    set_up();
+    set_up(random);
     std::atomic<bool> is_over{false};
     std::barrier quiet(num_threads, [&]() noexcept {
-        check_quiet();
-        is_over = Clock::now() >= end || all_dead;
+        if (mood != Mood::no_handles) { // else what was accepted stays for ever
+            check_quiet();
+        }
+        is_over = Clock::now() >= end || all_dead || mood == Mood::no_handles;
     });
-    const OMRALIB_HANDLE disturbed = Omralib_open_ext(nullptr);
-    const std::jthread disturber(disturb, Random(random()), disturbed);
+    std::array<OMRALIB_HANDLE, num_threads> handles;
+    std::ranges::generate(handles, [] { return Omralib_open_ext(nullptr); });
+    while (mood == Mood::no_handles && Omralib_open_ext(nullptr) != OMRALIB_NULL_HANDLE) {
+    }
+    const std::jthread disturber(disturb, Random(random()), handles[0]);
     std::vector<std::jthread> threads;
     for (unsigned int thread = 0; thread < num_threads; ++thread) {
         threads.emplace_back([&, thread, own = Random(random())]() mutable {
-            const auto hdl = thread == 0 ? disturbed : Omralib_open_ext(nullptr);
             while (!is_over) {
                 for (unsigned int i = 0; i < 10; ++i) {
-                    invoke(own, thread, hdl);
+                    invoke(own, thread, handles[thread]);
                 }
                 quiet.arrive_and_wait();
             }

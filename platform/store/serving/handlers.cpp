@@ -2,7 +2,6 @@
 #include "serving/handlers.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace store {
 
@@ -69,7 +68,7 @@ bool Handlers::stop_all() {
     for (; !serving_.empty(); serving_.erase(serving_.begin())) {
         cluster_.announce(serving_.begin()->first, false);
     }
-    return !std::exchange(has_stopped_, true);
+    return !has_stopped_.exchange(true);
 }
 
 std::optional<Guid> Handlers::guid_for(std::uint32_t event_app_id) {

@@ -31,6 +31,7 @@ public:
 
     /* For good. False when that has been done before. */
     bool stop_all();
+    bool has_stopped() const { return has_stopped_; }
 
     /* Who handles a request of `event_app_id` here: the first that started. Whoever handles
      * anything handles invoke-once requests. */
@@ -55,7 +56,7 @@ private:
 
     Mutex lock_; /* held while the cluster is told, so that it hears of every change in order */
     std::map<std::uint32_t, std::vector<Guid>> serving_ ABSL_GUARDED_BY(lock_);
-    bool has_stopped_ ABSL_GUARDED_BY(lock_) = false;
+    std::atomic<bool> has_stopped_{false}; /* set under lock_ */
 };
 
 } // namespace store

@@ -88,7 +88,9 @@ void Serving::receive(Request request) {
     if (params.context == 0) {
         return;
     }
-    reply.refusal = handlers.call_invoke(*guid, params);
+    /* Looked for when it is among the open requests: what comes to stop them later finds it. */
+    reply.refusal =
+        handlers.has_stopped() ? OMRALIB_ERR_NO_WORKER : handlers.call_invoke(*guid, params);
     /* A request that was completed before the callback returned is past refusing. */
     if (reply.refusal != OMRALIB_INVOKE_ACCEPTED && requests.take(params.context)) {
         send_reply(reply);
