@@ -194,8 +194,9 @@ TEST(Trace, EnvironmentGivesTheLevelAndWhatAReportDoes) {
         const std::string ignored = " is \"" + value + "\" and is ignored: (.|\n)*";
         setenv("SYS_TRACE_LEVEL", value.c_str(), 1);
         setenv("SYS_ASSERT_ABORT", value.c_str(), 1);
-        EXPECT_EXIT(exit_showing_level(), testing::ExitedWithCode(0),
-                    "SYS_TRACE_LEVEL" + ignored + "SYS_ASSERT_ABORT" + ignored + "level -1$");
+        std::string pattern = "SYS_TRACE_LEVEL" + ignored;
+        pattern.append("SYS_ASSERT_ABORT").append(ignored).append("level -1$");
+        EXPECT_EXIT(exit_showing_level(), testing::ExitedWithCode(0), pattern);
     }
     setenv("SYS_ASSERT_ABORT", "1", 1);
     EXPECT_EXIT(exit_showing_level(), testing::KilledBySignal(SIGABRT), "file:1: FALSE");

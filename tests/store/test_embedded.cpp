@@ -4,6 +4,7 @@
 #include "query/explanation.h"
 #include "query/language.h"
 #include "store_test.h"
+#include "support/failing_memory.h"
 
 namespace {
 
@@ -99,6 +100,15 @@ TEST_F(QueryCost, IsPaidInSmallPieces) {
     EXPECT_EQ(5000, before) << "an object is tested once";
     const auto cancel = [] { return OMRALIB_ERR_CANCELLED; };
     EXPECT_EQ(OMRALIB_ERR_CANCELLED, store::find(objects_, selection, nullptr, keys, cancel));
+}
+
+TEST_F(QueryCost, IsNothingForAppIdsWithoutObjects) {
+    const long before = failing_memory::num_blocks();
+    for (unsigned int app_id = 1; app_id < 10'000; ++app_id) {
+        ASSERT_EQ(success, objects_.create(make_key(app_id, 1), {}));
+        ASSERT_EQ(success, objects_.remove(make_key(app_id, 1)));
+    }
+    EXPECT_LE(failing_memory::num_blocks(), before + 100);
 }
 
 TEST_F(QueryCost, IsExplained) {

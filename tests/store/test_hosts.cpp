@@ -137,7 +137,7 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
     /* Room for the objects, and not always for all results. */
     const bool is_tight = random() % 8 == 0;
     const std::uint64_t memory_limit =
-        is_tight ? 129 * num + random() % (num_hosts * 300) : store::no_memory_limit;
+        is_tight ? 129 * num + random() % (300ul * num_hosts) : store::no_memory_limit;
     PlayedHosts hosts(engine, {.num_hosts = num_hosts, .memory_limit = memory_limit}, num);
     hosts.random = random;
     const std::uint32_t reliable = 1 + hosts.pick(num_hosts);

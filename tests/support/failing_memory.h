@@ -27,4 +27,7 @@ void arm(unsigned int number, bool all_later);
 // None fails any more. Answers how many have.
 unsigned int disarm();
 
+// Blocks that are allocated now, by anyone.
+long num_blocks();
+
 } // namespace failing_memory

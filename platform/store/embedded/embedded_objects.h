@@ -1,10 +1,9 @@
 /* Objects in this process's memory: the default engine's.
  *
- *   EmbeddedObjects -> Partition (one per app id) -> Shard (by hash of the key) -> Record
+ *   EmbeddedObjects -> Shard (by hash of the key) -> Section (one per app id) -> Record
  *
- * Partitions are found without a lock and never go away; a shard has a lock of its own, so that
- * threads which use different objects rarely meet. The key space falls into slots by the top bits
- * of the hash, several to a shard. */
+ * A shard has a lock of its own, so that threads which use different objects rarely meet. The key
+ * space falls into slots by the top bits of the hash, several to a shard. */
 #pragma once
 
 #include <atomic>
@@ -12,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-#include "embedded/partition.h"
+#include "embedded/shard.h"
 #include "embedded/sweeper.h"
 #include "engine/objects.h"
 #include "engine/options.h"
@@ -46,18 +45,17 @@ public:
 
     /* Objects of an app id, counted for next to nothing: those that have expired but have not been
      * swept yet are among them. */
-    std::uint64_t num_records(std::uint32_t app_id) const;
+    std::uint64_t num_records(std::uint32_t app_id);
 
     /* What has expired is told to `events` from now on, for the app ids that want it, until
      * detach_events(). */
     void attach_events(EventReceiver &events) { sweeper_.attach(events); }
-    void want_events(std::uint32_t app_id, bool wanted) {
-        directory_.find_or_add(app_id).wants_events = wanted;
-    }
+    void want_events(std::uint32_t app_id, bool wanted) { sweeper_.want_events(app_id, wanted); }
     void detach_events() { sweeper_.stop(); }
 
 private:
-    std::vector<Partition *> partitions_of(std::uint32_t app_id) const;
+    Shard &shard_of(std::uint64_t hash) { return shards_[shard_of_slot(slot_of(hash))]; }
+    std::vector<std::uint32_t> app_ids_of(std::uint32_t app_id);
     int next_ticket();
 
     /* Constant after set-up. */
@@ -66,7 +64,7 @@ private:
     /* Self-synchronised. */
     MemoryBudget budget_;
     LockWaiters waiters_;
-    PartitionDirectory directory_;
+    Shards shards_;
     Sweeper sweeper_;
     std::atomic<std::uint32_t> last_ticket_{0};
 };

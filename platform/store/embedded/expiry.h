@@ -68,8 +68,7 @@ public:
     /* A record is due at `moment`. Called under the lock of its shard. */
     virtual void on_due(Millis moment) noexcept = 0;
 
-    /* Records of one app id, at least one, have gone because their time was over. Called with no
-     * lock held. */
+    /* Records, at least one, have gone because their time was over. Called with no lock held. */
     virtual void on_expired(RecordChain expired) noexcept = 0;
 };
 

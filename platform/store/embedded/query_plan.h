@@ -45,7 +45,10 @@ public:
     bool bind(ObjectIndex &index, std::size_t num_records);
 
     /* Turns to that shard again, which has changed since. */
-    void bind_again() { find_postings(); }
+    void bind_again(ObjectIndex &index) {
+        index_ = &index;
+        find_postings();
+    }
 
     /* Calls visit(record) for every record that may be a match, for some more than once. */
     template <typename Visit>

@@ -34,10 +34,12 @@ std::uint64_t hash_of(const Key &key) {
 }
 
 Shard::~Shard() {
-    records_.clear_and_dispose([this](Record *record) {
-        index_.detach(*record);
-        record->release();
-    });
+    for (auto &[app_id, section] : sections_) {
+        section.records.clear_and_dispose([&index = section.index](Record *record) {
+            index.detach(*record);
+            record->release();
+        });
+    }
 }
 
 /* Under the lock: records --------------------------------------------------------------------- */
@@ -46,11 +48,40 @@ bool Shard::is_expired(const Record &record) const {
     return record.timeout_m != 0 && record.expires_at <= context_.clock.now();
 }
 
+/* nullptr when there is none; mostly the one of the operation before. */
+Shard::Section *Shard::section_of(std::uint32_t app_id) {
+    if (last_used_.second == nullptr || last_used_.first != app_id) {
+        const auto found = sections_.find(app_id);
+        if (found == sections_.end()) {
+            return nullptr;
+        }
+        last_used_ = {app_id, &found->second};
+    }
+    return last_used_.second;
+}
+
+/* The section may have lost its last record: it goes when the next one does, since objects of some
+ * app ids come and go one by one. */
+void Shard::note_emptied(std::uint32_t app_id) {
+    if (!section_of(app_id)->records.empty() || last_emptied_ == app_id) {
+        return;
+    }
+    if (last_emptied_ && sections_.at(*last_emptied_).records.empty()) {
+        sections_.erase(*last_emptied_);
+    }
+    last_emptied_ = app_id;
+}
+
 /* Expired or not. */
 Record *Shard::find(const Key &key, std::uint64_t hash) {
-    const auto found = records_.find(
+    Section *section = section_of(key.app_id);
+    if (section == nullptr) {
+        return nullptr;
+    }
+    Records &records = section->records;
+    const auto found = records.find(
         key, [hash](const Key &) { return std::size_t{hash}; }, KeyEqual());
-    return found != records_.end() ? &*found : nullptr;
+    return found != records.end() ? &*found : nullptr;
 }
 
 Record *Shard::find_live(const Key &key, std::uint64_t hash) {
@@ -59,16 +90,16 @@ Record *Shard::find_live(const Key &key, std::uint64_t hash) {
 }
 
 /* More buckets for one more record. Without memory for them chains grow: that costs time alone. */
-void Shard::make_room() {
-    const std::size_t num_buckets = records_.bucket_count();
-    if (records_.size() < num_buckets) {
+void Shard::Section::make_room() {
+    const std::size_t num_buckets = records.bucket_count();
+    if (records.size() < num_buckets) {
         return;
     }
     std::unique_ptr<Records::bucket_type[]> more(new (std::nothrow)
                                                      Records::bucket_type[2 * num_buckets]);
     if (more != nullptr) {
-        records_.rehash({more.get(), 2 * num_buckets});
-        buckets_ = std::move(more);
+        records.rehash({more.get(), 2 * num_buckets});
+        buckets = std::move(more);
     }
 }
 
@@ -104,36 +135,42 @@ void Shard::give_place(ExpiryQueue::node_type place, Millis moment, Record &reco
 }
 
 /* Brings a new record into the index and the expiry queue. Changes nothing when it throws. */
-void Shard::join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values) {
-    index_.attach(fresh, values);
+void Shard::join(Section &section, Record &fresh, std::span<const OMRA_OBJ_INDEX> values) {
+    section.index.attach(fresh, values);
     fresh.stored_s = second_of(context_.clock.now());
     try {
         renew(fresh);
         enqueue(fresh);
     } catch (...) {
-        index_.detach(fresh);
+        section.index.detach(fresh);
         throw;
     }
 }
 
 /* Puts in a record whose key is free. Changes nothing when it throws. */
 void Shard::insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values) {
-    join(*fresh.get(), values);
-    make_room();
-    num_bytes_ += fresh->length();
+    Section &section = sections_[fresh->key.app_id];
+    try {
+        join(section, *fresh.get(), values);
+    } catch (...) {
+        note_emptied(fresh->key.app_id);
+        throw;
+    }
+    section.make_room();
+    section.num_bytes += fresh->length();
     fresh->is_stored = true;
-    records_.insert(*fresh.detach());
+    section.records.insert(*fresh.detach());
 }
 
 /* Makes `fresh` the record of its key, and takes out the old one, which has left the index and the
  * expiry queue. */
-RecordRef Shard::put_in_place_of(Record &old, RecordRef fresh) {
-    num_bytes_ += fresh->length();
-    num_bytes_ -= old.length();
+RecordRef Shard::put_in_place_of(Section &section, Record &old, RecordRef fresh) {
+    section.num_bytes += fresh->length();
+    section.num_bytes -= old.length();
     old.is_stored = false;
     fresh->is_stored = true;
-    records_.erase(records_.iterator_to(old));
-    records_.insert(*fresh.detach());
+    section.records.erase(section.records.iterator_to(old));
+    section.records.insert(*fresh.detach());
     return RecordRef::adopt(&old);
 }
 
@@ -142,10 +179,12 @@ RecordRef Shard::take(Record &record) {
     context_.budget.refund(cost_of_record(record));
     take_place(record);
     end_lock(record);
-    index_.detach(record);
-    num_bytes_ -= record.length();
+    Section &section = *section_of(record.key.app_id);
+    section.index.detach(record);
+    section.num_bytes -= record.length();
     record.is_stored = false;
-    records_.erase(records_.iterator_to(record));
+    section.records.erase(section.records.iterator_to(record));
+    note_emptied(record.key.app_id);
     return RecordRef::adopt(&record);
 }
 
@@ -287,7 +326,7 @@ Status Shard::update(const Key &key, std::uint64_t hash, int ticket, bool unlock
     if (unlocking) {
         wake_up.arm_if(end_lock(*fresh.get()));
     }
-    old = put_in_place_of(*record, std::move(fresh));
+    old = put_in_place_of(*section_of(key.app_id), *record, std::move(fresh));
     return OMRALIB_RET_SUCCESS;
 }
 
@@ -337,13 +376,14 @@ Status Shard::replace(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_
     if (!growth) {
         return OMRALIB_ERR_NO_SPACE;
     }
-    join(*fresh.get(), values);
+    Section &section = *section_of(fresh->key.app_id);
+    join(section, *fresh.get(), values);
     growth.keep();
     context_.budget.refund(above(old_cost, cost));
     end_lock(*record);
-    index_.detach(*record);
+    section.index.detach(*record);
     take_place(*record);
-    old = put_in_place_of(*record, std::move(fresh));
+    old = put_in_place_of(section, *record, std::move(fresh));
     return OMRALIB_RET_SUCCESS;
 }
 
@@ -421,13 +461,18 @@ private:
     std::vector<Record *> records_;
 };
 
-void Shard::collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &keys,
-                    std::vector<RecordRef> &untested) {
-    if (num_records() == 0) {
+void Shard::collect(std::uint32_t app_id, QueryPlan &plan, const SlotSet *slots,
+                    std::vector<Key> &keys, std::vector<RecordRef> &untested) {
+    if (num_records(app_id) == 0) {
         return;
     }
     reap_all();
     const Guard guard(lock_);
+    Section *section = section_of(app_id);
+    if (section == nullptr) {
+        return;
+    }
+    Records &records = section->records;
     const auto is_wanted = [&](const Record &record) {
         return !is_expired(record) &&
                (slots == nullptr || slots->contains(slot_of(hash_of(record.key)))) &&
@@ -439,13 +484,13 @@ void Shard::collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &key
         }
     };
     if (plan.selects_all()) {
-        plan.pass_all(records_.size());
-        std::for_each(records_.begin(), records_.end(), add);
+        plan.pass_all(records.size());
+        std::for_each(records.begin(), records.end(), add);
         return;
     }
-    const bool is_looked_up = plan.bind(index_, records_.size());
-    if (!is_looked_up && records_.size() <= plan.num_testable()) {
-        for (const Record &record : records_) {
+    const bool is_looked_up = plan.bind(section->index, records.size());
+    if (!is_looked_up && records.size() <= plan.num_testable()) {
+        for (const Record &record : records) {
             if (plan.test(record)) {
                 add(record);
             }
@@ -461,7 +506,7 @@ void Shard::collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &key
     if (is_looked_up) {
         plan.look_up(gather);
     } else {
-        std::for_each(records_.begin(), records_.end(), gather);
+        std::for_each(records.begin(), records.end(), gather);
     }
     test_or_put_off(plan, gathering, keys, untested);
 }
@@ -482,12 +527,14 @@ void Shard::test_or_put_off(QueryPlan &plan, const Gathering &gathering, std::ve
     }
 }
 
-void Shard::collect_some(QueryPlan &plan, std::vector<Key> &keys,
+void Shard::collect_some(std::uint32_t app_id, QueryPlan &plan, std::vector<Key> &keys,
                          std::vector<RecordRef> &untested) {
     const std::size_t num_left = untested.size() - std::min(untested.size(), plan.num_testable());
     {
         const Guard guard(lock_);
-        plan.bind_again();
+        if (Section *section = section_of(app_id)) {
+            plan.bind_again(section->index);
+        }
         for (std::size_t i = num_left; i < untested.size(); ++i) {
             /* An update may have put another one in its place. */
             const Record *record = untested[i]->is_stored
@@ -502,25 +549,52 @@ void Shard::collect_some(QueryPlan &plan, std::vector<Key> &keys,
 }
 
 /* Goes by the first few records for what no index can tell. */
-void Shard::survey(QuerySurvey &survey) {
+void Shard::survey(std::uint32_t app_id, QuerySurvey &survey) {
     constexpr std::size_t max_examples = 64;
     reap_all();
     const Guard guard(lock_);
-    std::vector<const Record *> examples(std::min(records_.size(), max_examples));
-    std::transform(records_.begin(), std::next(records_.begin(), std::ssize(examples)),
+    Section *section = section_of(app_id);
+    if (section == nullptr) {
+        return;
+    }
+    const Records &records = section->records;
+    std::vector<const Record *> examples(std::min(records.size(), max_examples));
+    std::transform(records.begin(), std::next(records.begin(), std::ssize(examples)),
                    examples.begin(), [](const Record &record) { return &record; });
-    survey.add(index_, records_.size(), examples);
+    survey.add(section->index, records.size(), examples);
 }
 
-std::size_t Shard::num_records() {
+void Shard::add_app_ids(std::set<std::uint32_t> &app_ids) {
     const Guard guard(lock_);
-    return records_.size();
+    for (const auto &[app_id, section] : sections_) {
+        if (!section.records.empty()) {
+            app_ids.insert(app_id);
+        }
+    }
+}
+
+std::size_t Shard::num_records(std::uint32_t app_id) {
+    const Guard guard(lock_);
+    const Section *section = section_of(app_id);
+    return section != nullptr ? section->records.size() : 0;
+}
+
+Totals Shard::totals_of(std::uint32_t app_id) {
+    reap_all();
+    const Guard guard(lock_);
+    const Section *section = section_of(app_id);
+    return section != nullptr ? Totals{section->records.size(), section->num_bytes} : Totals{};
 }
 
 Totals Shard::totals() {
     reap_all();
     const Guard guard(lock_);
-    return {records_.size(), num_bytes_};
+    Totals totals;
+    for (const auto &[app_id, section] : sections_) {
+        totals.num_objects += section.records.size();
+        totals.num_bytes += section.num_bytes;
+    }
+    return totals;
 }
 
 } // namespace store

@@ -1,4 +1,6 @@
-/* A part of a partition: the records whose keys hash to it, their index, locks and time-outs.
+/* A part of the key space: the records whose keys hash to it, their indexes, locks and time-outs.
+ * What belongs to one app id is a section of the shard, which comes with its first record and goes
+ * soon after its last.
  *
  * Every operation takes the shard's one lock for a short while. Blocks are made and copied before
  * the lock is taken and given back after it has been released.
@@ -14,6 +16,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <set>
 #include <unordered_map>
 #include <utility>
@@ -45,8 +48,7 @@ struct ShardContext {
 
 class alignas(64) Shard {
 public:
-    explicit Shard(const ShardContext &context)
-        : context_(context), records_({first_buckets_.data(), first_buckets_.size()}) {}
+    explicit Shard(const ShardContext &context) : context_(context) {}
     Shard(const Shard &) = delete;
     Shard &operator=(const Shard &) = delete;
     ~Shard();
@@ -69,21 +71,28 @@ public:
     Status lock(const Key &key, std::uint64_t hash, bool renew, int ticket, bool mark,
                 Content &content_out);
 
-    /* Appends the keys of the selected records, in no order; only those in `slots` unless that is
-     * nullptr. Those that would take too long come to `untested`, for collect_some(). */
-    void collect(QueryPlan &plan, const SlotSet *slots, std::vector<Key> &keys,
-                 std::vector<RecordRef> &untested);
+    /* Appends the keys of the selected records of an app id, in no order; only those in `slots`
+     * unless that is nullptr. Those that would take too long come to `untested`, for
+     * collect_some(). */
+    void collect(std::uint32_t app_id, QueryPlan &plan, const SlotSet *slots,
+                 std::vector<Key> &keys, std::vector<RecordRef> &untested);
 
     /* Takes some of `untested` off the list, and appends the keys of those that are selected. */
-    void collect_some(QueryPlan &plan, std::vector<Key> &keys, std::vector<RecordRef> &untested);
+    void collect_some(std::uint32_t app_id, QueryPlan &plan, std::vector<Key> &keys,
+                      std::vector<RecordRef> &untested);
 
-    /* Adds what a query may expect of this shard. */
-    void survey(QuerySurvey &survey);
+    /* Adds what a query may expect of an app id in this shard. */
+    void survey(std::uint32_t app_id, QuerySurvey &survey);
 
+    /* Adds the app ids of the records. */
+    void add_app_ids(std::set<std::uint32_t> &app_ids);
+
+    /* Of an app id, and of all. */
+    Totals totals_of(std::uint32_t app_id);
     Totals totals();
 
     /* Expired ones that have not been swept are among them. */
-    std::size_t num_records();
+    std::size_t num_records(std::uint32_t app_id);
 
     /* Looks at no more than `max_records` records whose time may be over, and takes out those whose
      * time is. When the next one is due: a moment that has passed when there was more to do. */
@@ -106,6 +115,20 @@ private:
     /* Records by the moment at which they are looked at. */
     using ExpiryQueue = std::set<std::pair<Millis, Record *>>;
 
+    /* The records of one app id. */
+    struct Section {
+        /* Buckets of the table: its own at first, then one for each record or more. */
+        std::array<Records::bucket_type, 4> first_buckets;
+        std::unique_ptr<Records::bucket_type[]> buckets;
+
+        /* Holds one reference to each record. */
+        Records records{{first_buckets.data(), first_buckets.size()}};
+        std::uint64_t num_bytes = 0;
+        ObjectIndex index;
+
+        void make_room();
+    };
+
     /* The records that a search looks at. */
     class Gathering;
 
@@ -117,17 +140,19 @@ private:
     bool is_expired(const Record &record) const;
     Record *find(const Key &key, std::uint64_t hash) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     Record *find_live(const Key &key, std::uint64_t hash) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
-    void make_room() ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    Section *section_of(std::uint32_t app_id) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    void note_emptied(std::uint32_t app_id) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void renew(Record &record) const;
     void enqueue(Record &record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     ExpiryQueue::node_type take_place(const Record &record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void give_place(ExpiryQueue::node_type place, Millis moment, Record &record)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
-    void join(Record &fresh, std::span<const OMRA_OBJ_INDEX> values)
+    void join(Section &section, Record &fresh, std::span<const OMRA_OBJ_INDEX> values)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
-    RecordRef put_in_place_of(Record &old, RecordRef fresh) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
+    RecordRef put_in_place_of(Section &section, Record &old, RecordRef fresh)
+        ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     RecordRef take(Record &record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     Millis reap(std::size_t max_records, ExpiredRecords &expired)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
@@ -143,16 +168,13 @@ private:
 
     WordLock lock_;
 
-    /* Buckets of the table: its own at first, then one for each record or more. */
-    std::array<Records::bucket_type, 4> first_buckets_;
-    std::unique_ptr<Records::bucket_type[]> buckets_;
-
-    /* The table holds one reference to each record. */
-    Records records_ ABSL_GUARDED_BY(lock_);
-    std::uint64_t num_bytes_ ABSL_GUARDED_BY(lock_) = 0;
-    ObjectIndex index_ ABSL_GUARDED_BY(lock_);
+    std::unordered_map<std::uint32_t, Section> sections_ ABSL_GUARDED_BY(lock_); /* by app id */
+    std::pair<std::uint32_t, Section *> last_used_ ABSL_GUARDED_BY(lock_){};
+    std::optional<std::uint32_t> last_emptied_ ABSL_GUARDED_BY(lock_); /* the one without records */
     ExpiryQueue expiry_ ABSL_GUARDED_BY(lock_); /* by queued_at; those with a time-out */
     std::unordered_map<int, Lease> leases_ ABSL_GUARDED_BY(lock_); /* of the records' tickets */
 };
+
+using Shards = std::array<Shard, num_shards>;
 
 } // namespace store

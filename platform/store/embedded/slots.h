@@ -2,6 +2,7 @@
  * slots share a shard. */
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <span>
@@ -38,6 +39,10 @@ public:
     }
     bool touches(std::size_t shard) const { return of_shard_[shard] != 0; }
     bool holds_all_of(std::size_t shard) const { return of_shard_[shard] == every; }
+    std::size_t num_shards_touched() const {
+        return static_cast<std::size_t>(std::count_if(
+            of_shard_.begin(), of_shard_.end(), [](std::uint8_t slots) { return slots != 0; }));
+    }
 
 private:
     static constexpr std::uint8_t every = 0xFF;

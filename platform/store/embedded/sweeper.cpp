@@ -19,8 +19,8 @@ Millis end_of_second(Millis moment) {
 
 } // namespace
 
-Sweeper::Sweeper(Clock &clock, const PartitionDirectory &directory)
-    : clock_(clock), directory_(directory), alarm_(clock, [this] { return work(); }) {}
+Sweeper::Sweeper(Clock &clock, Shards &shards)
+    : clock_(clock), shards_(shards), alarm_(clock, [this] { return work(); }) {}
 
 void Sweeper::on_due(Millis moment) noexcept {
     alarm_.call_at(end_of_second(moment));
@@ -28,15 +28,27 @@ void Sweeper::on_due(Millis moment) noexcept {
 
 void Sweeper::on_expired(RecordChain expired) noexcept {
     num_expired_.fetch_add(expired.size(), std::memory_order_relaxed);
-    const Partition *partition = directory_.find(expired.first().key.app_id);
-    if (partition == nullptr || !partition->wants_events) {
-        return;
-    }
-    {
+    bool is_wanted = false;
+    while (!expired.empty()) {
+        RecordRef record = expired.take_first();
         const Guard guard(lock_);
-        to_tell_.append(std::move(expired));
+        if (wanted_.contains(record->key.app_id)) {
+            to_tell_.push(std::move(record));
+            is_wanted = true;
+        }
     }
-    alarm_.call_at(clock_.now());
+    if (is_wanted) {
+        alarm_.call_at(clock_.now());
+    }
+}
+
+void Sweeper::want_events(std::uint32_t app_id, bool wanted) {
+    const Guard guard(lock_);
+    if (wanted) {
+        wanted_.insert(app_id);
+    } else {
+        wanted_.erase(app_id);
+    }
 }
 
 Millis Sweeper::work() {
@@ -52,10 +64,8 @@ Millis Sweeper::work() {
 /* One batch from every shard. When the next record is due. */
 Millis Sweeper::sweep_round() {
     Millis next = never;
-    for (Partition *partition : directory_.all()) {
-        for (Shard &shard : partition->shards) {
-            next = std::min(next, shard.sweep(batch));
-        }
+    for (Shard &shard : shards_) {
+        next = std::min(next, shard.sweep(batch));
     }
     return next;
 }

@@ -11,9 +11,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <set>
 
 #include "common/alarm.h"
-#include "embedded/partition.h"
+#include "embedded/shard.h"
 #include "engine/cluster.h"
 
 namespace store {
@@ -21,12 +22,15 @@ namespace store {
 class Sweeper final : public ExpirySink {
 public:
     /* Both outlive the sweeper. */
-    Sweeper(Clock &clock, const PartitionDirectory &directory);
+    Sweeper(Clock &clock, Shards &shards);
     Sweeper(const Sweeper &) = delete;
     Sweeper &operator=(const Sweeper &) = delete;
 
     /* Before the first object is stored. */
     void attach(EventReceiver &events) { events_ = &events; }
+
+    /* Whether the receiver hears of the objects of an app id. */
+    void want_events(std::uint32_t app_id, bool wanted);
 
     /* No event reaches the receiver any more. */
     void stop() { alarm_.stop(); }
@@ -43,7 +47,7 @@ private:
 
     /* Constant after set-up. */
     Clock &clock_;
-    const PartitionDirectory &directory_;
+    Shards &shards_;
     EventReceiver *events_ = nullptr;
 
     /* Self-synchronised. */
@@ -51,6 +55,7 @@ private:
 
     Mutex lock_; /* a leaf */
     RecordChain to_tell_ ABSL_GUARDED_BY(lock_);
+    std::set<std::uint32_t> wanted_ ABSL_GUARDED_BY(lock_); /* app ids */
 
     Alarm alarm_; /* the last member: its thread uses the others */
 };
