@@ -14,9 +14,9 @@ HandleTable::~HandleTable() {
 /* An index that no open handle has, or max_slots. */
 std::uint32_t HandleTable::take_free_index() {
     const std::uint32_t fresh = num_slots_.load(std::memory_order_relaxed);
-    if (num_free_ >= chunk_slots || (num_free_ != 0 && fresh == max_slots)) {
-        const std::uint32_t index = first_free_;
-        first_free_ = slot_of(index)->next_free;
+    if (first_free_ != nullptr && (num_free_ >= chunk_slots || fresh == max_slots)) {
+        const std::uint32_t index = first_free_->index;
+        first_free_ = first_free_->next_free;
         --num_free_;
         return index;
     }
@@ -38,6 +38,7 @@ OMRALIB_HANDLE HandleTable::open(const Guid &guid) {
         return OMRALIB_NULL_HANDLE;
     }
     HandleSlot &slot = *slot_of(index);
+    slot.index = index;
     slot.guid = guid;
     const std::uint32_t closed = slot.state.load(std::memory_order_relaxed);
     slot.state.store(closed | open_bit, std::memory_order_release);
@@ -55,9 +56,10 @@ void HandleTable::close(OMRALIB_HANDLE hdl, HandleSlot &slot) {
         generation = 1;
     }
     const Guard guard(lock_);
-    const std::uint32_t index = hdl & index_mask;
-    (num_free_++ == 0 ? first_free_ : slot_of(last_free_)->next_free) = index;
-    last_free_ = index;
+    slot.next_free = nullptr;
+    (first_free_ == nullptr ? first_free_ : last_free_->next_free) = &slot;
+    last_free_ = &slot;
+    ++num_free_;
     slot.state.store(generation << 2, std::memory_order_release);
 }
 

@@ -36,7 +36,9 @@ struct alignas(64) HandleSlot {
 
     HeldLocks locks; /* changed by the call that has the handle, read by anyone */
 
-    std::uint32_t next_free = 0; /* index of a slot; guarded by the lock of the table */
+    /* Guarded by the lock of the table. */
+    std::uint32_t index = 0;
+    HandleSlot *next_free = nullptr; /* to be used after this one */
 
     void count_read() {
         num_reads.store(num_reads.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -99,8 +101,8 @@ private:
     Mutex lock_;
     /* Slots to be used again, chained: oldest first, so that numbers come back late. */
     std::uint32_t num_free_ ABSL_GUARDED_BY(lock_) = 0;
-    std::uint32_t first_free_ ABSL_GUARDED_BY(lock_) = 0;
-    std::uint32_t last_free_ ABSL_GUARDED_BY(lock_) = 0;
+    HandleSlot *first_free_ ABSL_GUARDED_BY(lock_) = nullptr;
+    HandleSlot *last_free_ ABSL_GUARDED_BY(lock_) = nullptr;
     std::atomic<std::uint32_t> num_slots_{0}; /* grows under lock_ */
 };
 
