@@ -25,7 +25,7 @@ public:
     EmbeddedScan(Shards &shards, std::vector<std::uint32_t> app_ids, const Selection &selection,
                  const Part *part, std::uint32_t now_s)
         : shards_(shards), app_ids_(std::move(app_ids)), plan_(selection, now_s),
-          slots_(part != nullptr ? SlotSet(part->slots) : SlotSet()) {}
+          slots_(part != nullptr && !part->is_whole ? SlotSet(part->slots) : SlotSet()) {}
 
     /* Keys spread evenly: by those of the first shard, and some more. */
     std::uint64_t expected() const override {

@@ -25,7 +25,8 @@ struct Selection {
 /* A part of the key space: the keys that fall into these slots. How many slots there are and which
  * key falls into which is the engine's business and never changes. */
 struct Part {
-    std::vector<std::uint32_t> slots;
+    bool is_whole = false; /* all slots, none of which is named */
+    std::vector<std::uint32_t> slots = {};
 };
 
 /* Asked again and again while something is looked for, every few milliseconds: anything but
