@@ -35,7 +35,9 @@ void Sys_set_trace_func(SYS_TRACE_FUNC pfunc);
  * variable SYS_ASSERT_ABORT=1, read when the library is loaded, the first one stops the process. */
 size_t Sys_get_assert_count(void);
 
-/* `pfunc` (NULL: nothing) is called on every thread that ends by Thread_end, before it does. */
+/* `pfunc` (NULL: nothing) is called on every thread that ends by Thread_end, before it does; a
+ * second call replaces it. The store library sets it when the store is opened, to take no more
+ * requests once a thread for them is gone: a program that puts its own here gives that up. */
 typedef void (*SYS_THREAD_END_FUNC)(void);
 void Sys_set_thread_end_func(SYS_THREAD_END_FUNC pfunc);
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "played_hosts.h"
+#include "support/failing_memory.h"
 #include "sys_util.h"
 
 namespace {
@@ -93,6 +94,17 @@ TEST_P(Invocations, ReachOnlyWhoServesTheAppId) {
     EXPECT_EQ(1u, invoke(make_header(once, once)).result.num_successful);
     EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke(make_header(once, 78)).status);
     EXPECT_EQ(OMRALIB_ERR_NO_WORKER, invoke(make_header(data_app, 78)).status);
+    for (unsigned int number = 1, num_failed = 1; num_failed != 0; ++number) { /* without memory */
+        failing_memory::arm(number, false);
+        failing_memory::is_exposed = true;
+        const int status = Omralib_start_app_event_handling(worker, 78);
+        failing_memory::is_exposed = false;
+        num_failed = failing_memory::disarm();
+        EXPECT_EQ(num_failed != 0 ? int{OMRALIB_ERR_NO_SPACE} : success, status);
+        EXPECT_EQ(num_failed != 0 ? int{OMRALIB_ERR_NO_WORKER} : success,
+                  invoke(make_header(6, 78)).status);
+    }
+    EXPECT_EQ(success, Omralib_stop_app_event_handling(worker, 78));
     /* Stopping ends what a handle with the same identifier has started, and only that. */
     for (const OMRALIB_HANDLE stopping : {hdl, worker}) {
         const Outcome outcome = invoke(make_header(6)); /* there are no objects */

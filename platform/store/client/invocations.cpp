@@ -23,9 +23,9 @@ int invoke(Store &store, HandleUse &use, OMRALIB_HANDLE hdl, Bytes request,
     if (store.is_forked()) {
         return OMRALIB_ERR_FORKED;
     }
+    /* The threads that would serve it may all be waiting in the same way. */
     if (Thread_datap_get() != nullptr) {
-        return OMRALIB_ERR_INVOKE_INSIDE; /* the threads that would serve it may all wait as it
-                                             would */
+        return OMRALIB_ERR_INVOKE_INSIDE;
     }
     InvokeOrder order;
     std::string why;

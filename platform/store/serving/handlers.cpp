@@ -42,11 +42,19 @@ Status Handlers::start(std::uint32_t event_app_id, const Guid &guid) {
     if (has_stopped_) {
         return OMRALIB_ERR_NO_WORKER;
     }
-    std::vector<Guid> &guids = serving_[event_app_id];
+    /* Made beforehand, so that nothing has changed when memory runs out. */
+    std::map<std::uint32_t, std::vector<Guid>> changed;
+    std::vector<Guid> &guids = changed[event_app_id];
+    if (const auto found = serving_.find(event_app_id); found != serving_.end()) {
+        guids = found->second;
+    }
     if (std::find(guids.begin(), guids.end(), guid) == guids.end()) {
         guids.push_back(guid);
     }
-    return cluster_.announce(event_app_id, true);
+    const Status status = cluster_.announce(event_app_id, true);
+    serving_.erase(event_app_id);
+    serving_.merge(changed);
+    return status;
 }
 
 Status Handlers::stop(std::uint32_t event_app_id, const Guid &guid) {
