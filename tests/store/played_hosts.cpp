@@ -57,8 +57,8 @@ PlayedHosts::PlayedHosts(const store::EngineKind &engine, const store::Configura
     : store(decorated(engine.make(clock, configuration)), clock, configuration) {
     store::DecoratedCluster &cluster = decorator_of(store.cluster());
     cluster.in_order = true;
-    cluster.on_receive = [this](const store::Request &request) {
-        receiving = request.share.host.number;
+    cluster.on_receive = [this](const store::HostId &host) {
+        receiving = host.number;
         before_hand_over(receiving);
     };
     decorator_of(store.objects()).fates = cluster.fates = [this] {
@@ -120,12 +120,14 @@ void PlayedHosts::step(std::list<Job>::iterator job) {
     if (job->rests_until > clock.now()) {
         return;
     }
+    job->worker = job->worker != 0 ? job->worker : Omralib_open_ext("the worker guid ");
     if (job->num_steps == std::size(steps)) {
         const int status = complete(*job, job->num_successful, job->num_failed);
         EXPECT_FALSE(job->is_zombie && status == success) << "a dead host's reply counts";
         if (status != success) {
             Omralib_flush_invoke(job->params.context);
         }
+        EXPECT_EQ(success, Omralib_close(job->worker));
         jobs.erase(job);
         return;
     }
@@ -151,14 +153,14 @@ void PlayedHosts::finish_zombies() {
 
 void PlayedHosts::compute(Job &job) {
     if (job.is_fold()) {
-        job.results = get(worker, job.params.params_key);
+        job.results = get(job.worker, job.params.params_key);
         job.num_failed = job.results.starts_with("status") ? 1 : 0; /* there is no source */
         job.num_successful = 1 - job.num_failed;
         return;
     }
     const std::vector<OMRA_OBJKEY> keys = job.keys();
     for (const OMRA_OBJKEY &key : keys) {
-        if (get(worker, key) != "x") { /* it is dropped, as one that has gone would be */
+        if (get(job.worker, key) != "x") { /* it is dropped, as one that has gone would be */
             ++job.num_dropped;
         } else if (fails(key.obj_id.u64_comp[0])) {
             job.exceptions += bytes_of(Exception{.key = key});
@@ -176,18 +178,18 @@ void PlayedHosts::store_results(Job &job) {
     if (job.results.empty() || (job.is_fold() && job.num_failed != 0)) {
         return;
     }
-    int status = put(worker, key, job.results, timeout_m);
+    int status = put(job.worker, key, job.results, timeout_m);
     if (status == OMRALIB_ERR_OBJ_EXISTS) {
         unsigned int len = 0;
-        const int ticket = Omralib_read_and_lock_obj(worker, 0, 0, &len, key);
+        const int ticket = Omralib_read_and_lock_obj(job.worker, 0, 0, &len, key);
         ASSERT_GT(ticket, 0);
-        const std::string target = fetch(worker, len);
+        const std::string target = fetch(job.worker, len);
         if (merge_fails()) {
             job.exceptions += bytes_of(Exception{});
         } else {
-            status = update(worker, key, ticket, target + job.results, false);
+            status = update(job.worker, key, ticket, target + job.results, false);
         }
-        EXPECT_EQ(success, Omralib_unlock_obj(worker, ticket, 0, key));
+        EXPECT_EQ(success, Omralib_unlock_obj(job.worker, ticket, 0, key));
     }
     if (status == OMRALIB_ERR_NO_SPACE) {
         job.num_failed += std::exchange(job.num_successful, 0);
@@ -196,7 +198,7 @@ void PlayedHosts::store_results(Job &job) {
 
 void PlayedHosts::store_exceptions(Job &job) {
     if (!job.exceptions.empty()) {
-        put(worker, job.params.exceptions_key, job.exceptions, timeout_m);
+        put(job.worker, job.params.exceptions_key, job.exceptions, timeout_m);
     }
 }
 

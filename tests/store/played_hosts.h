@@ -19,6 +19,7 @@
 struct Job {
     std::uint32_t host = 0;
     OMRALIB_INVOKE_PARAMS params{};
+    OMRALIB_HANDLE worker = 0;  /* its own: what it does last to its results says how they fared */
     unsigned int num_steps = 0; /* done: 1 computed, 2 results stored, 3 exceptions stored */
     store::Millis rests_until = 0;
     bool is_zombie = false; /* nobody wants it any more, but it goes on */
@@ -74,7 +75,8 @@ public:
     /* Carries out a step of a job, which is taken off the list when it has reported. */
     void step(std::list<Job>::iterator job);
     int complete(const Job &job, unsigned int num_successful, unsigned int num_failed) const {
-        return Omralib_complete_invoke(worker, job.params.context, num_successful, num_failed);
+        return Omralib_complete_invoke(job.worker != 0 ? job.worker : worker, job.params.context,
+                                       num_successful, num_failed);
     }
 
     /* Does what late jobs still do when the invocation is over. */

@@ -39,8 +39,8 @@ protected:
         EXPECT_EQ(num_expected, keys.size()) << query;
         std::unique_ptr<store::Scan> scan;
         objects_.scan(selection, nullptr, scan);
-        for (bool more = true; more;) {
-            EXPECT_EQ(success, scan->next(keys, more));
+        for (store::Piece piece; !piece.is_last;) {
+            EXPECT_EQ(success, scan->next(SIZE_MAX, false, piece));
         }
         return scan->num_examined();
     }
@@ -91,13 +91,13 @@ TEST_F(QueryCost, IsPaidInSmallPieces) {
     const store::Selection selection = selection_of(query);
     std::unique_ptr<store::Scan> scan;
     objects_.scan(selection, nullptr, scan);
-    std::vector<Key> keys;
     std::uint64_t before = 0;
-    for (bool more = true; more; before = scan->num_examined()) {
-        EXPECT_EQ(success, scan->next(keys, more));
+    for (store::Piece piece; !piece.is_last; before = scan->num_examined()) {
+        EXPECT_EQ(success, scan->next(SIZE_MAX, false, piece));
         EXPECT_LE(scan->num_examined() - before, 100u);
     }
     EXPECT_EQ(5000, before) << "an object is tested once";
+    std::vector<Key> keys;
     const auto cancel = [] { return OMRALIB_ERR_CANCELLED; };
     EXPECT_EQ(OMRALIB_ERR_CANCELLED, store::find(objects_, selection, nullptr, keys, cancel));
 }
@@ -108,7 +108,7 @@ TEST_F(QueryCost, IsNothingForAppIdsWithoutObjects) {
         ASSERT_EQ(success, objects_.create(make_key(app_id, 1), {}));
         ASSERT_EQ(success, objects_.remove(make_key(app_id, 1)));
     }
-    EXPECT_LE(failing_memory::num_blocks(), before + 100);
+    EXPECT_LE(failing_memory::num_blocks(), before + 250); /* every shard keeps one */
 }
 
 TEST_F(QueryCost, IsExplained) {

@@ -226,7 +226,6 @@ TEST_P(Progress, IsReportedAtMostTenTimesASecondAndAtTheEnd) {
     EXPECT_EQ(num_asked, reports.back().num_done);
     EXPECT_EQ(num_asked - num_good, reports.back().num_failed);
     EXPECT_EQ(4u, reports.back().num_hosts_done);
-    EXPECT_FALSE(store.serving.requests.is_noticing());
 }
 
 TEST_P(Progress, CancellingDropsWhatHasNotBegun) {
@@ -242,14 +241,12 @@ TEST_P(Progress, CancellingDropsWhatHasNotBegun) {
 
     /* The others read their objects only now. Nobody else misses one. */
     ASSERT_EQ(3u, jobs.size());
-    EXPECT_TRUE(store.serving.requests.is_noticing());
     before_step = [](const Job &job) {
         EXPECT_EQ(job.num_steps == 0 ? 0 : job.params.num_keys, job.num_dropped);
     };
     read_all();
     finish_zombies();
     EXPECT_EQ(0u, num_temp_objects());
-    EXPECT_FALSE(store.serving.requests.is_noticing());
     EXPECT_EQ(success, Omralib_cancel_invoke(hdl));
     EXPECT_EQ(OMRALIB_ERR_BAD_HANDLE, Omralib_cancel_invoke(OMRALIB_NULL_HANDLE));
 }

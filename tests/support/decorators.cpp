@@ -29,6 +29,19 @@ Status DecoratedCluster::send(Request request) {
     });
 }
 
+// In order: on the thread that asks, which is in no call of the receiver that this would disturb.
+Status DecoratedCluster::call_back(const HostId &host, const HostId &sender, RequestId request) {
+    if (in_order) {
+        if (on_receive) {
+            on_receive(host);
+        }
+        const failing_memory::Exposure exposure(true);
+        upwards_.receiver->go_on(sender, request);
+        return OMRALIB_RET_SUCCESS;
+    }
+    return inner_->call_back(host, sender, request);
+}
+
 void DecoratedCluster::note_answered(RequestId request) {
     if (waited_for_.compare_exchange_strong(request, 0)) {
         waited_for_.notify_all();
@@ -38,7 +51,7 @@ void DecoratedCluster::note_answered(RequestId request) {
 void DecoratedCluster::Upwards::receive(Request request) {
     const RequestId id = request.id;
     if (cluster.on_receive) {
-        cluster.on_receive(request);
+        cluster.on_receive(request.share.host);
     }
     try {
         const failing_memory::Exposure exposure(true);

@@ -92,8 +92,8 @@ public:
     // send() returns when the host has answered to the request, so that a test orders all steps;
     // for one thread that sends.
     bool in_order = false;
-    // Called before the request reaches its host.
-    std::function<void(const Request &request)> on_receive;
+    // Called before a request reaches its host, and in order before the host goes on with one.
+    std::function<void(const HostId &host)> on_receive;
 
     void attach(RequestReceiver &receiver, ReplySink &sink, EventReceiver &events) override;
     void detach() override { inner_->detach(); }
@@ -122,6 +122,10 @@ public:
                        RequestProgress &progress_out) override {
         return pass(&Cluster::progress_of, host, request, progress_out);
     }
+    Status renew(const HostId &host, RequestId request) override {
+        return pass(&Cluster::renew, host, request);
+    }
+    Status call_back(const HostId &host, const HostId &sender, RequestId request) override;
     Status reply(const Reply &reply) override { return pass(&Cluster::reply, reply); }
     Status declare_gone(std::uint32_t host_number) override {
         return inner_->declare_gone(host_number);
@@ -137,6 +141,12 @@ private:
         }
         RequestProgress progress_of(const HostId &sender, RequestId request) override {
             return receiver->progress_of(sender, request);
+        }
+        void renew(const HostId &sender, RequestId request) override {
+            receiver->renew(sender, request);
+        }
+        void go_on(const HostId &sender, RequestId request) override {
+            receiver->go_on(sender, request);
         }
         Status on_reply(const Reply &reply) override;
 

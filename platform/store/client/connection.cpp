@@ -63,6 +63,7 @@ int Omralib_close(OMRALIB_HANDLE hdl) {
         for (const HeldLock &held : use->locks.all()) {
             store.objects().unlock(held.key, held.ticket);
         }
+        store.serving.chunks.forget(use->cursor);
         store.handles.close(hdl, use.slot());
         use.forget();
         return static_cast<int>(OMRALIB_RET_SUCCESS);

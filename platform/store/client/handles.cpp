@@ -40,6 +40,7 @@ OMRALIB_HANDLE HandleTable::open(const Guid &guid) {
     HandleSlot &slot = *slot_of(index);
     slot.index = index;
     slot.guid = guid;
+    slot.handles_requests = guid != Guid{};
     const std::uint32_t closed = slot.state.load(std::memory_order_relaxed);
     slot.state.store(closed | open_bit, std::memory_order_release);
     return (closed >> 2) << index_bits | index;
@@ -47,7 +48,7 @@ OMRALIB_HANDLE HandleTable::open(const Guid &guid) {
 
 void HandleTable::close(OMRALIB_HANDLE hdl, HandleSlot &slot) {
     slot.pending.reset();
-    slot.read_notes.clear();
+    slot.note = {};
     slot.locks.clear();
     slot.progress = nullptr;
     slot.error_text = {};

@@ -16,7 +16,8 @@
 #include "client/held_locks.h"
 #include "engine/content.h"
 #include "engine/contracts.h"
-#include "serving/open_requests.h"
+#include "serving/handle_note.h"
+#include "serving/open_chunks.h"
 
 namespace store {
 
@@ -28,9 +29,11 @@ struct alignas(64) HandleSlot {
 
     /* Of the call that has the handle. */
     Content pending;
-    ReadNotes read_notes;
+    ReadCursor cursor; /* through which `pending` may have been read */
+    HandleNote note;
     std::string error_text; /* more about what failed last; see HandleUse::explain */
     Guid guid{};
+    bool handles_requests = false;            /* whether it was opened with a guid */
     OMRALIB_PROGRESS_FUNC progress = nullptr; /* called during its invocations */
     void *progress_arg = nullptr;
 

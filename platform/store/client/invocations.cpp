@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <memory>
+#include <span>
 
 #include "query/request.h"
 #include "sys_util.h"
@@ -13,6 +14,23 @@ namespace {
 
 void release_result(void *result) {
     delete static_cast<OMRA_INVOKE_RESULT *>(result);
+}
+
+/* What the parameters say in their first bytes, be they in the key or in the object of the key. */
+bool is_singleton(Objects &objects, const OMRA_INDEX_HDR &header) {
+    constexpr std::size_t place = 6;
+    Content content;
+    Bytes params = std::as_bytes(std::span(&header.params_key, 1));
+    if (header.immediate_params == 0) {
+        if (is_null(header.params_key)) {
+            return false;
+        }
+        if (objects.read(header.params_key, false, content) == OMRALIB_ERR_UNKNOWN) {
+            return true; /* which does no harm */
+        }
+        params = content.bytes();
+    }
+    return params.size() > place && params[place] != std::byte{0};
 }
 
 int invoke(Store &store, HandleUse &use, OMRALIB_HANDLE hdl, Bytes request,
@@ -34,6 +52,7 @@ int invoke(Store &store, HandleUse &use, OMRALIB_HANDLE hdl, Bytes request,
         use.explain(std::move(why));
         return status;
     }
+    order.is_singleton = is_singleton(store.objects(), order.header);
     auto result = std::make_unique<OMRA_INVOKE_RESULT>(); /* nothing may fail afterwards */
     status = store.invocations.run(order, {hdl, use->progress, use->progress_arg}, *result);
     if (status == OMRALIB_RET_SUCCESS) {

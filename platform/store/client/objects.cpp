@@ -15,9 +15,16 @@ constexpr Millis lock_patience = 5;
 /* Whoever waits for an object of a request has to know that there was no room for it. */
 int note_no_room(Store &store, const Key &key, int status) {
     if (status == OMRALIB_ERR_NO_SPACE && key.app_id == reserved_app_id) {
-        store.serving.requests.note_no_room(key);
+        store.serving.chunks.note_no_room(key);
     }
     return status;
+}
+
+/* An object that somebody who handles requests is about to read, with nothing pending. */
+OpenChunks::Found find_for_request(Store &store, HandleUse &use, const Key &key) {
+    return use->handles_requests
+               ? store.serving.chunks.read(use->guid, key, use->cursor, use->pending)
+               : OpenChunks::Found::nothing;
 }
 
 /* Drops a held lock from the handle's list when `status` says that it is gone. */
@@ -47,7 +54,7 @@ bool valid_indexes(const OMRA_OBJ_INDEX *pindexes, unsigned int num_indexes) {
 int put_object(OMRALIB_HANDLE hdl, Status (Objects::*operation)(const Key &, const ObjectSpec &),
                const void *pdata, unsigned int data_len, unsigned int timeout_m,
                const OMRA_OBJ_INDEX *pindexes, unsigned int num_indexes, const OMRA_OBJKEY &key) {
-    return with_handle(hdl, [&](Store &store, HandleUse &) {
+    return with_handle(hdl, [&](Store &store, HandleUse &use) {
         if (!valid_data(pdata, data_len) || !valid_indexes(pindexes, num_indexes)) {
             return static_cast<int>(OMRALIB_ERR_BAD_ARGS);
         }
@@ -56,7 +63,11 @@ int put_object(OMRALIB_HANDLE hdl, Status (Objects::*operation)(const Key &, con
             return static_cast<int>(OMRALIB_ERR_BAD_KEY);
         }
         const ObjectSpec spec{as_bytes(pdata, data_len), timeout_m, {pindexes, num_indexes}};
-        return note_no_room(store, named.key, (store.objects().*operation)(named.key, spec));
+        const Status status = (store.objects().*operation)(named.key, spec);
+        if (status == OMRALIB_RET_SUCCESS) {
+            use->note.note(HandleNote::Deed::written, named.key, data_len);
+        }
+        return note_no_room(store, named.key, status);
     });
 }
 
@@ -100,15 +111,16 @@ int Omralib_read_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned int *pda
         if (is_null(named.key)) {
             return OMRALIB_ERR_BAD_KEY;
         }
-        OpenRequests &requests = store.serving.requests;
-        if (requests.is_noticing()) {
-            if (!requests.note_read(use->guid, named.key, use->read_notes)) {
-                return OMRALIB_ERR_OBJ_NOT_FOUND;
-            }
-        } else if (!use->read_notes.is_empty()) {
-            use->read_notes.clear();
+        Status status = OMRALIB_RET_SUCCESS;
+        switch (find_for_request(store, use, named.key)) {
+        case OpenChunks::Found::at_hand:
+            break;
+        case OpenChunks::Found::withdrawn:
+            return OMRALIB_ERR_OBJ_NOT_FOUND;
+        case OpenChunks::Found::nothing:
+            status = store.objects().read(named.key, named.renew, use->pending);
+            break;
         }
-        const Status status = store.objects().read(named.key, named.renew, use->pending);
         if (status == OMRALIB_RET_SUCCESS) {
             *pdata_len_out = use->pending.length();
             if (use->pending.length() == 0) {
@@ -172,6 +184,7 @@ int Omralib_read_and_lock_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned
         }
         use->locks.add({named.key, ticket});
         store.leases.note_lock();
+        use->note.note(HandleNote::Deed::locked, named.key);
         hand_over(use, std::move(content), pdata_len_out);
         use->count_read();
         return ticket;
@@ -197,7 +210,8 @@ int Omralib_update_locked_obj(OMRALIB_HANDLE hdl, int lock_tkt, unsigned int unl
         const Status status = store.objects().update(named.key, lock_tkt, unlock == 1, named.renew,
                                                      as_bytes(pdata, data_len));
         if (status == OMRALIB_RET_SUCCESS && named.key.app_id == reserved_app_id) {
-            store.serving.requests.note_update(named.key);
+            use->note.note(HandleNote::Deed::written, named.key, data_len);
+            store.serving.chunks.note_update(named.key);
         }
         note_no_room(store, named.key, status);
         return drop_lock_if_gone(use, named.key, lock_tkt, unlock == 1, status);
@@ -215,6 +229,7 @@ int Omralib_unlock_obj(OMRALIB_HANDLE hdl, int lock_tkt, unsigned int options, O
             return OMRALIB_ERR_LOCK_LOST;
         }
         const Status status = store.objects().unlock(named.key, lock_tkt);
+        use->note.note_unlocked(named.key);
         return drop_lock_if_gone(use, named.key, lock_tkt, true, status);
     });
 }

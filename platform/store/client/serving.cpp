@@ -1,6 +1,8 @@
 /* Callbacks, app ids and the requests that this process handles. */
 #include "client/calls.h"
 
+#include <utility>
+
 using namespace store;
 
 int Omralib_register_cb(unsigned int cb_type, OMRALIB_CB cb) {
@@ -39,8 +41,12 @@ int Omralib_get_invoke_keys(unsigned int context, OMRA_OBJKEY *pkeys, unsigned i
 
 int Omralib_complete_invoke(OMRALIB_HANDLE hdl, unsigned int context, unsigned int num_successful,
                             unsigned int num_failed) {
-    return with_handle(hdl, [&](Store &store, HandleUse &) {
-        return store.serving.complete(context, num_successful, num_failed);
+    return with_handle(hdl, [&](Store &store, HandleUse &use) {
+        if (!use->pending) {
+            use->cursor.leave();
+        }
+        return store.serving.complete(context, num_successful, num_failed,
+                                      std::exchange(use->note, {}));
     });
 }
 

@@ -14,7 +14,8 @@ constinit std::uint32_t Store::current_generation_ = 0;
 
 Store::Store(Engine engine, Clock &clock, const Configuration &configuration)
     : generation_(current_generation_), configuration_(configuration), engine_(std::move(engine)),
-      serving(objects(), cluster()), invocations(objects(), cluster(), clock, configuration_),
+      serving(objects(), cluster(), clock),
+      invocations(objects(), cluster(), clock, configuration_),
       leases(handles, objects(), clock, configuration_.lock_lease) {
     cluster().attach(serving, invocations, serving);
     [[maybe_unused]] static const int once =

@@ -33,33 +33,44 @@ Courier::~Courier() {
     }
 }
 
-void Courier::send(Request request) {
-    Reply refusal = refusal_of(request);
-    try {
+void Courier::add(Errand errand) {
+    {
         const Guard guard(lock_);
         if (!thread_.joinable()) {
             thread_ = std::thread(&Courier::run, this);
         }
-        waiting_.push_back(std::move(request));
-    } catch (const std::system_error &) {
-        refusal.refusal = OMRALIB_ERR_NO_WORKER; /* nor will there be a thread in a moment */
-        sink_.on_reply(refusal);
-        return;
-    } catch (const std::bad_alloc &) {
-        sink_.on_reply(refusal);
-        return;
+        waiting_.push_back(std::move(errand));
     }
     wake_.notify_one();
 }
 
+void Courier::send(Request request) {
+    Reply refusal = refusal_of(request);
+    try {
+        add(std::move(request));
+    } catch (const std::system_error &) {
+        refusal.refusal = OMRALIB_ERR_NO_WORKER; /* nor will there be a thread in a moment */
+        sink_.on_reply(refusal);
+    } catch (const std::bad_alloc &) {
+        sink_.on_reply(refusal);
+    }
+}
+
+void Courier::call_back(const HostId &sender, RequestId request) {
+    add(CallBack{sender, request});
+}
+
 bool Courier::take_back(RequestId request) {
     const Guard guard(lock_);
-    return std::erase_if(waiting_, [&](const Request &it) { return it.id == request; }) > 0;
+    return std::erase_if(waiting_, [&](const Errand &errand) {
+               const Request *waiting = std::get_if<Request>(&errand);
+               return waiting != nullptr && waiting->id == request;
+           }) > 0;
 }
 
 void Courier::run() {
     for (;;) {
-        Request request;
+        Errand errand;
         {
             MutexLock lock(lock_);
             while (!ending_ && waiting_.empty()) {
@@ -68,10 +79,19 @@ void Courier::run() {
             if (ending_) {
                 return;
             }
-            request = std::move(waiting_.front());
+            errand = std::move(waiting_.front());
             waiting_.pop_front();
         }
-        hand_over(std::move(request));
+        carry_out(std::move(errand));
+    }
+}
+
+void Courier::carry_out(Errand errand) {
+    if (Request *request = std::get_if<Request>(&errand)) {
+        hand_over(std::move(*request));
+    } else {
+        const CallBack &call = std::get<CallBack>(errand);
+        receiver_.go_on(call.sender, call.request);
     }
 }
 

@@ -2,6 +2,7 @@
 #include "embedded/embedded_cluster.h"
 
 #include <algorithm>
+#include <exception>
 
 namespace store {
 
@@ -246,6 +247,20 @@ Status EmbeddedCluster::withdraw(const HostId &, RequestId request) {
 Status EmbeddedCluster::progress_of(const HostId &, RequestId request,
                                     RequestProgress &progress_out) {
     progress_out = receiver_->progress_of(this_host(), request);
+    return OMRALIB_RET_SUCCESS;
+}
+
+Status EmbeddedCluster::renew(const HostId &, RequestId request) {
+    receiver_->renew(this_host(), request);
+    return OMRALIB_RET_SUCCESS;
+}
+
+Status EmbeddedCluster::call_back(const HostId &host, const HostId &sender, RequestId request) {
+    try {
+        couriers_[index_of(host)]->call_back(sender, request);
+    } catch (const std::exception &) {
+        return OMRALIB_ERR_NO_SPACE;
+    }
     return OMRALIB_RET_SUCCESS;
 }
 

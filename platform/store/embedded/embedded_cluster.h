@@ -48,6 +48,8 @@ public:
     Status withdraw(const HostId &host, RequestId request) override;
     Status progress_of(const HostId &host, RequestId request,
                        RequestProgress &progress_out) override;
+    Status renew(const HostId &host, RequestId request) override;
+    Status call_back(const HostId &host, const HostId &sender, RequestId request) override;
     Status reply(const Reply &reply) override { return on_reply(reply); }
     Status declare_gone(std::uint32_t host_number) override;
 

@@ -2,6 +2,7 @@
  * shards have, one after the other. */
 #include "embedded/embedded_objects.h"
 
+#include <algorithm>
 #include <set>
 #include <utility>
 
@@ -19,35 +20,147 @@ Shards make_shards(const ShardContext &context, std::index_sequence<I...>) {
     return {{(static_cast<void>(I), Shard(context))...}};
 }
 
-/* A shard is a piece, or what can be tested of it within about a millisecond. */
-class EmbeddedScan final : public Scan {
-public:
-    EmbeddedScan(Shards &shards, std::vector<std::uint32_t> app_ids, const Selection &selection,
-                 const Part *part, std::uint32_t now_s)
-        : shards_(shards), app_ids_(std::move(app_ids)), plan_(selection, now_s),
-          slots_(part != nullptr && !part->is_whole ? SlotSet(part->slots) : SlotSet()) {}
+SlotSet slots_in(const Part *part) {
+    return part != nullptr && !part->is_whole ? SlotSet(part->slots) : SlotSet();
+}
 
-    /* Keys spread evenly: by those of the first shard, and some more. */
-    std::uint64_t expected() const override {
-        std::size_t first = 0;
-        while (first < num_shards && !slots_.touches(first)) {
-            ++first;
+/* Records that are kept in memory although they may be removed or replaced meanwhile. */
+class HeldRecords final : public AtHand {
+public:
+    explicit HeldRecords(std::vector<RecordRef> records) : records_(std::move(records)) {}
+
+    bool read(std::size_t place, Content &content_out) override {
+        constexpr std::size_t ahead = 6;
+        if (place + ahead < records_.size()) {
+            bring_into_reach(records_[place + ahead].get());
         }
-        std::uint64_t num_records = 0;
-        for (const std::uint32_t app_id : app_ids_) {
-            num_records +=
-                plan_.selects_all() && first < num_shards ? shards_[first].num_records(app_id) : 0;
+        Record *record = records_[place].get();
+        if (record == nullptr || !record->is_stored.load(std::memory_order_acquire)) {
+            return false;
         }
-        return num_records * slots_.num_shards_touched() * 9 / 8;
+        content_out = Content(record->bytes(), record, [](void *) {});
+        return true;
     }
 
-    Status next(std::vector<Key> &keys, bool &more_out) override {
-        if (!untested_.empty()) {
-            shard_at(next_ - 1).collect_some(app_id_at(next_ - 1), plan_, keys, untested_);
-        } else {
-            begin_shard(keys);
+private:
+    static void bring_into_reach(const Record *record) {
+        const auto *lines = reinterpret_cast<const std::byte *>(record);
+        for (std::size_t offset = 0; record != nullptr && offset < 192; offset += 64) {
+            __builtin_prefetch(lines + offset);
         }
-        more_out = !untested_.empty() || next_ < end();
+    }
+
+    const std::vector<RecordRef> records_;
+};
+
+/* All records of some app ids, along their lists. */
+class ListScan final : public Scan {
+public:
+    ListScan(std::vector<std::shared_ptr<RecordList>> lists, std::uint32_t sample, const Part *part,
+             const Clock &clock)
+        : lists_(std::move(lists)), sample_(sample), slots_(slots_in(part)), clock_(clock) {
+        places_.reserve(lists_.size());
+        for (const auto &list : lists_) {
+            places_.push_back(list->begin_scan());
+            num_expected_ += list->size();
+        }
+        num_expected_ = num_expected_ * slots_.size() / num_slots;
+    }
+
+    std::uint64_t expected() const override {
+        return num_expected_ - std::min(num_expected_, num_examined_);
+    }
+
+    Status next(std::size_t max_keys, bool hold, Piece &piece) override {
+        constexpr std::size_t max_records = 4096;
+        constexpr int max_rounds = 16; /* along a list with few records */
+        const std::size_t max = std::min(max_keys, max_records);
+        const Millis now = clock_.now();
+        std::vector<RecordRef> held;
+        piece.keys.reserve(piece.keys.size() + max);
+        held.reserve(hold ? max : 0);
+        const auto give = [&](Record &record) {
+            if (record.is_expired(now) || !in_sample(record.key, sample_)) {
+                return;
+            }
+            piece.keys.push_back(record.key);
+            if (hold) {
+                held.push_back(is_worth_holding(record) ? RecordRef::share(record) : RecordRef());
+            }
+        };
+        std::size_t num_left = max;
+        for (int i = 0; i < max_rounds && num_left != 0 && current_ < lists_.size(); ++i) {
+            const std::size_t num_visited = num_left;
+            if (!lists_[current_]->go_on(places_[current_], num_left, slots_, give)) {
+                ++current_;
+            }
+            num_examined_ += num_visited - num_left;
+        }
+        piece.is_last = current_ == lists_.size();
+        if (hold) {
+            sort(piece.keys, held);
+            piece.at_hand = std::make_unique<HeldRecords>(std::move(held));
+        }
+        return OMRALIB_RET_SUCCESS;
+    }
+
+    std::uint64_t num_examined() const override { return num_examined_; }
+
+private:
+    /* Those with a time-out are not the same from one moment to the next, and large ones cost more
+     * to keep than to find. */
+    static bool is_worth_holding(const Record &record) {
+        constexpr std::uint32_t large = 4096;
+        return record.timeout_m == 0 && record.length() <= large;
+    }
+
+    /* Into key order, in which they mostly are. */
+    static void sort(std::vector<Key> &keys, std::vector<RecordRef> &held) {
+        if (std::is_sorted(keys.begin(), keys.end(), KeyLess())) {
+            return;
+        }
+        std::vector<std::pair<Key, std::size_t>> order(keys.size());
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            order[i] = {keys[i], i};
+        }
+        std::sort(order.begin(), order.end(),
+                  [](const auto &a, const auto &b) { return order_of(a.first, b.first) < 0; });
+        std::vector<RecordRef> sorted(held.size());
+        for (std::size_t i = 0; i < order.size(); ++i) {
+            keys[i] = order[i].first;
+            sorted[i] = std::move(held[order[i].second]);
+        }
+        held = std::move(sorted);
+    }
+
+    const std::vector<std::shared_ptr<RecordList>> lists_;
+    const std::uint32_t sample_;
+    const SlotSet slots_;
+    const Clock &clock_;
+    std::vector<RecordList::Place> places_;
+    std::size_t current_ = 0;
+    std::uint64_t num_expected_ = 0; /* records of the lists */
+    std::uint64_t num_examined_ = 0;
+};
+
+/* The records for which a query holds, from shard to shard: a piece is what one has, or what can be
+ * tested of it within about a millisecond. */
+class QueryScan final : public Scan {
+public:
+    QueryScan(Shards &shards, std::vector<std::uint32_t> app_ids, const Selection &selection,
+              const Part *part, std::uint32_t now_s)
+        : shards_(shards), app_ids_(std::move(app_ids)), plan_(selection, now_s),
+          slots_(slots_in(part)) {}
+
+    std::uint64_t expected() const override { return 0; }
+
+    Status next(std::size_t, bool, Piece &piece) override {
+        if (!untested_.empty()) {
+            shard_at(next_ - 1).collect_some(app_id_at(next_ - 1), plan_, piece.keys, untested_);
+        } else {
+            begin_shard(piece.keys);
+        }
+        piece.is_last = untested_.empty() && next_ == end();
         return OMRALIB_RET_SUCCESS;
     }
 
@@ -82,7 +195,7 @@ private:
 } // namespace
 
 EmbeddedObjects::EmbeddedObjects(Clock &clock, const Configuration &configuration)
-    : context_{clock, configuration.lock_lease, budget_, waiters_, sweeper_},
+    : context_{clock, configuration.lock_lease, budget_, waiters_, lists_, sweeper_},
       budget_(configuration.memory_limit), waiters_(clock),
       shards_(make_shards(context_, std::make_index_sequence<num_shards>())),
       sweeper_(clock, shards_) {}
@@ -182,20 +295,36 @@ std::vector<std::uint32_t> EmbeddedObjects::app_ids_of(std::uint32_t app_id) {
     return {all.begin(), all.upper_bound(last_ordinary_app_id)};
 }
 
+/* The lists of those app ids. */
+std::vector<std::shared_ptr<RecordList>> EmbeddedObjects::lists_of(std::uint32_t app_id) {
+    std::vector<std::shared_ptr<RecordList>> lists;
+    for (const std::uint32_t each : app_ids_of(app_id)) {
+        if (std::shared_ptr<RecordList> list = lists_.find(each)) {
+            lists.push_back(std::move(list));
+        }
+    }
+    return lists;
+}
+
 std::uint64_t EmbeddedObjects::num_records(std::uint32_t app_id) {
     std::uint64_t num = 0;
-    for (const std::uint32_t each : app_ids_of(app_id)) {
-        for (Shard &shard : shards_) {
-            num += shard.num_records(each);
-        }
+    for (const auto &list : lists_of(app_id)) {
+        num += list->size();
     }
     return num;
 }
 
 Status EmbeddedObjects::scan(const Selection &selection, const Part *part,
                              std::unique_ptr<Scan> &scan_out) {
-    scan_out = std::make_unique<EmbeddedScan>(shards_, app_ids_of(selection.app_id), selection,
-                                              part, second_of(context_.clock.now()));
+    const bool is_query =
+        selection.where.kind != Condition::Kind::all_of || !selection.where.parts.empty();
+    if (is_query) {
+        scan_out = std::make_unique<QueryScan>(shards_, app_ids_of(selection.app_id), selection,
+                                               part, second_of(context_.clock.now()));
+    } else {
+        scan_out = std::make_unique<ListScan>(lists_of(selection.app_id), selection.sample, part,
+                                              context_.clock);
+    }
     return OMRALIB_RET_SUCCESS;
 }
 

@@ -1,9 +1,11 @@
 /* Objects in this process's memory: the default engine's.
  *
  *   EmbeddedObjects -> Shard (by hash of the key) -> Section (one per app id) -> Record
+ *                   -> RecordList (one per app id) ------------------------------^
  *
  * A shard has a lock of its own, so that threads which use different objects rarely meet. The key
- * space falls into slots by the top bits of the hash, several to a shard. */
+ * space falls into slots by the top bits of the hash, several to a shard. Whoever goes through all
+ * objects of an app id goes along its list, whoever has a query through the shards. */
 #pragma once
 
 #include <atomic>
@@ -56,6 +58,7 @@ public:
 private:
     Shard &shard_of(std::uint64_t hash) { return shards_[shard_of_slot(slot_of(hash))]; }
     std::vector<std::uint32_t> app_ids_of(std::uint32_t app_id);
+    std::vector<std::shared_ptr<RecordList>> lists_of(std::uint32_t app_id);
     int next_ticket();
 
     /* Constant after set-up. */
@@ -64,6 +67,7 @@ private:
     /* Self-synchronised. */
     MemoryBudget budget_;
     LockWaiters waiters_;
+    RecordLists lists_;
     Shards shards_;
     Sweeper sweeper_;
     std::atomic<std::uint32_t> last_ticket_{0};

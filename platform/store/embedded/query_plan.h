@@ -34,12 +34,6 @@ public:
 
     const Selection &selection() const { return selection_; }
 
-    /* Whether every record is a match. */
-    bool selects_all() const {
-        return selection_.where.kind == Condition::Kind::all_of && selection_.where.parts.empty() &&
-               selection_.sample == whole_sample;
-    }
-
     /* Turns to a shard and chooses the way there. True: look_up() finds the records to be tested;
      * false: every record has to be. */
     bool bind(ObjectIndex &index, std::size_t num_records);
@@ -72,9 +66,6 @@ public:
         ++num_examined_;
         return holds(nodes_.front(), record);
     }
-
-    /* As test() for that many records, which are all matches since every record is. */
-    void pass_all(std::size_t num_records) { num_examined_ += num_records; }
 
     /* Records and index values looked at so far. */
     std::uint64_t num_examined() const { return num_examined_; }

@@ -20,6 +20,7 @@
 namespace store {
 
 struct IndexEntry;
+struct RecordEntry;
 class RecordRef;
 
 /* Its place in the table of its shard, which it brings along: what is stored needs no more memory
@@ -34,18 +35,23 @@ private:
     const std::uint32_t length_;
 
 public:
+    /* In the shard. Changes under its lock. */
+    std::atomic<bool> is_stored{false};
+
     /* Guarded by the lock of the record's shard. */
     std::uint8_t num_entries = 0;
-    bool is_stored = false;   /* in the shard */
     bool is_gathered = false; /* for the search that has the lock */
 
     /* Constant once stored. */
     std::uint32_t timeout_m;
     const Key key;
 
+    /* Moves with every renewal, under the lock of the record's shard. */
+    std::atomic<Millis> expires_at{never};
+
     /* Guarded by the lock of the record's shard. */
-    Millis expires_at = never; /* moves with every renewal */
-    Millis queued_at = never;  /* the place in the expiry queue; at most expires_at */
+    RecordEntry *entry = nullptr; /* its place in the list of its app id */
+    Millis queued_at = never;     /* the place in the expiry queue; at most expires_at */
     union {
         IndexEntry *entries = nullptr; /* owned while the record is stored; see object_index.h */
         Record *next;                  /* once it has left the shard; see expiry.h */
@@ -67,6 +73,8 @@ public:
         return {bytes(), this, [](void *record) { static_cast<Record *>(record)->release(); }};
     }
 
+    bool is_expired(Millis now) const { return timeout_m != 0 && expires_at <= now; }
+
     void add_ref() { refs_.fetch_add(1, std::memory_order_relaxed); }
     void release() {
         if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
@@ -76,7 +84,7 @@ public:
     }
 };
 
-static_assert(sizeof(Record) == 96, "every object costs this much beside its bytes");
+static_assert(sizeof(Record) == 104, "every object costs this much beside its bytes");
 
 /* Holds one reference to a record, or none. */
 class RecordRef {

@@ -45,7 +45,7 @@ Shard::~Shard() {
 /* Under the lock: records --------------------------------------------------------------------- */
 
 bool Shard::is_expired(const Record &record) const {
-    return record.timeout_m != 0 && record.expires_at <= context_.clock.now();
+    return record.timeout_m != 0 && record.is_expired(context_.clock.now());
 }
 
 /* nullptr when there is none; mostly the one of the operation before. */
@@ -112,8 +112,8 @@ void Shard::renew(Record &record) const {
 
 void Shard::enqueue(Record &record) {
     if (record.timeout_m != 0) {
-        expiry_.emplace_hint(expiry_.end(), record.expires_at, &record);
-        record.queued_at = record.expires_at;
+        expiry_.emplace_hint(expiry_.end(), record.expires_at.load(), &record);
+        record.queued_at = record.expires_at.load();
         context_.expiry.on_due(record.queued_at);
     }
 }
@@ -148,10 +148,19 @@ void Shard::join(Section &section, Record &fresh, std::span<const OMRA_OBJ_INDEX
 }
 
 /* Puts in a record whose key is free. Changes nothing when it throws. */
-void Shard::insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values) {
+void Shard::insert(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values) {
     Section &section = sections_[fresh->key.app_id];
     try {
-        join(section, *fresh.get(), values);
+        if (section.list == nullptr) {
+            section.list = context_.lists.get(fresh->key.app_id);
+        }
+        section.list->add(*fresh.get(), slot_of(hash));
+        try {
+            join(section, *fresh.get(), values);
+        } catch (...) {
+            section.list->remove(*fresh.get());
+            throw;
+        }
     } catch (...) {
         note_emptied(fresh->key.app_id);
         throw;
@@ -169,6 +178,7 @@ RecordRef Shard::put_in_place_of(Section &section, Record &old, RecordRef fresh)
     section.num_bytes -= old.length();
     old.is_stored = false;
     fresh->is_stored = true;
+    section.list->replace(old, *fresh.get());
     section.records.erase(section.records.iterator_to(old));
     section.records.insert(*fresh.detach());
     return RecordRef::adopt(&old);
@@ -183,6 +193,7 @@ RecordRef Shard::take(Record &record) {
     section.index.detach(record);
     section.num_bytes -= record.length();
     record.is_stored = false;
+    section.list->remove(record);
     section.records.erase(section.records.iterator_to(record));
     note_emptied(record.key.app_id);
     return RecordRef::adopt(&record);
@@ -254,7 +265,7 @@ Status Shard::create(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_O
     if (!charge) {
         return OMRALIB_ERR_NO_SPACE;
     }
-    insert(std::move(fresh), values);
+    insert(std::move(fresh), hash, values);
     charge.keep();
     return OMRALIB_RET_SUCCESS;
 }
@@ -313,7 +324,7 @@ Status Shard::update(const Key &key, std::uint64_t hash, int ticket, bool unlock
         return OMRALIB_ERR_NO_SPACE;
     }
     fresh->timeout_m = record->timeout_m;
-    fresh->expires_at = record->expires_at;
+    fresh->expires_at = record->expires_at.load();
     fresh->stored_s = record->stored_s;
     fresh->ticket = ticket;
     if (renewing) {
@@ -478,21 +489,11 @@ void Shard::collect(std::uint32_t app_id, QueryPlan &plan, const SlotSet *slots,
                (slots == nullptr || slots->contains(slot_of(hash_of(record.key)))) &&
                in_sample(record.key, plan.selection().sample);
     };
-    const auto add = [&](const Record &record) {
-        if (is_wanted(record)) {
-            keys.push_back(record.key);
-        }
-    };
-    if (plan.selects_all()) {
-        plan.pass_all(records.size());
-        std::for_each(records.begin(), records.end(), add);
-        return;
-    }
     const bool is_looked_up = plan.bind(section->index, records.size());
     if (!is_looked_up && records.size() <= plan.num_testable()) {
         for (const Record &record : records) {
-            if (plan.test(record)) {
-                add(record);
+            if (plan.test(record) && is_wanted(record)) {
+                keys.push_back(record.key);
             }
         }
         return;

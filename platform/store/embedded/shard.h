@@ -30,6 +30,7 @@
 #include "embedded/object_index.h"
 #include "embedded/query_plan.h"
 #include "embedded/record.h"
+#include "embedded/record_list.h"
 #include "embedded/slots.h"
 #include "engine/objects.h"
 
@@ -43,6 +44,7 @@ struct ShardContext {
     const Millis lock_lease;
     MemoryBudget &budget;
     LockWaiters &waiters;
+    RecordLists &lists;
     ExpirySink &expiry;
 };
 
@@ -71,8 +73,8 @@ public:
     Status lock(const Key &key, std::uint64_t hash, bool renew, int ticket, bool mark,
                 Content &content_out);
 
-    /* Appends the keys of the selected records of an app id, in no order; only those in `slots`
-     * unless that is nullptr. Those that would take too long come to `untested`, for
+    /* Appends the keys of the records of an app id for which a query holds, in no order; only those
+     * in `slots` unless that is nullptr. Those that would take too long come to `untested`, for
      * collect_some(). */
     void collect(std::uint32_t app_id, QueryPlan &plan, const SlotSet *slots,
                  std::vector<Key> &keys, std::vector<RecordRef> &untested);
@@ -123,6 +125,7 @@ private:
 
         /* Holds one reference to each record. */
         Records records{{first_buckets.data(), first_buckets.size()}};
+        std::shared_ptr<RecordList> list; /* of the app id, in which they are */
         std::uint64_t num_bytes = 0;
         ObjectIndex index;
 
@@ -149,7 +152,7 @@ private:
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     void join(Section &section, Record &fresh, std::span<const OMRA_OBJ_INDEX> values)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
-    void insert(RecordRef fresh, std::span<const OMRA_OBJ_INDEX> values)
+    void insert(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);
     RecordRef put_in_place_of(Section &section, Record &old, RecordRef fresh)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(lock_);

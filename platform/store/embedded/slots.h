@@ -2,8 +2,8 @@
  * slots share a shard. */
 #pragma once
 
-#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <span>
 
@@ -39,9 +39,12 @@ public:
     }
     bool touches(std::size_t shard) const { return of_shard_[shard] != 0; }
     bool holds_all_of(std::size_t shard) const { return of_shard_[shard] == every; }
-    std::size_t num_shards_touched() const {
-        return static_cast<std::size_t>(std::count_if(
-            of_shard_.begin(), of_shard_.end(), [](std::uint8_t slots) { return slots != 0; }));
+    std::size_t size() const {
+        std::size_t num = 0;
+        for (const std::uint8_t slots : of_shard_) {
+            num += static_cast<std::size_t>(std::popcount(slots));
+        }
+        return num;
     }
 
 private:

@@ -55,6 +55,7 @@ struct Request {
     std::uint32_t event_app_id = 0;  /* whose workers handle it */
     bool progress_is_wanted = false; /* the sender will ask how far it is */
     bool is_merge = false;           /* of the object params_key into the one at results_key */
+    bool is_indivisible = false;     /* its objects are to be evaluated as one request */
 
     std::uint32_t app_id = 0; /* of the objects */
     std::uint64_t invoke_op = 0;
@@ -101,6 +102,12 @@ public:
 
     /* How far a request is whose progress is wanted; nothing when it is not known here. */
     virtual RequestProgress progress_of(const HostId &sender, RequestId request) = 0;
+
+    /* The sender still waits for the request: what there is of its results is to stay. */
+    virtual void renew(const HostId &sender, RequestId request) = 0;
+
+    /* The receiver has asked to be called, see Cluster::call_back. */
+    virtual void go_on(const HostId &sender, RequestId request) = 0;
 };
 
 /* On the host that sent a request. Called on threads of the engine's choice. */
@@ -165,6 +172,13 @@ public:
     /* How far a request is whose progress is wanted, as far as this host has heard. */
     virtual Status progress_of(const HostId &host, RequestId request,
                                RequestProgress &progress_out) = 0;
+
+    /* Tells the host that somebody still waits for this request; to be done twice a minute. */
+    virtual Status renew(const HostId &host, RequestId request) = 0;
+
+    /* Calls RequestReceiver::go_on() soon, on a thread of the engine's own and after what has been
+     * sent to this host before. For receivers. Needs no answer: never OMRALIB_ERR_UNKNOWN. */
+    virtual Status call_back(const HostId &host, const HostId &sender, RequestId request) = 0;
 
     /* Carries the reply to the request's sender; what its ReplySink said, as far as the engine can
      * know it, else success. The same reply may be given again after OMRALIB_ERR_UNKNOWN; it counts

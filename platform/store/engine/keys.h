@@ -44,6 +44,12 @@ inline bool is_null(const Key &key) {
     return OMRA_OBJKEY_IS_NULL(key);
 }
 
+/* One of those that belong to a temporary object's key; 0 is that itself. */
+inline Key numbered(Key key, std::uint64_t number) {
+    key.obj_id.u64_comp[1] = number;
+    return key;
+}
+
 /* Key order: by the fields as they stand in the record, ids by their 64-bit components, the first
  * component first. */
 inline std::strong_ordering order_of(const Key &a, const Key &b) {

@@ -9,6 +9,8 @@ namespace store {
 
 namespace {
 
+constexpr std::size_t keys_at_a_time = 4096;
+
 /* `one(i)` for each of `num`; success, or what the first that failed answered. */
 template <typename One>
 Status each(std::size_t num, std::span<Status> statuses_out, One one) {
@@ -48,21 +50,20 @@ Status find(Objects &objects, const Selection &selection, const Part *part,
             std::vector<Key> &keys_out, const SearchCheck &check) {
     std::unique_ptr<Scan> scan;
     Status status = objects.scan(selection, part, scan);
-    std::vector<Key> keys;
+    Piece all;
     if (status == OMRALIB_RET_SUCCESS) {
-        keys.reserve(scan->expected());
+        all.keys.reserve(scan->expected());
     }
-    bool more = true;
     unsigned int num_pieces = 0;
-    while (status == OMRALIB_RET_SUCCESS && more) {
-        status = scan->next(keys, more);
+    while (status == OMRALIB_RET_SUCCESS && !all.is_last) {
+        status = scan->next(keys_at_a_time, false, all);
         if (status == OMRALIB_RET_SUCCESS && check && ++num_pieces % 8 == 0) {
             status = check();
         }
     }
     if (status == OMRALIB_RET_SUCCESS) {
-        keep_first(keys, selection.limit);
-        keys_out = std::move(keys);
+        keep_first(all.keys, selection.limit);
+        keys_out = std::move(all.keys);
     }
     return status;
 }

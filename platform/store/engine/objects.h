@@ -15,6 +15,7 @@
  *  5. std::bad_alloc may leave any operation that stores or lists; rule 2 holds for it too. */
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -51,9 +52,30 @@ struct Activity {
     std::uint64_t num_lock_waits = 0; /* calls of read_and_lock that had to wait */
 };
 
+/* The objects of some keys, so that reading them needs no looking up. Used by any number of threads
+ * at once. */
+class AtHand {
+public:
+    AtHand() = default;
+    AtHand(const AtHand &) = delete;
+    AtHand &operator=(const AtHand &) = delete;
+    virtual ~AtHand() = default;
+
+    /* A use of the object of the key at `place`: what Objects::read() would answer now. False when
+     * it has to be asked. The content is to go before this does. */
+    virtual bool read(std::size_t place, Content &content_out) = 0;
+};
+
+/* What a scan gives at a time. */
+struct Piece {
+    std::vector<Key> keys;
+    std::unique_ptr<AtHand> at_hand; /* of these keys, if the engine has them */
+    bool is_last = false;
+};
+
 /* A selection given piece by piece. Every object that is there all the time is given once; one that
- * comes or goes meanwhile, once or not at all. Nothing is held for it between two pieces. Used by
- * one thread at a time; its objects outlive it. */
+ * comes or goes meanwhile, once or not at all. Used by one thread at a time; its objects outlive
+ * it. */
 class Scan {
 public:
     Scan() = default;
@@ -65,9 +87,10 @@ public:
      */
     virtual std::uint64_t expected() const = 0;
 
-    /* Appends the next piece to `keys`, in no order; a piece may be empty, and takes about a
-     * millisecond at most where a query is costly. `more_out` is false when it was the last one. */
-    virtual Status next(std::vector<Key> &keys, bool &more_out) = 0;
+    /* Appends up to `max_keys` keys to the piece; there may be none, and it takes about a
+     * millisecond at most where a query is costly. With `hold` the piece, which is empty before,
+     * may have its objects at hand and its keys are then in key order; else they are in none. */
+    virtual Status next(std::size_t max_keys, bool hold, Piece &piece) = 0;
 
     /* Records and index values looked at so far: what the scan costs. */
     virtual std::uint64_t num_examined() const = 0;
@@ -143,6 +166,14 @@ public:
 
     virtual Status activity(Activity &activity_out) = 0;
 };
+
+/* Minutes that the objects of an invocation stay after their last use: its own time-out, if it has
+ * one, and a minute. */
+inline std::uint32_t temp_timeout_m(std::uint32_t invoke_timeout_s) {
+    constexpr std::uint64_t grace_s = 60;
+    constexpr std::uint64_t max_m = 0xFFFF;
+    return static_cast<std::uint32_t>(std::min((invoke_timeout_s + grace_s + 59) / 60, max_m));
+}
 
 /* All keys of a selection, or of a part of it, in key order, and no more than the selection's
  * limit; or what `check` answers after some pieces, if that is no success. */

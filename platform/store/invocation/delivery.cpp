@@ -165,6 +165,7 @@ Request Delivery::make_request(const Task &task) const {
     request.event_app_id = header.reserved2;
     request.progress_is_wanted = progress_is_wanted_ && !task.is_fold;
     request.is_merge = task.is_fold;
+    request.is_indivisible = order_.is_singleton;
     request.app_id = header.app_id;
     request.invoke_op = header.invoke_op;
     request.merge_op = header.merge_op;
@@ -185,9 +186,9 @@ bool Delivery::prepare(Task &task) {
     task.results_key = shared_.temp_objects.make_key(TempKind::results);
     task.exceptions_key = shared_.temp_objects.make_key(TempKind::exceptions);
     const Status status =
-        task.is_fold
-            ? shared_.temp_objects.copy(task.fold.target.key, task.results_key, object_timeout_m())
-            : OMRALIB_RET_SUCCESS;
+        task.is_fold ? shared_.temp_objects.copy(task.fold.target.key, task.results_key,
+                                                 temp_timeout_m(order_.header.invoke_timeout))
+                     : OMRALIB_RET_SUCCESS;
     if (status == OMRALIB_RET_SUCCESS) {
         return true;
     }
@@ -340,11 +341,12 @@ Millis Delivery::next_due() const {
     return due;
 }
 
-std::uint32_t Delivery::object_timeout_m() const {
-    constexpr std::uint64_t grace_s = 60;
-    constexpr std::uint64_t max_m = 0xFFFF;
-    return static_cast<std::uint32_t>(
-        std::min((order_.header.invoke_timeout + grace_s + 59) / 60, max_m));
+void Delivery::renew() {
+    for (const Task &task : tasks_) {
+        if (task.state == Task::State::sent) {
+            shared_.cluster.renew(task.host, task.request);
+        }
+    }
 }
 
 } // namespace store

@@ -86,7 +86,7 @@ struct Task {
 
 class Delivery {
 public:
-    /* `progress_is_wanted`: of the requests that evaluate. */
+    /* `progress_is_wanted`: of the requests that evaluate; see Request. */
     Delivery(Shared &shared, const InvokeOrder &order, Mailbox &box, Millis deadline,
              bool progress_is_wanted)
         : shared_(shared), order_(order), box_(box), deadline_(deadline),
@@ -118,8 +118,8 @@ public:
     /* Withdraws what is not over. */
     void stop();
 
-    /* Minutes that temporary objects stay after their last use, like those that hosts make. */
-    std::uint32_t object_timeout_m() const;
+    /* Keeps what hosts have made for tasks that are not over from expiring. */
+    void renew();
 
 private:
     Task *find(RequestId request);

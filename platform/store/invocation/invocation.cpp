@@ -176,6 +176,7 @@ void Invocation::rest() {
 
 /* Keeps what is done from expiring before the slowest host is. */
 void Invocation::renew() {
+    delivery_.renew();
     folding_.renew();
     for (const Key &key : exceptions_keys()) {
         shared_.temp_objects.renew(key);
@@ -221,8 +222,9 @@ Status Invocation::answer(OMRA_INVOKE_RESULT &result_out) {
     result.num_failed = static_cast<ULONG>(matched - successful);
     const std::vector<Key> keys = exceptions_keys();
     if (result.num_failed != 0) {
-        status = join_exceptions(shared_.temp_objects, keys, delivery_.object_timeout_m(),
-                                 result.exceptions_key);
+        status =
+            join_exceptions(shared_.temp_objects, keys,
+                            temp_timeout_m(order_.header.invoke_timeout), result.exceptions_key);
     } else {
         /* Whoever hears of no failure does not ask for exceptions. */
         shared_.temp_objects.remove(keys);
