@@ -130,9 +130,10 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
     SCOPED_TRACE(testing::Message() << "to see it again: STORE_HOSTS_SEED=" << seed);
     std::mt19937 random(seed);
     const unsigned int num_hosts = 1 + seed % 16;
-    /* An engine may let its hosts find their parts of very many themselves. */
+    /* Of very many objects hosts find their parts themselves, which come to them in chunks; of yet
+     * more, partial results grow so large that they are not added to. */
     const std::size_t bounds[] = {4, 4, 80, 80, 80, 80, 80, 80, 80, 80, 80, 1200};
-    const std::size_t bound = bounds[random() % 12];
+    const std::size_t bound = seed % 50 == 49 ? 6000 : bounds[random() % 12];
     const unsigned long long num = random() % bound;
     /* Room for the objects, and not always for all results. */
     const bool is_tight = random() % 8 == 0;
@@ -184,7 +185,7 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
         expect_exact(outcome, num);
     } else if (!(timeout_s != 0 && outcome.status == OMRALIB_ERR_INVOKE_TIMEOUT) &&
                !((is_tight || has_run_out) && outcome.status == OMRALIB_ERR_NO_SPACE) &&
-               !(!has_reliable && outcome.status == OMRALIB_ERR_NO_WORKER) &&
+               !((!has_reliable || answers_get_lost) && outcome.status == OMRALIB_ERR_NO_WORKER) &&
                !(answers_get_lost && outcome.status == OMRALIB_ERR_UNKNOWN)) {
         expect_consistent(outcome, num);
     }
@@ -194,8 +195,9 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
         << "nobody says why objects have failed";
     hosts.before_step = [](Job &) {};
     hosts.finish_zombies();
-    /* What nobody knows of goes when its time is over. */
-    hosts.clock.advance(answers_get_lost ? 5 * millis_per_minute : 0);
+    /* What nobody knows of goes when its time is over, as does what chunks of the dead have left.
+     */
+    hosts.clock.advance(answers_get_lost || num > 256 ? 5 * millis_per_minute : 0);
     EXPECT_EQ(0u, hosts.num_temp_objects());
     if (has_reliable && !is_tight &&
         !has_run_out) { /* nothing more is sent to those that have gone */

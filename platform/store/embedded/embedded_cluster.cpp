@@ -21,8 +21,8 @@ constexpr ReservedName reserved_names[] = {
 /* Other names get ordinary app ids from here on, far from the numbers that people choose. */
 constexpr std::uint32_t first_named_app_id = 0x0F000000;
 
-/* Up to this many objects are listed by the sender: dealing them out costs less than asking hosts
- * that may have none of them. */
+/* Up to this many objects are listed by the sender when there are several hosts: dealing them out
+ * costs less than asking hosts that may have none of them. */
 constexpr std::uint64_t few_objects = 1024;
 
 Share share_of(const HostId &host, std::vector<Key> keys) {
@@ -184,7 +184,12 @@ std::vector<Share> EmbeddedCluster::divide(const Selection &selection,
 
 Status EmbeddedCluster::plan(const Selection &selection, std::span<const HostId> hosts,
                              const SearchCheck &check, std::vector<Share> &shares_out) {
-    if (selection.limit == UINT64_MAX && objects_.num_records(selection.app_id) > few_objects) {
+    const std::uint64_t num_records = objects_.num_records(selection.app_id);
+    if (num_records == 0) {
+        shares_out.clear();
+        return OMRALIB_RET_SUCCESS;
+    }
+    if (selection.limit == UINT64_MAX && (hosts.size() == 1 || num_records > few_objects)) {
         shares_out = divide(selection, hosts);
         return OMRALIB_RET_SUCCESS;
     }

@@ -62,19 +62,16 @@ public:
         places_.reserve(lists_.size());
         for (const auto &list : lists_) {
             places_.push_back(list->begin_scan());
-            num_expected_ += list->size();
+            num_unvisited_ += list->size();
         }
-        num_expected_ = num_expected_ * slots_.size() / num_slots;
     }
 
-    std::uint64_t expected() const override {
-        return num_expected_ - std::min(num_expected_, num_examined_);
-    }
+    std::uint64_t expected() const override { return num_unvisited_ * slots_.size() / num_slots; }
 
     Status next(std::size_t max_keys, bool hold, Piece &piece) override {
         constexpr std::size_t max_records = 4096;
         constexpr int max_rounds = 16; /* along a list with few records */
-        const std::size_t max = std::min(max_keys, max_records);
+        const std::size_t max = std::min({max_keys, max_records, num_unvisited_});
         const Millis now = clock_.now();
         std::vector<RecordRef> held;
         piece.keys.reserve(piece.keys.size() + max);
@@ -90,13 +87,13 @@ public:
         };
         std::size_t num_left = max;
         for (int i = 0; i < max_rounds && num_left != 0 && current_ < lists_.size(); ++i) {
-            const std::size_t num_visited = num_left;
             if (!lists_[current_]->go_on(places_[current_], num_left, slots_, give)) {
                 ++current_;
             }
-            num_examined_ += num_visited - num_left;
         }
-        piece.is_last = current_ == lists_.size();
+        num_examined_ += max - num_left;
+        num_unvisited_ -= max - num_left;
+        piece.is_last = num_unvisited_ == 0 || current_ == lists_.size();
         if (hold) {
             sort(piece.keys, held);
             piece.at_hand = std::make_unique<HeldRecords>(std::move(held));
@@ -139,7 +136,7 @@ private:
     const Clock &clock_;
     std::vector<RecordList::Place> places_;
     std::size_t current_ = 0;
-    std::uint64_t num_expected_ = 0; /* records of the lists */
+    std::size_t num_unvisited_ = 0; /* records, at most, in slots or not */
     std::uint64_t num_examined_ = 0;
 };
 

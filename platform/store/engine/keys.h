@@ -23,6 +23,13 @@ inline constexpr std::uint32_t last_markable_app_id = 0x0FFFFFFE;
 /* Where the library keeps what belongs to invocations. */
 inline constexpr std::uint32_t reserved_app_id = 0x30000000;
 
+/* Kinds of temporary object, told apart by the flags of their keys. */
+enum class TempKind : unsigned char { results = 0x10, exceptions = 0x11 };
+
+inline bool is_results_key(const Key &key) {
+    return key.app_id == reserved_app_id && key.flags == static_cast<unsigned>(TempKind::results);
+}
+
 /* A key as a caller gave it, taken apart. */
 struct NamedObject {
     Key key;    /* plain */

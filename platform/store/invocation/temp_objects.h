@@ -12,9 +12,6 @@
 
 namespace store {
 
-/* Kinds of temporary object, told apart by the flags of their keys. */
-enum class TempKind : unsigned char { results = 0x10, exceptions = 0x11 };
-
 enum class Presence : std::uint8_t { there, gone, unknown };
 
 class TempObjects {

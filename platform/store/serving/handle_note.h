@@ -1,5 +1,5 @@
-/* What a handle has done last to a temporary object: a handler that has merged a chunk's results
- * does not say so when it completes the chunk. */
+/* What a handle has done last to a results object: a handler does not say, when it completes a
+ * chunk, whether the chunk's results are in it. */
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ struct HandleNote {
     std::uint64_t length = 0; /* bytes, of what was written */
 
     void note(Deed its_deed, const Key &its_key, std::uint64_t its_length = 0) {
-        if (its_key.app_id == reserved_app_id) {
+        if (is_results_key(its_key)) {
             *this = {its_deed, its_key, its_length};
         }
     }
