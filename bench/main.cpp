@@ -62,6 +62,8 @@ void add_options(CLI::App &app, Plan &plan, std::string &measure) {
     app.add_option("--calls", plan.num_calls, "Calls that latency is measured with");
     app.add_option("--pause", plan.pause_us, "Microseconds before each of these calls")
         ->check(CLI::NonNegativeNumber);
+    app.add_option("--beside", plan.num_beside,
+                   "For latency: objects of a long invocation that runs beside it");
     app.add_option("--invokers", plan.invokers, "Threads that invoke at once, in the rate")
         ->check(CLI::Range(1, 64));
     app.footer("Arguments that start with --benchmark_ go to Google Benchmark.");

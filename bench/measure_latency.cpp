@@ -1,7 +1,8 @@
 // Latency: the time of each of many invocations of few objects, one after another; with pauses
 // between them, every thread that a call needs has fallen asleep.
 //
-// What it is compared with takes its turns between batches of calls.
+// What it is compared with takes its turns between batches of calls. Beside them another thread may
+// invoke over many objects of its own without a pause, one long invocation after another.
 #include <thread>
 
 #include "comparisons.h"
@@ -13,6 +14,7 @@ namespace bench {
 namespace {
 
 constexpr std::size_t kBatch = 100; // calls in one turn
+constexpr unsigned int kAppIdBeside = 2;
 
 template <typename Run>
 void time_batch(const Run &run, double pause_us, const Outcome &expected,
@@ -34,7 +36,16 @@ void time_batch(const Run &run, double pause_us, const Outcome &expected,
 
 void measure_latency(benchmark::State &state, const Plan &plan) {
     store_objects(kAppId, plan.workload.num_objects, plan.workload);
+    store_objects(kAppIdBeside, plan.num_beside, plan.workload);
     start_worker(plan.workload);
+    const std::jthread beside([&](const std::stop_token &stop) {
+        Workload workload = plan.workload;
+        workload.num_objects = plan.num_beside;
+        const Invocation invocation(workload, kAppIdBeside);
+        while (plan.num_beside != 0 && !stop.stop_requested()) {
+            invocation.run();
+        }
+    });
     const Invocation ours(plan.workload, kAppId);
     Comparisons others(plan.workload, kAppId, false);
     const Outcome expected = others.run_loop().outcome;
