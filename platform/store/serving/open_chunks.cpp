@@ -13,6 +13,13 @@ constexpr std::size_t max_withdrawn_early = 4096;
 
 } // namespace
 
+/* Some requests may never have been finished. */
+OpenChunks::~OpenChunks() {
+    for (const auto &request : requests_) {
+        request->drop_put_back();
+    }
+}
+
 /* Requests ------------------------------------------------------------------------------------ */
 
 bool OpenChunks::add(const std::shared_ptr<ServedRequest> &request) {

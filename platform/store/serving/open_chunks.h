@@ -45,6 +45,7 @@ public:
     OpenChunks() = default;
     OpenChunks(const OpenChunks &) = delete;
     OpenChunks &operator=(const OpenChunks &) = delete;
+    ~OpenChunks();
 
     /* Requests -------------------------------------------------------------------------------- */
 

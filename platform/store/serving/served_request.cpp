@@ -142,6 +142,11 @@ void ServedRequest::put_back(std::shared_ptr<Chunk> chunk, int refusal) {
     }
 }
 
+void ServedRequest::drop_put_back() {
+    const Guard guard(lock_);
+    put_back_ = nullptr;
+}
+
 void ServedRequest::fail(int refusal) {
     const Guard guard(lock_);
     has_failed_ = true;
@@ -172,6 +177,7 @@ bool ServedRequest::can_go_on() const {
 ServedRequest::After ServedRequest::after_end() {
     is_fed_ = true;
     if (is_done()) {
+        put_back_ = nullptr;
         return After::finishing;
     }
     if (can_go_on()) {

@@ -98,6 +98,9 @@ public:
      * another one ends, or it fails the request. */
     void put_back(std::shared_ptr<Chunk> chunk, int refusal);
 
+    /* A chunk that was put back keeps its request in memory, and the request the chunk. */
+    void drop_put_back();
+
     /* The request cannot be done here: its sender is to hear this. */
     void fail(int refusal);
 
