@@ -58,16 +58,18 @@ typedef struct LINK {
     SYS_CSECT *csp;
 } LINK;
 
-#define SYS_QUEUE_MACHINERY_SIZE (sizeof(SYS_CSECT) + 2088)
+#define SYS_CACHE_LINE 64
+#define SYS_QUEUE_MACHINERY_SIZE 2176
 
 /* An intrusive queue; its operations are atomic with respect to each other. All its items are
- * counted by Sys_get_queue_count of sysapp.h. */
+ * counted by Sys_get_queue_count of sysapp.h. It stands at the start of a cache line, which a block
+ * of Sys_malloc does not. */
 typedef struct QUEUE {
     LINK link; /* the list head */
     ULONG id;
     ULONG count; /* of the items in the list; others may be at hand for single threads */
     SYS_CSECT *csp;
-    alignas(ULONGLONG) UCHAR machinery[SYS_QUEUE_MACHINERY_SIZE];
+    alignas(SYS_CACHE_LINE) UCHAR machinery[SYS_QUEUE_MACHINERY_SIZE];
 } QUEUE;
 
 /* A queue whose readers wait for items. */

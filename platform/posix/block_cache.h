@@ -13,9 +13,11 @@
 #include <array>
 #include <cstddef>
 
+#include "exported.h"
+
 namespace sysutil {
 
-inline constexpr std::size_t kCacheLine = 64;
+inline constexpr std::size_t kCacheLine = SYS_CACHE_LINE;
 inline constexpr std::size_t kMaxCachedSize = 1024;
 
 #if defined(__SANITIZE_ADDRESS__)

@@ -51,7 +51,7 @@ private:
 };
 
 // The items at hand for a part of the threads. Hardly ever do two threads want one at a time.
-struct Lane {
+struct alignas(SYS_CACHE_LINE) Lane {
     platform::AwakeLock lock; // held for a few instructions
     SharedNumber num_next;    // items to be taken next
     SharedNumber num_added;   // items that were added here and are not in the list yet
@@ -66,7 +66,7 @@ struct Lane {
     ULONGLONG num_ever_added ABSL_GUARDED_BY(lock) = 0;
 };
 
-static_assert(sizeof(Lane) == 128, "two cache lines: no two lanes have their locks in one");
+static_assert(sizeof(Lane) == 2 * SYS_CACHE_LINE, "no two lanes meet in a cache line");
 
 // What a QUEUE keeps beside the fields that its contract names. Of those, `link` and `count` are
 // the list, guarded by csect.
