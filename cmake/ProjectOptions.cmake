@@ -14,6 +14,8 @@ function(pmi_options)
             -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
             # Calls between the libraries go straight to their targets: an object takes some thirty.
             -fno-plt
+            # Nobody replaces a function that a library calls itself, so it may be inlined.
+            -fno-semantic-interposition
             ${pmi_processor_options})
     endforeach()
 endfunction()

@@ -24,8 +24,11 @@ extern "C" {
 #if defined(__GNUC__)
 #define SYS_PRINTF_CHECKED(format_arg, first_arg)                                                  \
     __attribute__((format(printf, format_arg, first_arg)))
+/* A compiler takes what leads to such a call for unlikely, and keeps it apart from the rest. */
+#define SYS_COLD __attribute__((cold))
 #else
 #define SYS_PRINTF_CHECKED(format_arg, first_arg)
+#define SYS_COLD
 #endif
 
 typedef unsigned long THREADID;
@@ -183,10 +186,10 @@ void Exit_cs(void);
 extern int sys_trace_level;
 
 /* Writes one trace line, whatever the level. */
-void Sys_trace_int(const char *format, ...) SYS_PRINTF_CHECKED(1, 2);
+void Sys_trace_int(const char *format, ...) SYS_PRINTF_CHECKED(1, 2) SYS_COLD;
 
 /* Reports a failed internal condition and returns; see sysapp.h. */
-void Sys_log_assert(const char *file, int line, const char *expression);
+void Sys_log_assert(const char *file, int line, const char *expression) SYS_COLD;
 
 #ifdef __cplusplus
 }
