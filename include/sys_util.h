@@ -147,9 +147,9 @@ void Queue_init(QUEUE *pq, unsigned int id);
 void Queue_enq(QUEUE *pq, LINK *plink);
 LINK *Queue_deq(QUEUE *pq); /* from the head; NULL when empty */
 
-/* Items wait aside here as well, until a reader has nothing else to do. One that is quick fetches up
- * to 64 at once and takes them one by one; while it is busy with one, readers with nothing else to
- * do, and after a while also busy ones, take the rest from the front. */
+/* Items wait aside here as well, until a reader has nothing else to do. One that is quick fetches
+ * up to 64 at once and takes them one by one; while it is busy with one, readers with nothing else
+ * to do, and after a while also busy ones, take the rest from the front. */
 void Blockq_init(BLOCKQ *pbq, unsigned int id);
 void Blockq_enq(BLOCKQ *pbq, LINK *plink); /* at the tail; wakes one waiting reader */
 
