@@ -24,8 +24,11 @@ extern "C" {
 #if defined(__GNUC__)
 #define SYS_PRINTF_CHECKED(format_arg, first_arg)                                                  \
     __attribute__((format(printf, format_arg, first_arg)))
+/* A compiler takes what leads to such a call for unlikely, and keeps it apart from the rest. */
+#define SYS_COLD __attribute__((cold))
 #else
 #define SYS_PRINTF_CHECKED(format_arg, first_arg)
+#define SYS_COLD
 #endif
 
 typedef unsigned long THREADID;
@@ -58,16 +61,18 @@ typedef struct LINK {
     SYS_CSECT *csp;
 } LINK;
 
-#define SYS_QUEUE_MACHINERY_SIZE (sizeof(SYS_CSECT) + 2088)
+#define SYS_CACHE_LINE 64
+#define SYS_QUEUE_MACHINERY_SIZE 2176
 
 /* An intrusive queue; its operations are atomic with respect to each other. All its items are
- * counted by Sys_get_queue_count of sysapp.h. */
+ * counted by Sys_get_queue_count of sysapp.h. It stands at the start of a cache line, which a block
+ * of Sys_malloc does not. */
 typedef struct QUEUE {
     LINK link; /* the list head */
     ULONG id;
     ULONG count; /* of the items in the list; others may be at hand for single threads */
     SYS_CSECT *csp;
-    alignas(ULONGLONG) UCHAR machinery[SYS_QUEUE_MACHINERY_SIZE];
+    alignas(SYS_CACHE_LINE) UCHAR machinery[SYS_QUEUE_MACHINERY_SIZE];
 } QUEUE;
 
 /* A queue whose readers wait for items. */
@@ -132,7 +137,7 @@ unsigned int Sys_get_pid(void);
 void Link_init(LINK *plink);
 BOOLEAN Link_inuse(LINK *plink);
 
-/* Threads that use a queue heavily do not meet there: up to 127 items that a thread has added wait
+/* Threads that use a queue heavily do not meet there: up to 63 items that a thread has added wait
  * aside until there are enough to be worth the trip, and as many are fetched at once. Whoever finds
  * nothing else takes what waits aside, so an item is never out of reach. What one thread adds keeps
  * its order as long as one thread takes it; items of several threads may overtake each other. */
@@ -142,9 +147,9 @@ void Queue_init(QUEUE *pq, unsigned int id);
 void Queue_enq(QUEUE *pq, LINK *plink);
 LINK *Queue_deq(QUEUE *pq); /* from the head; NULL when empty */
 
-/* Items are fetched in their order. A reader that is quick fetches up to 128 at once and takes them
- * one by one; while it is busy with one, readers with nothing else to do, and after a while also
- * busy ones, take the rest from the front. */
+/* Items wait aside here as well, until a reader has nothing else to do. One that is quick fetches
+ * up to 64 at once and takes them one by one; while it is busy with one, readers with nothing else
+ * to do, and after a while also busy ones, take the rest from the front. */
 void Blockq_init(BLOCKQ *pbq, unsigned int id);
 void Blockq_enq(BLOCKQ *pbq, LINK *plink); /* at the tail; wakes one waiting reader */
 
@@ -181,10 +186,10 @@ void Exit_cs(void);
 extern int sys_trace_level;
 
 /* Writes one trace line, whatever the level. */
-void Sys_trace_int(const char *format, ...) SYS_PRINTF_CHECKED(1, 2);
+void Sys_trace_int(const char *format, ...) SYS_PRINTF_CHECKED(1, 2) SYS_COLD;
 
 /* Reports a failed internal condition and returns; see sysapp.h. */
-void Sys_log_assert(const char *file, int line, const char *expression);
+void Sys_log_assert(const char *file, int line, const char *expression) SYS_COLD;
 
 #ifdef __cplusplus
 }

@@ -13,9 +13,11 @@
 #include <array>
 #include <cstddef>
 
+#include "exported.h"
+
 namespace sysutil {
 
-inline constexpr std::size_t kCacheLine = 64;
+inline constexpr std::size_t kCacheLine = SYS_CACHE_LINE;
 inline constexpr std::size_t kMaxCachedSize = 1024;
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -46,11 +48,15 @@ public:
         return block;
     }
 
-    // Takes over a block of allocate_block.
+    // Whether one more of the size may be kept.
+    bool has_room(std::size_t size) { return bin_of(size).num < kMaxBlocks; }
+
+    // Gives half of the blocks of the size back.
+    void make_room(std::size_t size) { give_back(bin_of(size), kMaxBlocks / 2); }
+
+    // Takes over a block of allocate_block; there is room for it.
     void keep(void *ptr, std::size_t size) {
         Bin &bin = bin_of(size);
-        if (bin.num == kMaxBlocks)
-            give_back(bin, kMaxBlocks / 2);
         auto *block = static_cast<Block *>(ptr);
         block->next = bin.first;
         bin.first = block;

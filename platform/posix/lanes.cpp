@@ -5,29 +5,23 @@
 
 namespace sysutil {
 
-void Machinery::append(LINK *first, LINK *last, ULONG num, bool whole_run) {
+void Machinery::append_added(Lane &lane) {
     LINK &head = record.link;
-    const bool empty = record.count == 0;
-    last->forw = &head;
-    if (!empty)
-        head.back->forw = first;
-    else
+    LINK *first = lane.first_added;
+    LINK *last = lane.last_added;
+    const ULONG num = lane.num_added;
+    if (record.count == 0) {
         head.forw = first;
-    head.back = last;
-    set_count(record.count + num);
-    if (empty || whole_run || num_last_run == kRun) {
-        first->back = last;
-        last_run = first;
-        num_last_run = num;
-        if (empty)
-            num_first_run = num;
-        return;
+        num_first_run = num;
+    } else {
+        head.back->forw = first;
     }
-    first->back = nullptr;
-    last_run->back = last;
-    num_last_run += num;
-    if (last_run == head.forw)
-        num_first_run += num;
+    head.back = last;
+    last->forw = &head;
+    first->back = last;
+    set_count(record.count + num);
+    ++num_moves;
+    lane.num_added = 0;
 }
 
 void Machinery::move_run(Lane &lane, ULONG limit) {
@@ -35,7 +29,6 @@ void Machinery::move_run(Lane &lane, ULONG limit) {
     LINK *first = head.forw;
     LINK *last = first->back;
     const ULONG num_run = num_first_run;
-    const bool only_run = first == last_run;
     const ULONG num = std::min(num_run, limit);
     if (num < num_run) {
         last = first;
@@ -45,13 +38,8 @@ void Machinery::move_run(Lane &lane, ULONG limit) {
         LINK *rest = last->forw;
         rest->back = first->back;
         num_first_run = num_run - num;
-        if (only_run) {
-            last_run = rest;
-            num_last_run = num_run - num;
-        }
     } else {
-        const bool next_is_last = last->forw == last_run;
-        num_first_run = next_is_last ? num_last_run : kRun;
+        num_first_run = kRun;
     }
     head.forw = last->forw;
     if (head.forw == &head)
@@ -61,19 +49,6 @@ void Machinery::move_run(Lane &lane, ULONG limit) {
     lane.next = first;
     lane.num_next = num;
 }
-
-namespace {
-
-// The item that was added first.
-LINK *take_added(Lane &lane) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
-    LINK *item = lane.first_added;
-    lane.first_added = item->forw;
-    lane.num_added = lane.num_added - 1;
-    set_free(*item);
-    return item;
-}
-
-} // namespace
 
 LINK *Machinery::take_from_lanes() {
     const unsigned int own = thread_number();

@@ -1,9 +1,8 @@
 // What queues are made of: a list of items, and lanes beside it that keep items at hand for the
 // threads that use them.
 //
-//   Queue_enq --> [added] --a run--> [list] --a run--> [next] --> Queue_deq, Blockq_deq
-//                  lane                ^               lane
-//                                      +-- Blockq_enq
+//   Queue_enq   --> [added] --a run--> [list] --a run--> [next] --> Queue_deq
+//   Blockq_enq       lane                                 lane      Blockq_deq
 //
 // A queue that many threads use is slow because the lines of its lock and of its ends travel from
 // core to core for every item. With lanes they travel once a run, which is up to kRun items that
@@ -13,9 +12,9 @@
 //
 // The list is linked forward from the queue's own link through `forw`, and its last item is the
 // `back` of that link. The first item of each run has the run's last item as its `back`, so that a
-// run is taken out of the list without looking at the items in between. All runs but the first and
-// the last have kRun items. Within a run that was added in a lane, `back` of the others is the item
-// that comes kAhead items later, or NULL.
+// run is taken out of the list without looking at the items in between. All runs but the first have
+// kRun items: fewer come to an empty list only. `back` of the others is the item that comes kAhead
+// items later, or NULL.
 //
 // Items lie wherever their users have put them, mostly out of the cache of the thread that takes
 // them. Taking an item therefore brings those that come next into reach.
@@ -36,7 +35,7 @@
 
 namespace sysutil {
 
-inline constexpr ULONG kRun = 128;
+inline constexpr ULONG kRun = 64;
 inline constexpr ULONG kAhead = 8;
 inline constexpr ULONG kNumLanes = 16;
 
@@ -46,12 +45,17 @@ public:
     operator ULONG() const { return value_.load(std::memory_order_relaxed); }
     void operator=(ULONG value) { value_.store(value, std::memory_order_relaxed); }
 
+    // Of two threads that each announce one number and then look at the other's, one at least sees
+    // what the other has announced.
+    void announce(ULONG value) { value_.store(value, std::memory_order_seq_cst); }
+    ULONG look() const { return value_.load(std::memory_order_seq_cst); }
+
 private:
     std::atomic<ULONG> value_{0};
 };
 
 // The items at hand for a part of the threads. Hardly ever do two threads want one at a time.
-struct Lane {
+struct alignas(SYS_CACHE_LINE) Lane {
     platform::AwakeLock lock; // held for a few instructions
     SharedNumber num_next;    // items to be taken next
     SharedNumber num_added;   // items that were added here and are not in the list yet
@@ -66,7 +70,7 @@ struct Lane {
     ULONGLONG num_ever_added ABSL_GUARDED_BY(lock) = 0;
 };
 
-static_assert(sizeof(Lane) == 128, "two cache lines: no two lanes have their locks in one");
+static_assert(sizeof(Lane) == 2 * SYS_CACHE_LINE, "no two lanes meet in a cache line");
 
 // What a QUEUE keeps beside the fields that its contract names. Of those, `link` and `count` are
 // the list, guarded by csect.
@@ -75,13 +79,11 @@ struct Machinery {
 
     QUEUE &record; // in which this stands
     Csect csect;
-    LINK *last_run ABSL_GUARDED_BY(csect) = nullptr;
     ULONG num_first_run ABSL_GUARDED_BY(csect) = 0;
-    ULONG num_last_run ABSL_GUARDED_BY(csect) = 0;
     ULONG num_moves ABSL_GUARDED_BY(csect) = 0;
     SharedNumber lane_to_check;
     // Of a blocking queue.
-    ULONG num_sleepers ABSL_GUARDED_BY(csect) = 0;
+    SharedNumber num_sleepers; // changed under csect
     bool waking ABSL_GUARDED_BY(csect) = false;
     std::array<Lane, kNumLanes> lanes;
 
@@ -92,10 +94,8 @@ struct Machinery {
         return std::atomic_ref<ULONG>(record.count).load(std::memory_order_relaxed);
     }
 
-    // Adds `num` items, linked through `forw`, at the tail. They are a run of their own if
-    // `whole_run`, else they join the last run as long as it has room.
-    void append(LINK *first, LINK *last, ULONG num, bool whole_run)
-        ABSL_EXCLUSIVE_LOCKS_REQUIRED(csect);
+    // Moves what was added in a lane, kRun items unless the list is empty, to the tail of the list.
+    void append_added(Lane &lane) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock, csect);
 
     // Moves the first run, but no more than `limit` items of it, from the list to a lane that has
     // no next item.
@@ -132,6 +132,26 @@ inline void set_free(LINK &item) {
     item.qp = nullptr;
 }
 
+// Puts an item with those that were added in the lane; how many they are now.
+inline ULONG add(Lane &lane, LINK &item) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
+    item.forw = nullptr;
+    item.back = nullptr;
+    const ULONG num_added = lane.num_added;
+    LINK *&recent = lane.recent[lane.num_ever_added++ % kAhead];
+    if (num_added >= kAhead)
+        recent->back = &item;
+    recent = &item;
+    if (num_added == 0) {
+        lane.first_added = &item;
+        lane.num_added.announce(1);
+    } else {
+        lane.last_added->forw = &item;
+        lane.num_added = num_added + 1;
+    }
+    lane.last_added = &item;
+    return num_added + 1;
+}
+
 // From a lane that has a next item.
 inline LINK *take_next(Lane &lane) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
     LINK *item = lane.next;
@@ -143,10 +163,19 @@ inline LINK *take_next(Lane &lane) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
     return item;
 }
 
+// The item that was added first, from a lane that has one.
+inline LINK *take_added(Lane &lane) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
+    LINK *item = lane.first_added;
+    lane.first_added = item->forw;
+    lane.num_added = lane.num_added - 1;
+    set_free(*item);
+    return item;
+}
+
 // The next item of the calling thread's own lane, or NULL.
 inline LINK *take_at_hand(Lane &lane) {
     const platform::Guard guard(lane.lock);
-    if (lane.num_next == 0)
+    if (lane.num_next == 0) [[unlikely]]
         return nullptr;
     lane.num_taken = lane.num_taken + 1;
     return take_next(lane);

@@ -18,7 +18,7 @@ namespace {
 constinit std::mutex process_cs;
 static_assert(std::is_trivially_destructible_v<std::mutex>);
 
-bool wait_for(ULONG &word, unsigned int timeout_ms) {
+[[gnu::noinline]] bool wait_for(ULONG &word, unsigned int timeout_ms) {
     if (timeout_ms == SYS_WAIT_FOREVER)
         return platform::take_contended(word, nullptr);
     if (timeout_ms == 0)

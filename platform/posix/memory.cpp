@@ -6,6 +6,9 @@
 // wrong is reported and left alone: losing it is better than handing damaged memory to the C
 // library. Small blocks are kept for a while when they are released, with their headers marked.
 //
+// Sys_malloc and Sys_free themselves do no more than most calls need: a block that the thread has
+// kept goes out, and one that it may keep comes back.
+//
 // Counting is left to thread_memory.h, keeping to block_cache.h; writing past a block's end is left
 // to AddressSanitizer.
 #include <cstddef>
@@ -58,6 +61,8 @@ bool is_cached_size(std::size_t block_size) {
     return block_size <= sysutil::kMaxCachedSize;
 }
 
+constexpr std::size_t kMaxCachedPayload = sysutil::kMaxCachedSize - sizeof(BlockHeader);
+
 // A block with a mapping of its own, in pages of 2 MiB where the system has them: it is written
 // once from one end to the other, and with small pages entering them takes as long as writing.
 void *get_large_block(std::size_t block_size) {
@@ -82,27 +87,51 @@ void *get_block(sysutil::ThreadMemory *own, std::size_t block_size) {
 }
 
 void put_block(sysutil::ThreadMemory *own, void *block, std::size_t block_size) {
-    if (sysutil::kCacheBlocks && own != nullptr && is_cached_size(block_size))
-        own->cache.keep(block, block_size);
-    else
+    if (!sysutil::kCacheBlocks || own == nullptr || !is_cached_size(block_size)) {
         std::free(block);
+        return;
+    }
+    if (!own->cache.has_room(block_size))
+        own->cache.make_room(block_size);
+    own->cache.keep(block, block_size);
 }
 
-} // namespace
-
-void *Sys_malloc(size_t size, unsigned int tag) {
-    if (!SYS_CHECK(tag < sysutil::kMemTags) || size > kMaxSize)
-        return nullptr;
-    sysutil::ThreadMemory *own = sysutil::own_memory();
-    const std::size_t block_size = sizeof(BlockHeader) + size;
-    auto *header = static_cast<BlockHeader *>(get_block(own, block_size));
-    if (header == nullptr)
-        return nullptr;
+// Makes a block a live one of its caller.
+void *give_out(sysutil::ThreadMemory *own, void *block, std::size_t size, unsigned int tag) {
+    auto *header = static_cast<BlockHeader *>(block);
     header->size = size;
     header->tag = tag;
     header->mark = mark_of(*header);
     sysutil::account_block(own, tag, size);
     return header + 1;
+}
+
+// For what is neither small nor kept by the thread.
+[[gnu::noinline]] void *allocate(std::size_t size, unsigned int tag) {
+    if (!SYS_CHECK(tag < sysutil::kMemTags) || size > kMaxSize)
+        return nullptr;
+    sysutil::ThreadMemory *own = sysutil::own_memory();
+    void *block = get_block(own, sizeof(BlockHeader) + size);
+    return block != nullptr ? give_out(own, block, size, tag) : nullptr;
+}
+
+// For what the thread does not keep, and where it has kept enough.
+[[gnu::noinline]] void release(BlockHeader *header, std::size_t block_size) {
+    sysutil::ThreadMemory *own = sysutil::own_memory();
+    sysutil::account_release(own, header->tag, header->size);
+    mark_released(*header);
+    put_block(own, header, block_size);
+}
+
+} // namespace
+
+void *Sys_malloc(size_t size, unsigned int tag) {
+    sysutil::ThreadMemory *own = sysutil::thread_memory;
+    if (own != nullptr && tag < sysutil::kMemTags && size <= kMaxCachedPayload) [[likely]] {
+        if (void *block = own->cache.take(sizeof(BlockHeader) + size)) [[likely]]
+            return give_out(own, block, size, tag);
+    }
+    return allocate(size, tag);
 }
 
 void Sys_free(void *ptr) {
@@ -111,9 +140,14 @@ void Sys_free(void *ptr) {
     BlockHeader *header = static_cast<BlockHeader *>(ptr) - 1;
     if (!SYS_CHECK(block_is_live(*header)))
         return;
-    sysutil::ThreadMemory *own = sysutil::own_memory();
+    sysutil::ThreadMemory *own = sysutil::thread_memory;
     const std::size_t block_size = sizeof(BlockHeader) + header->size;
-    sysutil::account_release(own, header->tag, header->size);
-    mark_released(*header);
-    put_block(own, header, block_size);
+    if (sysutil::kCacheBlocks && own != nullptr && is_cached_size(block_size) &&
+        own->cache.has_room(block_size)) [[likely]] {
+        sysutil::account_release(own, header->tag, header->size);
+        mark_released(*header);
+        own->cache.keep(header, block_size);
+        return;
+    }
+    release(header, block_size);
 }

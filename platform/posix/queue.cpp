@@ -19,24 +19,6 @@ namespace {
 
 constexpr ULONG kLinkCode = 0x4C494E4B;
 
-// Puts an item with those that were added in the lane; how many they are now.
-ULONG add(Lane &lane, LINK &link) ABSL_EXCLUSIVE_LOCKS_REQUIRED(lane.lock) {
-    link.forw = nullptr;
-    link.back = nullptr;
-    const ULONG num_added = lane.num_added;
-    LINK *&recent = lane.recent[lane.num_ever_added++ % kAhead];
-    if (num_added >= kAhead)
-        recent->back = &link;
-    recent = &link;
-    if (num_added == 0)
-        lane.first_added = &link;
-    else
-        lane.last_added->forw = &link;
-    lane.last_added = &link;
-    lane.num_added = num_added + 1;
-    return num_added + 1;
-}
-
 // Fetches a run from the list into the lane, unless one is there by now, and takes its first item.
 // NULL when the list is empty. `num_moves` tells the runs that have moved so far.
 LINK *fetch(Machinery &queue, Lane &lane, ULONG &num_moves) {
@@ -53,6 +35,19 @@ LINK *fetch(Machinery &queue, Lane &lane, ULONG &num_moves) {
 bool runs_have_moved(Machinery &queue, ULONG num_moves) {
     const platform::Guard guard(queue.csect);
     return queue.num_moves != num_moves;
+}
+
+// An item that is not at hand, or NULL when there is none at all.
+[[gnu::noinline]] LINK *look_around(Machinery &queue, Lane &lane) {
+    for (;;) {
+        ULONG num_moves = 0;
+        if (LINK *item = fetch(queue, lane, num_moves))
+            return item;
+        if (LINK *item = queue.take_from_lanes())
+            return item;
+        if (!runs_have_moved(queue, num_moves))
+            return nullptr;
+    }
 }
 
 } // namespace
@@ -86,25 +81,15 @@ void Queue_enq(QUEUE *pq, LINK *plink) {
     if (add(lane, *plink) < kRun)
         return;
     const platform::Guard guard(queue.csect);
-    queue.append(lane.first_added, lane.last_added, kRun, true);
-    ++queue.num_moves;
-    lane.num_added = 0;
+    queue.append_added(lane);
 }
 
 LINK *Queue_deq(QUEUE *pq) {
     Machinery &queue = machinery_of(*pq);
     Lane &lane = queue.own_lane();
-    if (LINK *item = take_at_hand(lane))
+    if (LINK *item = take_at_hand(lane)) [[likely]]
         return item;
-    for (;;) {
-        ULONG num_moves = 0;
-        if (LINK *item = fetch(queue, lane, num_moves))
-            return item;
-        if (LINK *item = queue.take_from_lanes())
-            return item;
-        if (!runs_have_moved(queue, num_moves))
-            return nullptr;
-    }
+    return look_around(queue, lane);
 }
 
 size_t Sys_get_queue_count(QUEUE *pq) {

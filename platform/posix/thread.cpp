@@ -14,7 +14,7 @@
 
 namespace {
 
-constinit thread_local void *thread_data = nullptr;
+[[gnu::tls_model("initial-exec")]] constinit thread_local void *thread_data = nullptr;
 constinit std::atomic<SYS_THREAD_END_FUNC> thread_end_func{nullptr};
 
 } // namespace

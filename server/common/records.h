@@ -136,8 +136,9 @@ struct OMRAPMI_WDSC {
 // A queue's item is the descriptor itself.
 static_assert(offsetof(OMRAPMI_IDSC, link) == 0 && offsetof(OMRAPMI_WDSC, link) == 0);
 
-// A worker thread. Written by the dispatcher (tid) and by the thread itself.
-struct OMRAPMI_WORKER_THRD_STATE {
+// A worker thread. Written by the dispatcher (tid) and by the thread itself, twice for every piece
+// of work: so no two of them meet in a cache line.
+struct alignas(SYS_CACHE_LINE) OMRAPMI_WORKER_THRD_STATE {
     ULONG code;
     ULONG index;
     THREADID tid;   // as Thread_fork gave it

@@ -54,22 +54,31 @@ static unsigned int choose_num_worker_thrds(unsigned int num_worker_thrds) {
     return n > MAX_AUTO_WORKER_THRDS ? MAX_AUTO_WORKER_THRDS : n;
 }
 
+// The first place in a block at which the records may stand; there is room for one more.
+static OMRAPMI_WORKER_THRD_STATE *first_record_in(void *pblock) {
+    constexpr uintptr_t align = alignof(OMRAPMI_WORKER_THRD_STATE);
+    const uintptr_t address = reinterpret_cast<uintptr_t>(pblock);
+    return reinterpret_cast<OMRAPMI_WORKER_THRD_STATE *>((address + align - 1) / align * align);
+}
+
 // The slow stage. A failure leaves nothing behind.
 static int start_dispatcher(unsigned int num_worker_thrds) {
     OMRAPMI_WORKER_STATE *pstate = &omrapmi_worker_state;
     pstate->num_worker_thrds = choose_num_worker_thrds(num_worker_thrds);
-    OMRAPMI_WORKER_THRD_STATE *pworker_thrd_st = static_cast<OMRAPMI_WORKER_THRD_STATE *>(
-        Sys_malloc(pstate->num_worker_thrds * sizeof *pworker_thrd_st, OMRAPMI_TAG_WORKER_THRDS));
-    if (pworker_thrd_st == NULL) {
+    const size_t num_records = size_t{pstate->num_worker_thrds} + 1;
+    void *pblock =
+        Sys_malloc(num_records * sizeof(OMRAPMI_WORKER_THRD_STATE), OMRAPMI_TAG_WORKER_THRDS);
+    if (pblock == NULL) {
         OMRAPMI_TRACE("Tr [pmi-wie 1]\n");
         return OMRAPMI_ERR_NO_INIT_MEMORY;
     }
+    OMRAPMI_WORKER_THRD_STATE *pworker_thrd_st = first_record_in(pblock);
     pstate->pworker_thrd_st = pworker_thrd_st;
     pstate->tid_dispatcher = Thread_fork(Omrapmi_thrd_dispatcher, NULL);
     if (pstate->tid_dispatcher == NULLTHREADID) {
         OMRAPMI_TRACE("Tr [pmi-wie 2]\n");
         pstate->pworker_thrd_st = NULL;
-        Sys_free(pworker_thrd_st);
+        Sys_free(pblock);
         return OMRAPMI_ERR_NO_DISPATCHER;
     }
     for (unsigned int i = 0; i < pstate->num_worker_thrds; ++i) {
