@@ -63,6 +63,24 @@ TEST_P(Hosts, FoldPairwise) {
     EXPECT_EQ(4, std::ranges::max_element(rounds, {}, &Round::second)->second);
 }
 
+/* Not what was there when they were given the keys. */
+TEST_P(Hosts, ReadWhatIsThere) {
+    PlayedHosts hosts(GetParam(), {.num_hosts = 1});
+    ASSERT_EQ(success, put(hosts.hdl, make_key(PlayedHosts::data_app, 1000), "x", 1));
+    hosts.before_step = [&](Job &job) {
+        if (job.num_steps == 0) {
+            const auto keys = job.keys();
+            EXPECT_EQ("x", get(hosts.worker, keys[2])); /* it goes on from here */
+            EXPECT_EQ(success, Omralib_replace_obj(hosts.worker, "y", 1, 0, nullptr, 0, keys[3]));
+            EXPECT_EQ(success, Omralib_remove_obj(hosts.worker, 0, keys[4]));
+            hosts.clock.advance(millis_per_minute);
+        } else {
+            EXPECT_EQ(3u, job.num_dropped);
+        }
+    };
+    EXPECT_EQ(success, hosts.invoke().status);
+}
+
 TEST_P(Hosts, AreAskedAgainWithGrowingPausesThenAnotherIs) {
     PlayedHosts hosts(GetParam(), {.num_hosts = 2});
     hosts.step_bound = 1;
@@ -129,12 +147,12 @@ TEST_P(Hosts, AreGivenUpAsSilentOnlyWhenOthersAreNot) {
 void run_at_random(const store::EngineKind &engine, unsigned int seed) {
     SCOPED_TRACE(testing::Message() << "to see it again: STORE_HOSTS_SEED=" << seed);
     std::mt19937 random(seed);
-    const unsigned int num_hosts = 1 + seed % 16;
     /* Of very many objects hosts find their parts themselves, which come to them in chunks; of yet
      * more, partial results grow so large that they are not added to. */
     const std::size_t bounds[] = {4, 4, 80, 80, 80, 80, 80, 80, 80, 80, 80, 1200};
     const std::size_t bound = seed % 50 == 49 ? 6000 : bounds[random() % 12];
     const unsigned long long num = random() % bound;
+    const unsigned int num_hosts = 1 + seed % (bound > 80 ? 3 : 16);
     /* Room for the objects, and not always for all results. */
     const bool is_tight = random() % 8 == 0;
     const std::uint64_t memory_limit =

@@ -233,6 +233,9 @@ TEST_P(Progress, CancellingDropsWhatHasNotBegun) {
         if (jobs.size() == 4) {
             step(jobs.begin());
         } else {
+            Job &job = jobs.back(); /* has begun to read */
+            job.worker = Omralib_open_ext("the worker guid ");
+            EXPECT_EQ("x", get(job.worker, job.keys().front()));
             EXPECT_EQ(success, Omralib_cancel_invoke(hdl));
         }
     };
