@@ -70,7 +70,7 @@ struct alignas(SYS_CACHE_LINE) Lane {
     ULONGLONG num_ever_added ABSL_GUARDED_BY(lock) = 0;
 };
 
-static_assert(sizeof(Lane) == 2 * SYS_CACHE_LINE, "no two lanes meet in a cache line");
+static_assert(sizeof(Lane) % SYS_CACHE_LINE == 0, "no two lanes meet in a cache line");
 
 // What a QUEUE keeps beside the fields that its contract names. Of those, `link` and `count` are
 // the list, guarded by csect.
