@@ -35,7 +35,7 @@
 
 namespace sysutil {
 
-inline constexpr ULONG kRun = 64;
+inline constexpr ULONG kRun = 256;
 inline constexpr ULONG kAhead = 8;
 inline constexpr ULONG kNumLanes = 16;
 

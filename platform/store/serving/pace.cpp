@@ -8,8 +8,8 @@ namespace store {
 namespace {
 
 constexpr std::size_t first_window = 64;
-constexpr std::size_t max_window = 16384;
-constexpr std::size_t max_chunk = 1024;
+constexpr std::size_t max_window = 8192;
+constexpr std::size_t max_chunk = 256;
 constexpr Millis ahead = 10;      /* of evaluation */
 constexpr Millis long_enough = 5; /* to tell a rate */
 
