@@ -14,7 +14,7 @@ struct Plan {
     std::size_t num_rounds = 0;     // 0: as many as the seconds allow, at least 5
     std::size_t num_calls = 10'000; // of the latency measurement
     double pause_us = 0;            // before each of them
-    std::size_t num_beside = 0; // objects of another invocation that runs all the time
+    std::size_t num_beside = 0;     // objects of another invocation that runs all the time
     unsigned int invokers = 1;      // of the rate measurement
 };
 
