@@ -39,7 +39,7 @@ protected:
         EXPECT_EQ(num_expected, keys.size()) << query;
         std::unique_ptr<store::Scan> scan;
         objects_.scan(selection, nullptr, scan);
-        for (store::Piece piece; !piece.is_last;) {
+        for (store::ScanPiece piece; !piece.is_last;) {
             EXPECT_EQ(success, scan->next(SIZE_MAX, false, piece));
         }
         return scan->num_examined();
@@ -92,7 +92,7 @@ TEST_F(QueryCost, IsPaidInSmallPieces) {
     std::unique_ptr<store::Scan> scan;
     objects_.scan(selection, nullptr, scan);
     std::uint64_t before = 0;
-    for (store::Piece piece; !piece.is_last; before = scan->num_examined()) {
+    for (store::ScanPiece piece; !piece.is_last; before = scan->num_examined()) {
         EXPECT_EQ(success, scan->next(SIZE_MAX, false, piece));
         EXPECT_LE(scan->num_examined() - before, 100u);
     }

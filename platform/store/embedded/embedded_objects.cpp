@@ -68,7 +68,7 @@ public:
 
     std::uint64_t expected() const override { return num_unvisited_ * slots_.size() / num_slots; }
 
-    Status next(std::size_t max_keys, bool hold, Piece &piece) override {
+    Status next(std::size_t max_keys, bool hold, ScanPiece &piece) override {
         constexpr std::size_t max_records = 4096;
         constexpr int max_rounds = 16; /* along a list with few records */
         const std::size_t max = std::min({max_keys, max_records, num_unvisited_});
@@ -151,7 +151,7 @@ public:
 
     std::uint64_t expected() const override { return 0; }
 
-    Status next(std::size_t, bool, Piece &piece) override {
+    Status next(std::size_t, bool, ScanPiece &piece) override {
         if (!untested_.empty()) {
             shard_at(next_ - 1).collect_some(app_id_at(next_ - 1), plan_, piece.keys, untested_);
         } else {

@@ -83,6 +83,11 @@ struct Reply {
     bool lacks_room = false; /* results or exceptions are lost, since there was no room for them */
 };
 
+/* Whether a host that refuses so may take the same request later. */
+inline bool is_for_the_moment(int refusal) {
+    return refusal == OMRALIB_INVOKE_NO_KEYS || refusal == OMRALIB_INVOKE_NO_MEMORY;
+}
+
 /* How far a request is. */
 struct RequestProgress {
     std::uint64_t num_matched = 0; /* objects */

@@ -50,7 +50,7 @@ Status find(Objects &objects, const Selection &selection, const Part *part,
             std::vector<Key> &keys_out, const SearchCheck &check) {
     std::unique_ptr<Scan> scan;
     Status status = objects.scan(selection, part, scan);
-    Piece all;
+    ScanPiece all;
     if (status == OMRALIB_RET_SUCCESS) {
         all.keys.reserve(scan->expected());
     }

@@ -67,7 +67,7 @@ public:
 };
 
 /* What a scan gives at a time. */
-struct Piece {
+struct ScanPiece {
     std::vector<Key> keys;
     std::unique_ptr<AtHand> at_hand; /* of these keys, if the engine has them */
     bool is_last = false;
@@ -90,7 +90,7 @@ public:
     /* Appends up to `max_keys` keys to the piece; there may be none, and it takes about a
      * millisecond at most where a query is costly. With `hold` the piece, which is empty before,
      * may have its objects at hand and its keys are then in key order; else they are in none. */
-    virtual Status next(std::size_t max_keys, bool hold, Piece &piece) = 0;
+    virtual Status next(std::size_t max_keys, bool hold, ScanPiece &piece) = 0;
 
     /* Records and index values looked at so far: what the scan costs. */
     virtual std::uint64_t num_examined() const = 0;

@@ -18,10 +18,6 @@ Millis pause_after(std::uint32_t num_refusals) {
     return std::min(first_pause << (num_refusals - 1), last_pause);
 }
 
-bool is_for_the_moment(int refusal) {
-    return refusal == OMRALIB_INVOKE_NO_KEYS || refusal == OMRALIB_INVOKE_NO_MEMORY;
-}
-
 bool contains(const std::vector<HostId> &hosts, const HostId &host) {
     return std::find(hosts.begin(), hosts.end(), host) != hosts.end();
 }

@@ -29,7 +29,7 @@ Status KeySource::look_for(std::size_t num) {
         at_hand_ = nullptr;
         num_taken_ = 0;
     }
-    Piece piece;
+    ScanPiece piece;
     piece.keys = std::move(keys_);
     const std::size_t num_before = piece.keys.size();
     const bool hold = num_before == 0 && num != SIZE_MAX;

@@ -14,10 +14,6 @@ constexpr std::size_t few_keys = 256;
 
 constexpr std::size_t all_keys = SIZE_MAX;
 
-bool is_for_the_moment(int refusal) {
-    return refusal == OMRALIB_INVOKE_NO_KEYS || refusal == OMRALIB_INVOKE_NO_MEMORY;
-}
-
 } // namespace
 
 std::uint64_t Chunk::num_begun() const {
