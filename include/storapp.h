@@ -85,7 +85,7 @@ int Omralib_explain_query(OMRALIB_HANDLE hdl, unsigned int app_id, const void *p
 /* Invocations --------------------------------------------------------------------------------- */
 
 typedef struct OMRALIB_PROGRESS {
-    ULONGLONG num_matched; /* objects, as far as the hosts have found them */
+    ULONGLONG num_matched; /* objects that hosts have found, or expect to find */
     ULONGLONG num_done;    /* objects, failed ones included; goes back when a host is lost */
     ULONGLONG num_failed;  /* objects known to have failed */
     unsigned int num_hosts;
