@@ -149,8 +149,8 @@ void run_at_random(const store::EngineKind &engine, unsigned int seed) {
     std::mt19937 random(seed);
     /* Of very many objects hosts find their parts themselves, which come to them in chunks; of yet
      * more, partial results grow so large that they are not added to. */
-    const std::size_t bounds[] = {4, 4, 80, 80, 80, 80, 80, 80, 80, 80, 80, 1200};
-    const std::size_t bound = seed % 50 == 49 ? 6000 : bounds[random() % 12];
+    const std::size_t bounds[] = {4, 4, 80, 80, 80, 80, 80, 80, 80, 80, 80, 800};
+    const std::size_t bound = seed % 200 == 49 ? 4000 : bounds[random() % 12];
     const unsigned long long num = random() % bound;
     const unsigned int num_hosts = 1 + seed % (bound > 80 ? 3 : 16);
     /* Room for the objects, and not always for all results. */
