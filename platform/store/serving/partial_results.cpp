@@ -10,7 +10,7 @@ namespace store {
 namespace {
 
 /* An object that is larger, and several times what a chunk brings, grows. */
-constexpr std::uint64_t large = 16 * 1024;
+constexpr std::uint64_t large = std::uint64_t{16} * 1024;
 constexpr std::uint64_t several = 8;
 
 } // namespace
