@@ -29,11 +29,12 @@ Status KeySource::look_for(std::size_t num) {
         at_hand_ = nullptr;
         num_taken_ = 0;
     }
+    const std::size_t num_missing = num - num_at_hand();
     ScanPiece piece;
     piece.keys = std::move(keys_);
     const std::size_t num_before = piece.keys.size();
     const bool hold = num_before == 0 && num != SIZE_MAX;
-    const Status status = scan_->next(num - num_at_hand(), hold, piece);
+    const Status status = scan_->next(num_missing, hold, piece);
     keys_ = std::move(piece.keys);
     if (status != OMRALIB_RET_SUCCESS) {
         return status;
