@@ -137,7 +137,7 @@ unsigned int Sys_get_pid(void);
 void Link_init(LINK *plink);
 BOOLEAN Link_inuse(LINK *plink);
 
-/* Threads that use a queue heavily do not meet there: up to 63 items that a thread has added wait
+/* Threads that use a queue heavily do not meet there: up to 255 items that a thread has added wait
  * aside until there are enough to be worth the trip, and as many are fetched at once. Whoever finds
  * nothing else takes what waits aside, so an item is never out of reach. What one thread adds keeps
  * its order as long as one thread takes it; items of several threads may overtake each other. */
@@ -148,7 +148,7 @@ void Queue_enq(QUEUE *pq, LINK *plink);
 LINK *Queue_deq(QUEUE *pq); /* from the head; NULL when empty */
 
 /* Items wait aside here as well, until a reader has nothing else to do. One that is quick fetches
- * up to 64 at once and takes them one by one; while it is busy with one, readers with nothing else
+ * up to 256 at once and takes them one by one; while it is busy with one, readers with nothing else
  * to do, and after a while also busy ones, take the rest from the front. */
 void Blockq_init(BLOCKQ *pbq, unsigned int id);
 void Blockq_enq(BLOCKQ *pbq, LINK *plink); /* at the tail; wakes one waiting reader */

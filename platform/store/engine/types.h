@@ -33,4 +33,7 @@ using Guid = std::array<char, OMRALIB_GUID_LEN>;
 
 using Bytes = std::span<const std::byte>;
 
+/* The longest exceptions object: whole records of 48 bytes, as many as an object can hold. */
+inline constexpr std::size_t max_exceptions_bytes = UINT32_MAX / 48 * 48;
+
 } // namespace store

@@ -28,12 +28,10 @@ Status read_objects(TempObjects &objects, const std::vector<Key> &keys,
 
 /* As many whole records as one object can hold. */
 std::vector<std::byte> join(const std::vector<ReadObject> &read) {
-    constexpr std::size_t record_bytes = 48;
-    constexpr std::size_t max_bytes = UINT32_MAX / record_bytes * record_bytes;
     std::vector<std::byte> joined;
     for (const ReadObject &object : read) {
         const Bytes bytes = object.content.bytes();
-        const std::size_t length = std::min(bytes.size(), max_bytes - joined.size());
+        const std::size_t length = std::min(bytes.size(), max_exceptions_bytes - joined.size());
         joined.insert(joined.end(), bytes.begin(), bytes.begin() + static_cast<long>(length));
     }
     return joined;

@@ -24,12 +24,8 @@ std::size_t Pace::window(std::size_t num_readers) const {
 
 /* A few chunks on their way keep everyone busy; many small ones cost more than they spread. */
 std::size_t Pace::chunk_size(std::size_t num_readers) const {
-    constexpr std::size_t many = 16;
     constexpr std::size_t few = 4;
-    constexpr std::size_t cheap_chunk = 256;
-    const std::size_t all = window(num_readers);
-    return std::clamp(std::max(all / many, std::min(all / few, cheap_chunk)), std::size_t{1},
-                      max_chunk);
+    return std::clamp(window(num_readers) / few, std::size_t{1}, max_chunk);
 }
 
 void Pace::note_done(std::size_t num_objects, Millis now) {

@@ -149,8 +149,7 @@ void ServedRequest::fail(int refusal) {
     refusal_ = refusal;
 }
 
-/* What follows ---------------------------------------------------------------------------------
- */
+/* What follows -------------------------------------------------------------------------------- */
 
 bool ServedRequest::is_done() const {
     return num_chunks_out_ == 0 &&

@@ -1,9 +1,10 @@
 /* A request that this host has taken on, until its reply, and the chunks in which it is handed to
  * the process's callback, each as if it were a request of its own.
  *
- *   keys --next_chunk--> chunk --begin--> handed out --end--> its counts, results, exceptions
- *            ^                              |  refused: put back
- *            +------- room in the window <--+
+ *   keys --next_step--> chunk --handed out--> end() --> its counts, results, exceptions
+ *            ^            ^         | refused     |
+ *            |            +-put_back+             |
+ *            +--- room in the window again <------+
  *
  * Few keys are one chunk; so are those of a request that must not be divided, and a request to
  * merge. What chunks leave comes to lie in the request's own objects: results are merged
@@ -19,7 +20,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <vector>
 
 #include "engine/cluster.h"
@@ -75,9 +75,6 @@ public:
     std::atomic<bool> withdrawn{false};
     std::atomic<bool> lacks_room{false}; /* for an object of it */
 
-    bool is_noticed() const {
-        return request.progress_is_wanted || withdrawn.load(std::memory_order_relaxed);
-    }
     bool is(const HostId &sender, RequestId id) const {
         return request.sender == sender && request.id == id;
     }
@@ -122,8 +119,7 @@ public:
     /* A chunk has been given up in a way that nobody knows what it has left: the request fails. */
     After give_up(const Chunk &chunk);
 
-    /* At any time, by any thread ----------------------------------------------------------------
-     */
+    /* At any time: any thread ----------------------------------------------------------------- */
 
     /* Objects found, or expected to be, and those of chunks that are over. */
     RequestProgress progress();

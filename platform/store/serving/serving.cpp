@@ -236,12 +236,10 @@ Status Serving::flush(std::uint32_t context) {
 
 /* False when they cannot be stored. */
 bool Serving::store_exceptions(const Request &request, Bytes exceptions) {
-    constexpr std::size_t record_bytes = 48;
-    constexpr std::size_t max_bytes = UINT32_MAX / record_bytes * record_bytes;
     if (exceptions.empty()) {
         return true;
     }
-    const Bytes stored = exceptions.first(std::min(exceptions.size(), max_bytes));
+    const Bytes stored = exceptions.first(std::min(exceptions.size(), max_exceptions_bytes));
     Status status = OMRALIB_ERR_UNKNOWN;
     for (int i = 0; i < max_tries && status == OMRALIB_ERR_UNKNOWN; ++i) {
         status = objects_.create(request.exceptions_key,
