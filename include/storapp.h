@@ -142,6 +142,8 @@ typedef struct OMRALIB_STATS {
     ULONGLONG num_lock_waits;          /* reads under lock that had to wait */
     ULONGLONG num_expired;             /* objects */
     ULONGLONG invocation_us;           /* spent by finished invocations, microseconds */
+    ULONGLONG num_invocation_bytes;    /* now, of this process's memory: keys, descriptors, results
+                                        * that nobody has freed, and what is kept for the next */
 } OMRALIB_STATS;
 
 int Omralib_get_stats(OMRALIB_STATS *pstats_out);

@@ -236,6 +236,8 @@ void check_quiet() {
         OMRALIB_STATS stats{};
         Omralib_get_stats(&stats);
         check(stats.num_invocations_running == 0, "invocations that run");
+        check(stats.num_invocation_bytes < 16 << 20, "{} bytes are kept",
+              stats.num_invocation_bytes);
         return stats.num_objects == num_objects &&
                std::ranges::none_of(std::array{0xD1u, 0xD2u, 0xD3u, 0xD6u, 0xD8u},
                                     [](auto tag) { return Sys_get_mem_use(tag).blocks != 0; });

@@ -1,7 +1,21 @@
 /* What the store has done so far. */
 #include "client/calls.h"
+#include "sysapp.h"
 
 using namespace store;
+
+namespace {
+
+/* Everything that is allocated by tags belongs to invocations. */
+std::size_t num_invocation_bytes() {
+    std::size_t num_bytes = 0;
+    for (unsigned int tag = 0; tag <= UINT8_MAX; ++tag) {
+        num_bytes += Sys_get_mem_use(tag).bytes;
+    }
+    return num_bytes;
+}
+
+} // namespace
 
 int Omralib_get_stats(OMRALIB_STATS *pstats_out) {
     return with_store([&](Store &store) -> int {
@@ -30,6 +44,7 @@ int Omralib_get_stats(OMRALIB_STATS *pstats_out) {
         pstats_out->num_refusals = invocations.num_refusals;
         pstats_out->num_retries = invocations.num_retries;
         pstats_out->invocation_us = invocations.time_us;
+        pstats_out->num_invocation_bytes = num_invocation_bytes();
         return OMRALIB_RET_SUCCESS;
     });
 }

@@ -166,6 +166,7 @@ constexpr Figure kFigures[] = {
     {"lock_waits", &OMRALIB_STATS::num_lock_waits},
     {"expired", &OMRALIB_STATS::num_expired},
     {"invocation_us", &OMRALIB_STATS::invocation_us},
+    {"invocation_bytes", &OMRALIB_STATS::num_invocation_bytes},
 };
 
 std::string stats_table(const OMRALIB_STATS &stats) {
