@@ -11,8 +11,6 @@
 #include <memory>
 #include <utility>
 
-#include <boost/intrusive/unordered_set_hook.hpp>
-
 #include "engine/content.h"
 #include "engine/keys.h"
 #include "engine/types.h"
@@ -23,13 +21,8 @@ struct IndexEntry;
 struct RecordEntry;
 class RecordRef;
 
-/* Its place in the table of its shard, which it brings along: what is stored needs no more memory
- * for it. */
-using RecordHook = boost::intrusive::unordered_set_base_hook<
-    boost::intrusive::link_mode<boost::intrusive::normal_link>>;
-
 /* The head of the block; the bytes follow it. The last reference gives the block back. */
-struct Record : RecordHook {
+struct Record {
 private:
     std::atomic<std::uint32_t> refs_{1};
     const std::uint32_t length_;
@@ -84,7 +77,7 @@ public:
     }
 };
 
-static_assert(sizeof(Record) == 104, "every object costs this much beside its bytes");
+static_assert(sizeof(Record) == 96, "every object costs this much beside its bytes");
 
 /* Holds one reference to a record, or none. */
 class RecordRef {

@@ -2,8 +2,6 @@
 #include "embedded/shard.h"
 
 #include <algorithm>
-#include <iterator>
-#include <new>
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -35,10 +33,12 @@ std::uint64_t hash_of(const Key &key) {
 
 Shard::~Shard() {
     for (auto &[app_id, section] : sections_) {
-        section.records.clear_and_dispose([&index = section.index](Record *record) {
-            index.detach(*record);
-            record->release();
-        });
+        for (Record *record : section.records.places()) {
+            if (record != nullptr) {
+                section.index.detach(*record);
+                record->release();
+            }
+        }
     }
 }
 
@@ -74,33 +74,13 @@ void Shard::note_emptied(std::uint32_t app_id) {
 
 /* Expired or not. */
 Record *Shard::find(const Key &key, std::uint64_t hash) {
-    Section *section = section_of(key.app_id);
-    if (section == nullptr) {
-        return nullptr;
-    }
-    Records &records = section->records;
-    const auto found = records.find(
-        key, [hash](const Key &) { return std::size_t{hash}; }, KeyEqual());
-    return found != records.end() ? &*found : nullptr;
+    const Section *section = section_of(key.app_id);
+    return section != nullptr ? section->records.find(key, hash) : nullptr;
 }
 
 Record *Shard::find_live(const Key &key, std::uint64_t hash) {
     Record *record = find(key, hash);
     return record != nullptr && !is_expired(*record) ? record : nullptr;
-}
-
-/* More buckets for one more record. Without memory for them chains grow: that costs time alone. */
-void Shard::Section::make_room() {
-    const std::size_t num_buckets = records.bucket_count();
-    if (records.size() < num_buckets) {
-        return;
-    }
-    std::unique_ptr<Records::bucket_type[]> more(new (std::nothrow)
-                                                     Records::bucket_type[2 * num_buckets]);
-    if (more != nullptr) {
-        records.rehash({more.get(), 2 * num_buckets});
-        buckets = std::move(more);
-    }
 }
 
 /* The record keeps its place in the expiry queue, which is then too early; reap() moves it on. */
@@ -151,6 +131,7 @@ void Shard::join(Section &section, Record &fresh, std::span<const OMRA_OBJ_INDEX
 void Shard::insert(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ_INDEX> values) {
     Section &section = sections_[fresh->key.app_id];
     try {
+        section.records.make_room();
         if (section.list == nullptr) {
             section.list = context_.lists.get(fresh->key.app_id);
         }
@@ -165,10 +146,9 @@ void Shard::insert(RecordRef fresh, std::uint64_t hash, std::span<const OMRA_OBJ
         note_emptied(fresh->key.app_id);
         throw;
     }
-    section.make_room();
     section.num_bytes += fresh->length();
     fresh->is_stored = true;
-    section.records.insert(*fresh.detach());
+    section.records.insert(*fresh.detach(), hash);
 }
 
 /* Makes `fresh` the record of its key, and takes out the old one, which has left the index and the
@@ -179,8 +159,7 @@ RecordRef Shard::put_in_place_of(Section &section, Record &old, RecordRef fresh)
     old.is_stored = false;
     fresh->is_stored = true;
     section.list->replace(old, *fresh.get());
-    section.records.erase(section.records.iterator_to(old));
-    section.records.insert(*fresh.detach());
+    section.records.replace(old, *fresh.detach(), hash_of(old.key));
     return RecordRef::adopt(&old);
 }
 
@@ -194,7 +173,7 @@ RecordRef Shard::take(Record &record) {
     section.num_bytes -= record.length();
     record.is_stored = false;
     section.list->remove(record);
-    section.records.erase(section.records.iterator_to(record));
+    section.records.erase(record, hash_of(record.key));
     note_emptied(record.key.app_id);
     return RecordRef::adopt(&record);
 }
@@ -483,7 +462,7 @@ void Shard::collect(std::uint32_t app_id, QueryPlan &plan, const SlotSet *slots,
     if (section == nullptr) {
         return;
     }
-    Records &records = section->records;
+    const RecordTable &records = section->records;
     const auto is_wanted = [&](const Record &record) {
         return !is_expired(record) &&
                (slots == nullptr || slots->contains(slot_of(hash_of(record.key)))) &&
@@ -491,9 +470,9 @@ void Shard::collect(std::uint32_t app_id, QueryPlan &plan, const SlotSet *slots,
     };
     const bool is_looked_up = plan.bind(section->index, records.size());
     if (!is_looked_up && records.size() <= plan.num_testable()) {
-        for (const Record &record : records) {
-            if (plan.test(record) && is_wanted(record)) {
-                keys.push_back(record.key);
+        for (const Record *record : records.places()) {
+            if (record != nullptr && plan.test(*record) && is_wanted(*record)) {
+                keys.push_back(record->key);
             }
         }
         return;
@@ -507,7 +486,11 @@ void Shard::collect(std::uint32_t app_id, QueryPlan &plan, const SlotSet *slots,
     if (is_looked_up) {
         plan.look_up(gather);
     } else {
-        std::for_each(records.begin(), records.end(), gather);
+        for (Record *record : records.places()) {
+            if (record != nullptr) {
+                gather(*record);
+            }
+        }
     }
     test_or_put_off(plan, gathering, keys, untested);
 }
@@ -558,10 +541,17 @@ void Shard::survey(std::uint32_t app_id, QuerySurvey &survey) {
     if (section == nullptr) {
         return;
     }
-    const Records &records = section->records;
-    std::vector<const Record *> examples(std::min(records.size(), max_examples));
-    std::transform(records.begin(), std::next(records.begin(), std::ssize(examples)),
-                   examples.begin(), [](const Record &record) { return &record; });
+    const RecordTable &records = section->records;
+    std::vector<const Record *> examples;
+    examples.reserve(max_examples);
+    for (const Record *record : records.places()) {
+        if (examples.size() == max_examples) {
+            break;
+        }
+        if (record != nullptr) {
+            examples.push_back(record);
+        }
+    }
     survey.add(section->index, records.size(), examples);
 }
 

@@ -22,8 +22,6 @@
 #include <utility>
 #include <vector>
 
-#include <boost/intrusive/unordered_set.hpp>
-
 #include "embedded/expiry.h"
 #include "embedded/lock_waiters.h"
 #include "embedded/memory_budget.h"
@@ -31,12 +29,11 @@
 #include "embedded/query_plan.h"
 #include "embedded/record.h"
 #include "embedded/record_list.h"
+#include "embedded/record_table.h"
 #include "embedded/slots.h"
 #include "engine/objects.h"
 
 namespace store {
-
-std::uint64_t hash_of(const Key &key);
 
 /* What the shards of an engine share. */
 struct ShardContext {
@@ -101,35 +98,15 @@ public:
     Millis sweep(std::size_t max_records);
 
 private:
-    struct KeyHash {
-        std::size_t operator()(const Record &record) const { return hash_of(record.key); }
-    };
-    struct KeyEqual {
-        bool operator()(const Record &a, const Record &b) const { return (*this)(a.key, b); }
-        bool operator()(const Key &key, const Record &record) const {
-            return order_of(key, record.key) == 0;
-        }
-    };
-    using Records = boost::intrusive::unordered_set<
-        Record, boost::intrusive::base_hook<RecordHook>, boost::intrusive::hash<KeyHash>,
-        boost::intrusive::equal<KeyEqual>, boost::intrusive::power_2_buckets<true>>;
-
     /* Records by the moment at which they are looked at. */
     using ExpiryQueue = std::set<std::pair<Millis, Record *>>;
 
     /* The records of one app id. */
     struct Section {
-        /* Buckets of the table: its own at first, then one for each record or more. */
-        std::array<Records::bucket_type, 4> first_buckets;
-        std::unique_ptr<Records::bucket_type[]> buckets;
-
-        /* Holds one reference to each record. */
-        Records records{{first_buckets.data(), first_buckets.size()}};
+        RecordTable records;              /* with one reference to each */
         std::shared_ptr<RecordList> list; /* of the app id, in which they are */
         std::uint64_t num_bytes = 0;
         ObjectIndex index;
-
-        void make_room();
     };
 
     /* The records that a search looks at. */
