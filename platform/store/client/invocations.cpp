@@ -16,21 +16,25 @@ void release_result(void *result) {
     delete static_cast<OMRA_INVOKE_RESULT *>(result);
 }
 
-/* What the parameters say in their first bytes, be they in the key or in the object of the key. */
-bool is_singleton(Objects &objects, const OMRA_INDEX_HDR &header) {
+/* Notes what the parameters' first bytes say, be they in the key or in the object of the key, and
+ * how long they are. */
+void look_at_params(Objects &objects, InvokeOrder &order) {
     constexpr std::size_t place = 6;
+    const OMRA_INDEX_HDR &header = order.header;
     Content content;
     Bytes params = std::as_bytes(std::span(&header.params_key, 1));
     if (header.immediate_params == 0) {
         if (is_null(header.params_key)) {
-            return false;
+            return;
         }
         if (objects.read(header.params_key, false, content) == OMRALIB_ERR_UNKNOWN) {
-            return true; /* which does no harm */
+            order.is_singleton = true; /* which does no harm */
+            return;
         }
         params = content.bytes();
     }
-    return params.size() > place && params[place] != std::byte{0};
+    order.is_singleton = params.size() > place && params[place] != std::byte{0};
+    order.params_length = static_cast<std::uint32_t>(params.size());
 }
 
 int invoke(Store &store, HandleUse &use, OMRALIB_HANDLE hdl, Bytes request,
@@ -52,7 +56,7 @@ int invoke(Store &store, HandleUse &use, OMRALIB_HANDLE hdl, Bytes request,
         use.explain(std::move(why));
         return status;
     }
-    order.is_singleton = is_singleton(store.objects(), order.header);
+    look_at_params(store.objects(), order);
     auto result = std::make_unique<OMRA_INVOKE_RESULT>(); /* nothing may fail afterwards */
     status = store.invocations.run(order, {hdl, use->progress, use->progress_arg}, *result);
     if (status == OMRALIB_RET_SUCCESS) {

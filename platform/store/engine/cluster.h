@@ -56,6 +56,7 @@ struct Request {
     bool progress_is_wanted = false; /* the sender will ask how far it is */
     bool is_merge = false;           /* of the object params_key into the one at results_key */
     bool is_indivisible = false;     /* its objects are to be evaluated as one request */
+    std::uint32_t params_length = 0; /* bytes */
 
     std::uint32_t app_id = 0; /* of the objects */
     std::uint64_t invoke_op = 0;

@@ -162,6 +162,7 @@ Request Delivery::make_request(const Task &task) const {
     request.progress_is_wanted = progress_is_wanted_ && !task.is_fold;
     request.is_merge = task.is_fold;
     request.is_indivisible = order_.is_singleton;
+    request.params_length = order_.params_length;
     request.app_id = header.app_id;
     request.invoke_op = header.invoke_op;
     request.merge_op = header.merge_op;

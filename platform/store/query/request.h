@@ -17,6 +17,7 @@ struct InvokeOrder {
     OMRA_INDEX_HDR header{};
     Selection selection;
     bool is_singleton = false; /* one at a time may run on a host: its objects are not divided */
+    std::uint32_t params_length = 0; /* bytes */
 
     bool is_invoke_once() const { return header.app_id == MGTI_APPID_INVOKE_ONCE; }
 };

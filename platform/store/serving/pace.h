@@ -46,8 +46,9 @@ private:
 /* Of one request; used by one thread at a time. */
 class Pace {
 public:
-    /* `known_window` may be 0. */
-    explicit Pace(std::uint32_t known_window);
+    /* `known_window` may be 0. Every chunk's handler reads the parameters: long ones make large
+     * chunks. */
+    Pace(std::uint32_t known_window, std::uint32_t params_length);
 
     /* Objects that may be handed out and not yet be done. `num_readers`: threads that evaluate. */
     std::size_t window(std::size_t num_readers) const;
@@ -62,6 +63,7 @@ public:
     void note_done(std::size_t num_objects, Millis now);
 
 private:
+    const std::size_t max_chunk_;
     std::size_t window_;
     std::size_t num_done_ = 0; /* since began_at_ */
     Millis began_at_ = never;

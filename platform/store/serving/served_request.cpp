@@ -27,7 +27,7 @@ std::uint64_t Chunk::num_begun() const {
 ServedRequest::ServedRequest(Request its_request, Share its_share, const Guid &its_guid,
                              std::uint32_t known_window)
     : request(std::move(its_request)), guid(its_guid), share_(std::move(its_share)),
-      pace_(known_window), results_(request.results_key) {}
+      pace_(known_window, request.params_length), results_(request.results_key) {}
 
 /* Feeding ------------------------------------------------------------------------------------- */
 
