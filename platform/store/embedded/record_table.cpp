@@ -1,76 +1,73 @@
 /* Finding records by their keys. */
 #include "embedded/record_table.h"
 
-#include <algorithm>
-#include <bit>
+#include <utility>
 
 namespace store {
 
 Record *RecordTable::find(const Key &key, std::uint64_t hash) const {
-    if (empty()) {
-        return nullptr;
-    }
-    for (std::size_t place = first_place(hash); marks_[place] != is_free; place = after(place)) {
-        if (marks_[place] == mark_of(hash) && order_of(key, places_[place]->key) == 0) {
-            return places_[place];
+    for (std::size_t place = first_place(hash);; place = after(place)) {
+        Record *record = places_[place].record();
+        if (record == nullptr ||
+            (places_[place].may_have(hash) && order_of(key, record->key) == 0)) {
+            return record;
         }
     }
-    return nullptr;
 }
 
 /* The place of one that is there. */
 std::size_t RecordTable::place_of(const Record &record, std::uint64_t hash) const {
     std::size_t place = first_place(hash);
-    while (places_[place] != &record) {
+    while (places_[place].record() != &record) {
         place = after(place);
     }
     return place;
 }
 
-/* Half of the new table is free, so that this is rare. Records may also have become fewer. */
 void RecordTable::make_room() {
-    constexpr std::size_t fewest_places = 4;
-    if (4 * (num_not_free_ + 1) <= 3 * places_.size()) {
+    if (4 * (num_records_ + 1) <= 3 * places_.size()) {
         return;
     }
-    const std::size_t num_places = std::max(fewest_places, std::bit_ceil(2 * (num_records_ + 1)));
-    RecordTable larger;
-    larger.marks_.resize(num_places, is_free);
-    larger.places_.resize(num_places, nullptr);
-    for (Record *record : places_) {
-        if (record != nullptr) {
-            larger.insert(*record, hash_of(record->key));
+    auto more = std::make_unique<Place[]>(2 * places_.size());
+    const std::span<const Place> before = places_;
+    places_ = {more.get(), 2 * before.size()};
+    for (const Place place : before) {
+        if (Record *record = place.record()) {
+            put(*record, hash_of(record->key));
         }
     }
-    *this = std::move(larger);
+    many_places_ = std::move(more);
+}
+
+void RecordTable::put(Record &record, std::uint64_t hash) {
+    std::size_t place = first_place(hash);
+    while (places_[place].record() != nullptr) {
+        place = after(place);
+    }
+    places_[place] = {record, hash};
 }
 
 void RecordTable::insert(Record &record, std::uint64_t hash) {
-    std::size_t place = first_place(hash);
-    while (places_[place] != nullptr) {
-        place = after(place);
-    }
-    num_not_free_ += marks_[place] == is_free ? 1 : 0;
-    marks_[place] = mark_of(hash);
-    places_[place] = &record;
+    put(record, hash);
     ++num_records_;
 }
 
 void RecordTable::replace(const Record &old, Record &fresh, std::uint64_t hash) {
-    places_[place_of(old, hash)] = &fresh;
+    places_[place_of(old, hash)] = {fresh, hash};
 }
 
-/* At the end of a run of taken places nobody looks further: such places are free again. */
+/* Those that follow move up, unless they would come to lie in front of their first place. */
 void RecordTable::erase(const Record &record, std::uint64_t hash) {
-    std::size_t place = place_of(record, hash);
-    places_[place] = nullptr;
-    marks_[place] = was_taken;
-    --num_records_;
-    while (marks_[place] == was_taken && marks_[after(place)] == is_free) {
-        marks_[place] = is_free;
-        --num_not_free_;
-        place = before(place);
+    std::size_t gap = place_of(record, hash);
+    for (std::size_t place = after(gap); const Record *other = places_[place].record();
+         place = after(place)) {
+        if (distance(first_place(hash_of(other->key)), place) >= distance(gap, place)) {
+            places_[gap] = places_[place];
+            gap = place;
+        }
     }
+    places_[gap] = {};
+    --num_records_;
 }
 
 } // namespace store

@@ -1,17 +1,18 @@
 /* The records of one app id in one shard, by their keys.
  *
- * A place of the table is a byte and a record. The byte tells by a few bits of the hash which
- * records are worth a look: the bytes of a table mostly are in the cache where the records are not,
- * so that finding one costs the miss of its place and its own.
+ * A place of the table is the address of a record and, in the sixteen bits that addresses leave
+ * free, as many of its hash: hardly a record is looked at but the one that is meant, and finding it
+ * costs the miss of its place and its own.
  *
  *   hash -> the place to begin with -> one place after the other, until the record or a free place
  */
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
-#include <vector>
 
 #include "embedded/record.h"
 
@@ -22,6 +23,10 @@ std::uint64_t hash_of(const Key &key);
 /* Under the lock of the shard. Owns no record. `hash` is the key's. */
 class RecordTable {
 public:
+    RecordTable() = default;
+    RecordTable(const RecordTable &) = delete;
+    RecordTable &operator=(const RecordTable &) = delete;
+
     std::size_t size() const { return num_records_; }
     bool empty() const { return num_records_ == 0; }
 
@@ -40,27 +45,41 @@ public:
 
     void erase(const Record &record, std::uint64_t hash);
 
-    /* All records in no order; nullptr where there is none. */
-    std::span<Record *const> places() const { return places_; }
+    class Place {
+    public:
+        Place() = default;
+        Place(Record &record, std::uint64_t hash)
+            : bits_(reinterpret_cast<std::uintptr_t>(&record) | (hash & hash_mask)) {}
+
+        /* nullptr when it is free. */
+        Record *record() const { return reinterpret_cast<Record *>(bits_ & ~hash_mask); }
+
+        bool may_have(std::uint64_t hash) const { return ((bits_ ^ hash) & hash_mask) == 0; }
+
+    private:
+        static_assert(sizeof(void *) == sizeof(std::uint64_t));
+        static constexpr std::uint64_t hash_mask = 0xffff'0000'0000'0000;
+
+        std::uintptr_t bits_ = 0;
+    };
+
+    /* All records in no order, and places without one. */
+    std::span<const Place> places() const { return places_; }
 
 private:
-    /* What a place holds: a record of a hash with these bits, marked by the highest one, or: */
-    static constexpr std::uint8_t is_free = 0;
-    static constexpr std::uint8_t was_taken = 1; /* those that were put behind it still are there */
-
-    static std::uint8_t mark_of(std::uint64_t hash) {
-        return static_cast<std::uint8_t>(0x80 | (hash >> 48));
-    }
     std::size_t first_place(std::uint64_t hash) const { return hash & (places_.size() - 1); }
     std::size_t after(std::size_t place) const { return (place + 1) & (places_.size() - 1); }
-    std::size_t before(std::size_t place) const { return (place - 1) & (places_.size() - 1); }
+    std::size_t distance(std::size_t from, std::size_t to) const {
+        return (to - from) & (places_.size() - 1);
+    }
     std::size_t place_of(const Record &record, std::uint64_t hash) const;
 
-    /* Side by side; a power of two of them, or none. A quarter at least is free. */
-    std::vector<std::uint8_t> marks_;
-    std::vector<Record *> places_;
+    void put(Record &record, std::uint64_t hash);
+
+    std::array<Place, 4> few_places_; /* those of an app id with few records */
+    std::unique_ptr<Place[]> many_places_;
+    std::span<Place> places_ = few_places_; /* a power of two; a quarter at least is free */
     std::size_t num_records_ = 0;
-    std::size_t num_not_free_ = 0; /* places */
 };
 
 } // namespace store

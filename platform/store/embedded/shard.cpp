@@ -33,8 +33,8 @@ std::uint64_t hash_of(const Key &key) {
 
 Shard::~Shard() {
     for (auto &[app_id, section] : sections_) {
-        for (Record *record : section.records.places()) {
-            if (record != nullptr) {
+        for (const RecordTable::Place place : section.records.places()) {
+            if (Record *record = place.record()) {
                 section.index.detach(*record);
                 record->release();
             }
@@ -470,7 +470,8 @@ void Shard::collect(std::uint32_t app_id, QueryPlan &plan, const SlotSet *slots,
     };
     const bool is_looked_up = plan.bind(section->index, records.size());
     if (!is_looked_up && records.size() <= plan.num_testable()) {
-        for (const Record *record : records.places()) {
+        for (const RecordTable::Place place : records.places()) {
+            const Record *record = place.record();
             if (record != nullptr && plan.test(*record) && is_wanted(*record)) {
                 keys.push_back(record->key);
             }
@@ -486,8 +487,8 @@ void Shard::collect(std::uint32_t app_id, QueryPlan &plan, const SlotSet *slots,
     if (is_looked_up) {
         plan.look_up(gather);
     } else {
-        for (Record *record : records.places()) {
-            if (record != nullptr) {
+        for (const RecordTable::Place place : records.places()) {
+            if (Record *record = place.record()) {
                 gather(*record);
             }
         }
@@ -544,11 +545,11 @@ void Shard::survey(std::uint32_t app_id, QuerySurvey &survey) {
     const RecordTable &records = section->records;
     std::vector<const Record *> examples;
     examples.reserve(max_examples);
-    for (const Record *record : records.places()) {
+    for (const RecordTable::Place place : records.places()) {
         if (examples.size() == max_examples) {
             break;
         }
-        if (record != nullptr) {
+        if (const Record *record = place.record()) {
             examples.push_back(record);
         }
     }
