@@ -5,6 +5,7 @@
 #   lib/cmake/pmicli        find_package(pmicli): pmicli::pmicli, pmicli::sysutil, pmicli::storlib,
 #                           pmicli::embedded (these three together), pmicli::plugin
 #   lib/pkgconfig           pmicli.pc (the module), pmicli-embedded.pc (with the platform libraries)
+#   lib                     libstorlib_rados.so, which storlib loads for the engine over a cluster
 #   bin                     the pmi program
 #
 # A static build leaves the linking of private dependencies to the program. The package files of such
@@ -23,6 +24,9 @@ endif()
 install(TARGETS ${installed_targets} EXPORT pmicli-targets)
 if(TARGET pmi)
     install(TARGETS pmi)
+endif()
+if(TARGET storlib_rados)
+    install(TARGETS storlib_rados LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
 
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pmicli FILES_MATCHING PATTERN *.h)

@@ -52,7 +52,7 @@ std::vector<OMRA_OBJKEY> Job::keys() const {
     return keys;
 }
 
-PlayedHosts::PlayedHosts(const store::EngineKind &engine, const store::Configuration &configuration,
+PlayedHosts::PlayedHosts(const TestEngine &engine, const store::Configuration &configuration,
                          unsigned long long num_objects)
     : store(decorated(engine.make(clock, configuration)), clock, configuration) {
     store::DecoratedCluster &cluster = decorator_of(store.cluster());

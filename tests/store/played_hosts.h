@@ -49,7 +49,7 @@ public:
     static constexpr unsigned int temp_app = 0x30000000;
 
     /* With the objects 0 to num_objects - 1. */
-    PlayedHosts(const store::EngineKind &engine, const store::Configuration &configuration,
+    PlayedHosts(const TestEngine &engine, const store::Configuration &configuration,
                 unsigned long long num_objects = 60);
 
     /* The evaluation of these fails. */

@@ -12,9 +12,15 @@
 #include "query/language.h"
 #include "support/clocks.h"
 #include "support/decorators.h"
+#include "support/engines.h"
 
 #define FOR_ALL_ENGINES(suite)                                                                     \
-    INSTANTIATE_TEST_SUITE_P(Engines, suite, testing::ValuesIn(store::engine_kinds()))
+    INSTANTIATE_TEST_SUITE_P(Engines, suite, testing::ValuesIn(test_engines()))
+
+/* The limit of a cluster is the quota of its pool. */
+#define SKIP_WITHOUT_MEMORY_LIMIT()                                                                \
+    if (!GetParam().is_embedded())                                                                 \
+    GTEST_SKIP()
 
 inline constexpr int success = OMRALIB_RET_SUCCESS;
 inline constexpr int not_found = OMRALIB_ERR_OBJ_NOT_FOUND;
@@ -95,7 +101,7 @@ inline std::string error_text(OMRALIB_HANDLE hdl) {
     return text;
 }
 
-class StoreTest : public testing::TestWithParam<store::EngineKind> {
+class StoreTest : public testing::TestWithParam<TestEngine> {
 protected:
     explicit StoreTest(const store::Configuration &configuration = {})
         : store_(decorated(GetParam().make(clock_, configuration)), clock_, configuration) {}

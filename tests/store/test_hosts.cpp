@@ -16,7 +16,7 @@ using store::Millis;
 using store::millis_per_minute;
 using store::millis_per_second;
 
-class Hosts : public testing::TestWithParam<store::EngineKind> {};
+class Hosts : public testing::TestWithParam<TestEngine> {};
 FOR_ALL_ENGINES(Hosts);
 
 /* What holds even when hosts fail for good: the result is that of the objects that are counted as
@@ -144,7 +144,7 @@ TEST_P(Hosts, AreGivenUpAsSilentOnlyWhenOthersAreNot) {
 }
 
 /* Everything at once, in an order that the seed decides. */
-void run_at_random(const store::EngineKind &engine, unsigned int seed) {
+void run_at_random(const TestEngine &engine, unsigned int seed) {
     SCOPED_TRACE(testing::Message() << "to see it again: STORE_HOSTS_SEED=" << seed);
     std::mt19937 random(seed);
     /* Of very many objects hosts find their parts themselves, which come to them in chunks; of yet

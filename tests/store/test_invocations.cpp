@@ -17,7 +17,7 @@ using testing::ElementsAre;
 constexpr unsigned long long num_asked = 60;
 constexpr unsigned long long num_good = num_asked * 4 / 5;
 
-class Invocations : public testing::TestWithParam<store::EngineKind>, public PlayedHosts {
+class Invocations : public testing::TestWithParam<TestEngine>, public PlayedHosts {
 public:
     explicit Invocations(std::uint32_t num_hosts = 1)
         : PlayedHosts(GetParam(), {.num_hosts = num_hosts, .max_invocations = 1}, num_asked) {}

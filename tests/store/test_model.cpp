@@ -563,7 +563,7 @@ void check_against_model(std::uint64_t memory_limit) {
     std::printf("memory ran out in %u operations\n", num_ran_out);
 }
 
-class Model : public testing::TestWithParam<store::EngineKind> {};
+class Model : public testing::TestWithParam<TestEngine> {};
 FOR_ALL_ENGINES(Model);
 
 TEST_P(Model, HoldsWithTimeOuts) {
@@ -571,6 +571,7 @@ TEST_P(Model, HoldsWithTimeOuts) {
 }
 
 TEST_P(Model, HoldsAtTheMemoryLimit) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
     check_against_model(1500);
 }
 

@@ -32,6 +32,7 @@ FOR_ALL_ENGINES(FullStore);
 /* Objects that change, expire and go while they are read and found are seen whole, never take more
  * than there is, and leave all of it. */
 TEST_P(FullStore, IsNeverExceededAndLosesNothingToRacingThreads) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
     constexpr unsigned int num_objects = 150;
     std::atomic<unsigned int> num_refused{0};
     run_threads([&](OMRALIB_HANDLE hdl, unsigned int thread) {
@@ -143,16 +144,17 @@ TEST_P(Waiting, EndsWhenTheLockIsGivenBackHoweverThatHappens) {
 /* Time-outs, beyond what the model sees of them ----------------------------------------------- */
 
 TEST_P(StoreTest, RenewedObjectsDoNotHideExpiredOnes) {
-    for (unsigned int i = 0; i < 21'000; ++i) {
-        clock_.advance(i == 20'000 ? 1 : 0); /* the forgotten ones are the last in the queue */
+    const unsigned int num = GetParam().scaled(20'000);
+    for (unsigned int i = 0; i < num + num / 20; ++i) {
+        clock_.advance(i == num ? 1 : 0); /* the forgotten ones are the last in the queue */
         ASSERT_EQ(success, put(hdl_, make_key(1, i), "data", 1));
     }
     clock_.advance(millis_per_minute / 2);
-    for (unsigned int i = 0; i < 20'000; ++i) {
+    for (unsigned int i = 0; i < num; ++i) {
         ASSERT_EQ("data", get(hdl_, make_key(1, i)));
     }
     clock_.advance(millis_per_minute / 2);
-    EXPECT_EQ(20'000u, count(hdl_, 1));
+    EXPECT_EQ(num, count(hdl_, 1));
     clock_.advance(millis_per_minute);
     EXPECT_EQ(0u, count(hdl_, 1));
 }

@@ -35,7 +35,7 @@ void release(void *pblock) {
 void failing_memory::arm(unsigned int number, bool all_later) {
     num_calls = num_failed = 0;
     all_later_fail = all_later;
-    fails_from = number;
+    fails_from = is_allowed ? number : 0;
 }
 
 unsigned int failing_memory::disarm() {

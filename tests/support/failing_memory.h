@@ -8,6 +8,9 @@ namespace failing_memory {
 
 inline constinit thread_local bool is_exposed = false;
 
+// Whether arming does anything: libraries that are not ours do not outlive it.
+inline constinit bool is_allowed = true;
+
 // While it lives the thread is exposed, or is not.
 class Exposure {
 public:

@@ -2,6 +2,7 @@
 
 #include "client/store.h"
 #include "decorators.h"
+#include "engines.h"
 #include "interposer.h"
 #include "storapp.h"
 
@@ -12,7 +13,7 @@ void open(TestClock &clock, const Options &options) {
     store::Configuration configuration;
     configuration.num_hosts = options.num_hosts;
     configuration.lock_lease = options.lock_lease;
-    store::Engine engine = decorated(store::engine_kinds().front().make(clock, configuration));
+    store::Engine engine = decorated(test_engines().front().make(clock, configuration));
     decorator_of(*engine.objects).patience = options.lock_patience;
     decorator_of(*engine.cluster).in_order = options.deliver_inline;
     new store::Store(std::move(engine), clock, configuration); // the process's from now on

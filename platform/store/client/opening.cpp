@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <exception>
 #include <optional>
+#include <utility>
 
 namespace store {
 
@@ -24,28 +25,29 @@ Opening &opening() {
     return *one;
 }
 
-std::vector<std::string_view> engine_urls() {
-    std::vector<std::string_view> urls;
-    for (const EngineKind &kind : engine_kinds()) {
-        urls.push_back(kind.url);
+bool is_known(std::string_view url, std::string &why_out) {
+    if (const EngineKind *kind = kind_of(url)) {
+        return kind->understands(url, why_out);
     }
-    return urls;
+    why_out = "no such engine; there is";
+    for (const EngineKind &kind : engine_kinds()) {
+        why_out.append(" \"").append(kind.scheme).append("\"");
+    }
+    return false;
 }
 
 Status read(const OMRALIB_CONFIG &given, Configuration &configuration_out, std::string &why_out) {
-    return read_configuration(given, std::getenv("OMRA_STORE"), engine_urls(), configuration_out,
-                              why_out);
+    return read_configuration(given, std::getenv("OMRA_STORE"), engine_kinds().front().scheme,
+                              is_known, configuration_out, why_out);
 }
 
-/* Of an engine whose URL has been checked. */
-Engine make_engine(Clock &clock, const Configuration &configuration) {
-    const EngineKind *chosen = nullptr;
-    for (const EngineKind &kind : engine_kinds()) {
-        if (kind.url == configuration.engine_url) {
-            chosen = &kind;
-        }
+/* What the environment asks for is the user's, not the program's, which may have nothing to say
+ * about it: so the reason goes to standard error too, once. */
+void complain(Opening &open, const std::string &why) ABSL_EXCLUSIVE_LOCKS_REQUIRED(open.lock) {
+    if (!open.complained) {
+        std::fprintf(stderr, "store: %s\n", why.c_str());
+        open.complained = true;
     }
-    return chosen->make(clock, configuration);
 }
 
 } // namespace
@@ -61,18 +63,24 @@ Store *open_store(std::string &why_out) {
             return store;
         }
         Configuration configuration;
+        Status status = OMRALIB_RET_SUCCESS;
         if (open.configured) {
             configuration = *open.configured;
-        } else if (read({}, configuration, why_out) != OMRALIB_RET_SUCCESS) {
-            /* The environment is the user's, not the program's, which may have nothing to say about
-             * it: so the reason goes to standard error too, once. */
-            if (!open.complained) {
-                std::fprintf(stderr, "store: %s\n", why_out.c_str());
-                open.complained = true;
+        } else {
+            status = read({}, configuration, why_out);
+        }
+        Engine engine;
+        if (status == OMRALIB_RET_SUCCESS) {
+            status =
+                kind_of(configuration.engine_url)->make(open.clock, configuration, engine, why_out);
+        }
+        if (status != OMRALIB_RET_SUCCESS) {
+            if (!open.configured) {
+                complain(open, why_out);
             }
             return nullptr;
         }
-        return new Store(make_engine(open.clock, configuration), open.clock, configuration);
+        return new Store(std::move(engine), open.clock, configuration);
     } catch (const std::exception &) {
         return nullptr;
     }

@@ -303,12 +303,13 @@ std::vector<std::shared_ptr<RecordList>> EmbeddedObjects::lists_of(std::uint32_t
     return lists;
 }
 
-std::uint64_t EmbeddedObjects::num_records(std::uint32_t app_id) {
+Status EmbeddedObjects::num_records(std::uint32_t app_id, std::uint64_t &num_out) {
     std::uint64_t num = 0;
     for (const auto &list : lists_of(app_id)) {
         num += list->size();
     }
-    return num;
+    num_out = num;
+    return OMRALIB_RET_SUCCESS;
 }
 
 Status EmbeddedObjects::scan(const Selection &selection, const Part *part,

@@ -15,12 +15,12 @@
 
 #include "embedded/shard.h"
 #include "embedded/sweeper.h"
-#include "engine/objects.h"
+#include "engine/local_objects.h"
 #include "engine/options.h"
 
 namespace store {
 
-class EmbeddedObjects final : public Objects {
+class EmbeddedObjects final : public LocalObjects {
 public:
     /* `clock` outlives the objects. */
     EmbeddedObjects(Clock &clock, const Configuration &configuration);
@@ -45,15 +45,12 @@ public:
     Status totals(Totals &totals_out) override;
     Status activity(Activity &activity_out) override;
 
-    /* Objects of an app id, counted for next to nothing: those that have expired but have not been
-     * swept yet are among them. */
-    std::uint64_t num_records(std::uint32_t app_id);
-
-    /* What has expired is told to `events` from now on, for the app ids that want it, until
-     * detach_events(). */
-    void attach_events(EventReceiver &events) { sweeper_.attach(events); }
-    void want_events(std::uint32_t app_id, bool wanted) { sweeper_.want_events(app_id, wanted); }
-    void detach_events() { sweeper_.stop(); }
+    Status num_records(std::uint32_t app_id, std::uint64_t &num_out) override;
+    void attach_events(EventReceiver &events) override { sweeper_.attach(events); }
+    void want_events(std::uint32_t app_id, bool wanted) override {
+        sweeper_.want_events(app_id, wanted);
+    }
+    void detach_events() override { sweeper_.stop(); }
 
 private:
     Shard &shard_of(std::uint64_t hash) { return shards_[shard_of_slot(slot_of(hash))]; }

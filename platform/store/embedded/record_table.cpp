@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "engine/slots.h"
+
 namespace store {
 
 Record *RecordTable::find(const Key &key, std::uint64_t hash) const {

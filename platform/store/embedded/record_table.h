@@ -18,8 +18,6 @@
 
 namespace store {
 
-std::uint64_t hash_of(const Key &key);
-
 /* Under the lock of the shard. Owns no record. `hash` is the key's. */
 class RecordTable {
 public:

@@ -3,9 +3,6 @@
 
 #include <algorithm>
 
-#define XXH_INLINE_ALL
-#include <xxhash.h>
-
 namespace store {
 
 namespace {
@@ -26,10 +23,6 @@ std::uint64_t above(std::uint64_t a, std::uint64_t b) {
 }
 
 } // namespace
-
-std::uint64_t hash_of(const Key &key) {
-    return XXH3_64bits(&key, sizeof key);
-}
 
 Shard::~Shard() {
     for (auto &[app_id, section] : sections_) {

@@ -1,5 +1,4 @@
-/* How the key space of an app id falls into slots: by the top bits of the key's hash. Neighbouring
- * slots share a shard. */
+/* Slots and shards: neighbouring slots share a shard. */
 #pragma once
 
 #include <array>
@@ -7,15 +6,13 @@
 #include <cstdint>
 #include <span>
 
+#include "engine/slots.h"
+
 namespace store {
 
-inline constexpr std::uint32_t num_slots = 256;
 inline constexpr std::uint32_t slots_per_shard = 8;
 inline constexpr std::uint32_t num_shards = num_slots / slots_per_shard;
 
-inline std::uint32_t slot_of(std::uint64_t hash) {
-    return static_cast<std::uint32_t>(hash >> 56);
-}
 inline std::uint32_t shard_of_slot(std::uint32_t slot) {
     return slot / slots_per_shard;
 }

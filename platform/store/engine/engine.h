@@ -18,13 +18,21 @@ struct Engine {
 };
 
 struct EngineKind {
-    std::string_view url; /* by which it is asked for */
+    std::string_view scheme; /* what the URLs begin with by which it is asked for */
 
-    /* `clock` outlives the engine. */
-    Engine (*make)(Clock &clock, const Configuration &configuration);
+    /* Whether a URL of this scheme can be understood, or the reason in `why_out`. Asks nobody. */
+    bool (*understands)(std::string_view url, std::string &why_out);
+
+    /* OMRALIB_ERR_CANT_INIT when the engine cannot be had, with the reason in `why_out`. `clock`
+     * outlives it. */
+    Status (*make)(Clock &clock, const Configuration &configuration, Engine &engine_out,
+                   std::string &why_out);
 };
 
 /* Those that this build has; the first is the default. */
 std::span<const EngineKind> engine_kinds();
+
+/* The one that a URL asks for; nullptr: none. */
+const EngineKind *kind_of(std::string_view url);
 
 } // namespace store

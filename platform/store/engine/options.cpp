@@ -1,8 +1,6 @@
 /* Checking what is asked for, value by value. */
 #include "engine/options.h"
 
-#include <algorithm>
-
 namespace store {
 
 namespace {
@@ -27,7 +25,7 @@ bool take(const char *name, std::uint32_t value, std::uint32_t limit, std::uint3
 }
 
 bool take_url(const OMRALIB_CONFIG &given, const char *url_from_environment,
-              std::span<const std::string_view> engine_urls, std::string &setting,
+              std::string_view default_url, UrlCheck is_known, std::string &setting,
               std::string &why) {
     const char *url = given.engine_url;
     const char *origin = "engine_url";
@@ -35,25 +33,24 @@ bool take_url(const OMRALIB_CONFIG &given, const char *url_from_environment,
         url = url_from_environment;
         origin = "the environment variable OMRA_STORE";
     }
-    setting = url != nullptr ? url : engine_urls.front();
-    if (std::find(engine_urls.begin(), engine_urls.end(), setting) != engine_urls.end()) {
+    setting = url != nullptr ? std::string_view(url) : default_url;
+    std::string reason;
+    if (is_known(setting, reason)) {
         return true;
     }
-    why = std::string(origin) + " is \"" + url + "\": no such engine; there is";
-    for (const std::string_view known : engine_urls) {
-        why.append(" \"").append(known).append("\"");
-    }
+    why = std::string(origin) + " is \"" + setting + "\": " + reason;
     return false;
 }
 
 } // namespace
 
 Status read_configuration(const OMRALIB_CONFIG &given, const char *url_from_environment,
-                          std::span<const std::string_view> engine_urls,
+                          std::string_view default_url, UrlCheck is_known,
                           Configuration &configuration_out, std::string &why_out) {
     Configuration configuration;
     auto lease_s = static_cast<std::uint32_t>(configuration.lock_lease / millis_per_second);
-    if (!take_url(given, url_from_environment, engine_urls, configuration.engine_url, why_out) ||
+    if (!take_url(given, url_from_environment, default_url, is_known, configuration.engine_url,
+                  why_out) ||
         !take("num_hosts", given.num_hosts, max_hosts, configuration.num_hosts, why_out) ||
         !take("lock_lease_s", given.lock_lease_s, max_lease_s, lease_s, why_out) ||
         !take("max_invocations", given.max_invocations, max_invocations_at_once,

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -22,11 +21,14 @@ struct Configuration {
     std::uint64_t memory_limit = no_memory_limit;
 };
 
+/* Whether there is an engine for a URL, or the reason in `why_out`. */
+using UrlCheck = bool (*)(std::string_view url, std::string &why_out);
+
 /* The configuration that `given` asks for; `url_from_environment` (NULL: none) counts where `given`
- * names no engine, and it has to be among `engine_urls`, of which the first is the default.
- * OMRALIB_ERR_BAD_ARGS and the reason in `why_out` for what is not allowed. */
+ * names no engine, and `default_url` where neither does. OMRALIB_ERR_BAD_ARGS and the reason in
+ * `why_out` for what is not allowed. */
 Status read_configuration(const OMRALIB_CONFIG &given, const char *url_from_environment,
-                          std::span<const std::string_view> engine_urls,
+                          std::string_view default_url, UrlCheck is_known,
                           Configuration &configuration_out, std::string &why_out);
 
 } // namespace store

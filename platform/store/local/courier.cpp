@@ -1,5 +1,5 @@
 /* The courier's thread. */
-#include "embedded/courier.h"
+#include "local/courier.h"
 
 #include <exception>
 #include <new>

@@ -1,4 +1,4 @@
-/* The hosts that the embedded engine plays, 1 to N, all in this process, and the names.
+/* Hosts that an engine plays, 1 to N, all in this process, and the names.
  *
  *   send(request) --> in flight --> courier --> receiver     reply, host_gone or withdrawal
  *                                                            takes it out of flight, once
@@ -23,16 +23,16 @@
 #include <unordered_map>
 #include <vector>
 
-#include "embedded/courier.h"
-#include "embedded/embedded_objects.h"
 #include "engine/cluster.h"
+#include "engine/local_objects.h"
+#include "local/courier.h"
 
 namespace store {
 
-class EmbeddedCluster final : public Cluster, private ReplySink {
+class LocalCluster final : public Cluster, private ReplySink {
 public:
     /* `objects` outlives the cluster. */
-    EmbeddedCluster(EmbeddedObjects &objects, std::uint32_t num_hosts)
+    LocalCluster(LocalObjects &objects, std::uint32_t num_hosts)
         : objects_(objects), num_hosts_(num_hosts), gone_(num_hosts) {}
 
     void attach(RequestReceiver &receiver, ReplySink &sink, EventReceiver &events) override;
@@ -67,7 +67,7 @@ private:
     void take_back(std::size_t index, RequestId request);
 
     /* Constant after set-up. */
-    EmbeddedObjects &objects_;
+    LocalObjects &objects_;
     const std::uint32_t num_hosts_;
     RequestReceiver *receiver_ = nullptr;
     ReplySink *sink_ = nullptr;

@@ -1,8 +1,10 @@
 /* Hosts played in this process: who serves, who gets which objects, requests and replies. */
-#include "embedded/embedded_cluster.h"
+#include "local/local_cluster.h"
 
 #include <algorithm>
 #include <exception>
+
+#include "engine/slots.h"
 
 namespace store {
 
@@ -40,7 +42,7 @@ Reply host_gone(const HostId &host, const HostId &sender, RequestId request) {
 
 } // namespace
 
-void EmbeddedCluster::attach(RequestReceiver &receiver, ReplySink &sink, EventReceiver &events) {
+void LocalCluster::attach(RequestReceiver &receiver, ReplySink &sink, EventReceiver &events) {
     receiver_ = &receiver;
     sink_ = &sink;
     ReplySink &refusals = *this;
@@ -50,14 +52,14 @@ void EmbeddedCluster::attach(RequestReceiver &receiver, ReplySink &sink, EventRe
     objects_.attach_events(events);
 }
 
-void EmbeddedCluster::detach() {
+void LocalCluster::detach() {
     couriers_.clear();
     objects_.detach_events();
 }
 
 /* Names and who serves ------------------------------------------------------------------------ */
 
-Status EmbeddedCluster::bind_name(std::string_view name, std::uint32_t &app_id_out) {
+Status LocalCluster::bind_name(std::string_view name, std::uint32_t &app_id_out) {
     const Guard guard(names_lock_);
     if (names_.contains(name)) {
         return OMRALIB_ERR_NAME_REGISTERED;
@@ -74,7 +76,7 @@ Status EmbeddedCluster::bind_name(std::string_view name, std::uint32_t &app_id_o
 }
 
 /* All hosts are this process, so each of them serves what it serves. */
-Status EmbeddedCluster::announce(std::uint32_t app_id, bool serving) {
+Status LocalCluster::announce(std::uint32_t app_id, bool serving) {
     objects_.want_events(app_id, serving);
     const Guard guard(lock_);
     if (serving) {
@@ -85,7 +87,7 @@ Status EmbeddedCluster::announce(std::uint32_t app_id, bool serving) {
     return OMRALIB_RET_SUCCESS;
 }
 
-std::vector<HostId> EmbeddedCluster::live() const {
+std::vector<HostId> LocalCluster::live() const {
     std::vector<HostId> hosts;
     for (std::size_t i = 0; i < num_hosts_; ++i) {
         if (!gone_[i]) {
@@ -95,19 +97,19 @@ std::vector<HostId> EmbeddedCluster::live() const {
     return hosts;
 }
 
-Status EmbeddedCluster::hosts_serving(std::uint32_t app_id, std::vector<HostId> &hosts_out) {
+Status LocalCluster::hosts_serving(std::uint32_t app_id, std::vector<HostId> &hosts_out) {
     const Guard guard(lock_);
     hosts_out = served_.contains(app_id) ? live() : std::vector<HostId>{};
     return OMRALIB_RET_SUCCESS;
 }
 
-Status EmbeddedCluster::hosts_serving_any(std::vector<HostId> &hosts_out) {
+Status LocalCluster::hosts_serving_any(std::vector<HostId> &hosts_out) {
     const Guard guard(lock_);
     hosts_out = served_.empty() ? std::vector<HostId>{} : live();
     return OMRALIB_RET_SUCCESS;
 }
 
-Status EmbeddedCluster::declare_gone(std::uint32_t host_number) {
+Status LocalCluster::declare_gone(std::uint32_t host_number) {
     if (host_number == 0 || host_number > num_hosts_) {
         return OMRALIB_ERR_BAD_ARGS;
     }
@@ -139,15 +141,15 @@ Status EmbeddedCluster::declare_gone(std::uint32_t host_number) {
 /* Which of `hosts` a slot is at home on. Neighbouring slots are at home on one host, so that few
  * shards are divided. What is at home on a host that is not among `hosts` is spread over those that
  * are. */
-std::size_t EmbeddedCluster::home_of_slot(std::uint32_t slot, std::span<const HostId> hosts) const {
+std::size_t LocalCluster::home_of_slot(std::uint32_t slot, std::span<const HostId> hosts) const {
     const HostId home = host_at(slot * num_hosts_ / num_slots);
     const auto found = std::find(hosts.begin(), hosts.end(), home);
     return found != hosts.end() ? static_cast<std::size_t>(found - hosts.begin())
                                 : slot % hosts.size();
 }
 
-std::vector<Share> EmbeddedCluster::deal_out(std::vector<Key> keys,
-                                             std::span<const HostId> hosts) const {
+std::vector<Share> LocalCluster::deal_out(std::vector<Key> keys,
+                                          std::span<const HostId> hosts) const {
     if (hosts.size() == 1 && !keys.empty()) {
         return {share_of(hosts.front(), std::move(keys))};
     }
@@ -164,8 +166,8 @@ std::vector<Share> EmbeddedCluster::deal_out(std::vector<Key> keys,
     return shares;
 }
 
-std::vector<Share> EmbeddedCluster::divide(const Selection &selection,
-                                           std::span<const HostId> hosts) const {
+std::vector<Share> LocalCluster::divide(const Selection &selection,
+                                        std::span<const HostId> hosts) const {
     if (hosts.size() == 1) {
         return {{hosts.front(), true, {}, selection, {.is_whole = true}}};
     }
@@ -182,9 +184,13 @@ std::vector<Share> EmbeddedCluster::divide(const Selection &selection,
     return shares;
 }
 
-Status EmbeddedCluster::plan(const Selection &selection, std::span<const HostId> hosts,
-                             const SearchCheck &check, std::vector<Share> &shares_out) {
-    const std::uint64_t num_records = objects_.num_records(selection.app_id);
+Status LocalCluster::plan(const Selection &selection, std::span<const HostId> hosts,
+                          const SearchCheck &check, std::vector<Share> &shares_out) {
+    std::uint64_t num_records = 0;
+    Status status = objects_.num_records(selection.app_id, num_records);
+    if (status != OMRALIB_RET_SUCCESS) {
+        return status;
+    }
     if (num_records == 0) {
         shares_out.clear();
         return OMRALIB_RET_SUCCESS;
@@ -194,7 +200,7 @@ Status EmbeddedCluster::plan(const Selection &selection, std::span<const HostId>
         return OMRALIB_RET_SUCCESS;
     }
     std::vector<Key> keys;
-    const Status status = find(objects_, selection, nullptr, keys, check);
+    status = find(objects_, selection, nullptr, keys, check);
     if (status == OMRALIB_RET_SUCCESS) {
         shares_out = deal_out(std::move(keys), hosts);
     }
@@ -203,7 +209,7 @@ Status EmbeddedCluster::plan(const Selection &selection, std::span<const HostId>
 
 /* Requests and replies ------------------------------------------------------------------------ */
 
-Status EmbeddedCluster::send(Request request) {
+Status LocalCluster::send(Request request) {
     const HostId host = request.share.host;
     const std::size_t index = index_of(host);
     bool reachable = false;
@@ -223,7 +229,7 @@ Status EmbeddedCluster::send(Request request) {
 }
 
 /* Takes the request out of flight. False when it is not there; else at which host it was. */
-bool EmbeddedCluster::take_off(RequestId request, std::size_t &index_out) {
+bool LocalCluster::take_off(RequestId request, std::size_t &index_out) {
     const Guard guard(lock_);
     const auto found = in_flight_.find(request);
     if (found == in_flight_.end()) {
@@ -235,13 +241,13 @@ bool EmbeddedCluster::take_off(RequestId request, std::size_t &index_out) {
 }
 
 /* From the host's courier, or from the receiver when it has been handed over. */
-void EmbeddedCluster::take_back(std::size_t index, RequestId request) {
+void LocalCluster::take_back(std::size_t index, RequestId request) {
     if (!couriers_[index]->take_back(request)) {
         receiver_->withdraw(this_host(), request);
     }
 }
 
-Status EmbeddedCluster::withdraw(const HostId &, RequestId request) {
+Status LocalCluster::withdraw(const HostId &, RequestId request) {
     std::size_t index = 0;
     if (take_off(request, index)) {
         take_back(index, request);
@@ -249,18 +255,17 @@ Status EmbeddedCluster::withdraw(const HostId &, RequestId request) {
     return OMRALIB_RET_SUCCESS;
 }
 
-Status EmbeddedCluster::progress_of(const HostId &, RequestId request,
-                                    RequestProgress &progress_out) {
+Status LocalCluster::progress_of(const HostId &, RequestId request, RequestProgress &progress_out) {
     progress_out = receiver_->progress_of(this_host(), request);
     return OMRALIB_RET_SUCCESS;
 }
 
-Status EmbeddedCluster::renew(const HostId &, RequestId request) {
+Status LocalCluster::renew(const HostId &, RequestId request) {
     receiver_->renew(this_host(), request);
     return OMRALIB_RET_SUCCESS;
 }
 
-Status EmbeddedCluster::call_back(const HostId &host, const HostId &sender, RequestId request) {
+Status LocalCluster::call_back(const HostId &host, const HostId &sender, RequestId request) {
     try {
         couriers_[index_of(host)]->call_back(sender, request);
     } catch (const std::exception &) {
@@ -269,7 +274,7 @@ Status EmbeddedCluster::call_back(const HostId &host, const HostId &sender, Requ
     return OMRALIB_RET_SUCCESS;
 }
 
-Status EmbeddedCluster::on_reply(const Reply &reply) {
+Status LocalCluster::on_reply(const Reply &reply) {
     std::size_t index = 0;
     return take_off(reply.request, index) ? sink_->on_reply(reply) : OMRALIB_ERR_BAD_ARGS;
 }
