@@ -51,13 +51,14 @@ int Omralib_list_objs(OMRALIB_HANDLE hdl, unsigned int app_id, OMRALIB_KEY_FUNC 
 
 /* How the store of this process is set up. A member that is 0 (NULL) means its default. */
 typedef struct OMRALIB_CONFIG {
-    const char *engine_url;    /* "embedded:"; default: environment OMRA_STORE, else "embedded:" */
-    unsigned int num_hosts;    /* hosts that the embedded engine plays, 1 to 64; default 1 */
-    unsigned int lock_lease_s; /* seconds that a lock outlives its holder; default 60 */
+    const char *engine_url;       /* "embedded:", or "rados:POOL..." for a Ceph cluster; default:
+                                     environment OMRA_STORE, else "embedded:" */
+    unsigned int num_hosts;       /* hosts that are played in this process, 1 to 64; default 1 */
+    unsigned int lock_lease_s;    /* seconds that a lock outlives its holder; default 60 */
     unsigned int max_invocations; /* that run at once; default 64. Others wait their turn, first
                                      come first served, while their time-outs run */
-    ULONGLONG memory_limit; /* bytes; default: none. An object counts its own plus 128, and 128
-                             * for each of its index values */
+    ULONGLONG memory_limit; /* bytes, of the embedded engine; default: none. An object counts its
+                             * own plus 128, and 128 for each of its index values */
 } OMRALIB_CONFIG;
 
 /* Configures the store, before its first use: OMRALIB_ERR_CANT_INIT once it has been used.

@@ -97,7 +97,8 @@ void configure_store(const Options &options) {
 
 StoreHandle::StoreHandle() : handle_(Omralib_open_ext(nullptr)) {
     if (handle_ == OMRALIB_NULL_HANDLE) {
-        throw RunError("no handle of the store could be opened");
+        throw RunError(fmt::format("the store cannot be opened: {}",
+                                   failure_text(OMRALIB_NULL_HANDLE, OMRALIB_ERR_CANT_INIT)));
     }
 }
 
