@@ -4,6 +4,7 @@
 
 #include "engine/engine.h"
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,10 @@ struct TestEngine {
 
     // A fresh one, without any objects.
     store::Engine make(store::Clock &clock, store::Configuration configuration) const;
+
+    friend void PrintTo(const TestEngine &engine, std::ostream *out) {
+        *out << (engine.is_embedded() ? "embedded" : "cluster");
+    }
 };
 
 std::vector<TestEngine> test_engines();

@@ -2,10 +2,11 @@
 #include "rados/opening.h"
 
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <utility>
+
+#include <rados/librados.hpp>
 
 #include "rados/rados_objects.h"
 #include "rados/url.h"
@@ -29,8 +30,6 @@ constexpr Setting settings[] = {
 
 /* While the engine is being opened: who cannot even do this within so long is told. */
 constexpr const char *patience_at_the_door = "5";
-
-constexpr const char *buckets_name = "buckets";
 
 std::string error_of(int answer) {
     return std::string(std::strerror(-answer)) + " (" + std::to_string(answer) + ")";
@@ -87,27 +86,6 @@ int configure(librados::Rados &rados, const RadosUrl &url, std::string &why) {
     return answer;
 }
 
-/* How many buckets the namespace has, which its first user has settled for ever. */
-int settle_buckets(librados::IoCtx &io, std::uint32_t wanted, std::uint32_t &buckets_out) {
-    const std::string mine = std::to_string(wanted != 0 ? wanted : default_buckets);
-    librados::ObjectWriteOperation operation;
-    operation.create(false);
-    operation.omap_cmp({{buckets_name, {BufferList(), LIBRADOS_CMPXATTR_OP_EQ}}}, nullptr);
-    operation.omap_set({{buckets_name, buffer_of(mine)}});
-    int answer = io.operate(Pool::meta_name, &operation);
-    if (answer != 0 && answer != -ECANCELED) {
-        return answer;
-    }
-    Entries entries;
-    answer = io.omap_get_vals_by_keys(Pool::meta_name, {buckets_name}, &entries);
-    const std::string text = text_of(entries, buckets_name);
-    if (answer == 0 &&
-        std::from_chars(text.data(), text.data() + text.size(), buckets_out).ec != std::errc()) {
-        answer = -EBADMSG;
-    }
-    return answer;
-}
-
 } // namespace
 
 __attribute__((visibility("default"))) Status
@@ -135,27 +113,26 @@ OMRA_OPEN_RADOS_HERE(Clock &clock, const Configuration &configuration,
     if (answer != 0) {
         return refuse(why_not_connected(url, answer));
     }
-    librados::IoCtx io;
-    answer = rados->ioctx_create(url.pool.c_str(), io);
+    auto io = std::make_unique<librados::IoCtx>();
+    answer = rados->ioctx_create(url.pool.c_str(), *io);
     if (answer == -ENOENT) {
         return refuse("there is no pool \"" + url.pool + "\"");
     }
     if (answer != 0) {
         return refuse(why_not_written(url, answer));
     }
-    io.set_namespace(url.name_space);
-    io.set_pool_full_try(); /* a full pool is told at once, and removing works */
-    std::uint32_t buckets = 0;
-    answer = settle_buckets(io, url.buckets, buckets);
+    io->set_namespace(url.name_space);
+    io->set_pool_full_try(); /* a full pool is told at once, and removing works */
+    Pool pool(std::move(rados), std::move(io));
+    answer = pool.settle_buckets(url.buckets != 0 ? url.buckets : default_buckets);
     if (answer != 0) {
         return refuse(why_not_written(url, answer));
     }
-    if (url.buckets != 0 && url.buckets != buckets) {
-        return refuse("its objects lie in " + std::to_string(buckets) + " buckets, not in " +
-                      std::to_string(url.buckets));
+    if (url.buckets != 0 && url.buckets != pool.num_buckets()) {
+        return refuse("its objects lie in " + std::to_string(pool.num_buckets()) +
+                      " buckets, not in " + std::to_string(url.buckets));
     }
-    objects_out = std::make_unique<RadosObjects>(clock, configuration,
-                                                 Pool(std::move(rados), std::move(io), buckets));
+    objects_out = std::make_unique<RadosObjects>(clock, configuration, std::move(pool));
     return OMRALIB_RET_SUCCESS;
 }
 

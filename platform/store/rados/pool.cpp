@@ -4,8 +4,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
+
+#include <rados/librados.hpp>
 
 #include "engine/slots.h"
 #include "rados/record.h"
@@ -14,11 +17,39 @@ namespace store {
 
 namespace {
 
+/* Where what holds for the whole namespace is kept, and the entry with the number of buckets. */
+const std::string meta_name = "store";
+const std::string buckets_name = "buckets";
+
 /* One RADOS object of a long object's bytes; those of a pool hold 128 MiB by default. */
 constexpr std::uint64_t piece_length = std::uint64_t{32} << 20;
 
 std::string piece_name(const std::string &name, std::uint64_t number) {
     return name + "." + std::to_string(number);
+}
+
+using BufferList = librados::bufferlist;
+
+BufferList buffer_of(const void *bytes, std::size_t length) {
+    BufferList list;
+    list.append(static_cast<const char *>(bytes), static_cast<unsigned>(length));
+    return list;
+}
+
+BufferList buffer_of(const std::string &text) {
+    return buffer_of(text.data(), text.size());
+}
+
+/* The class numops adds to numbers that are not there as to 0. It wants its arguments with their
+ * lengths in front. */
+void add(librados::ObjectWriteOperation &operation, const std::string &name, std::int64_t number) {
+    BufferList arguments;
+    for (const std::string &argument : {name, std::to_string(number)}) {
+        const auto length = static_cast<std::uint32_t>(argument.size());
+        arguments.append(reinterpret_cast<const char *>(&length), sizeof length);
+        arguments.append(argument);
+    }
+    operation.exec("numops", "add", arguments);
 }
 
 std::string app_id_name(std::uint32_t app_id) {
@@ -29,19 +60,10 @@ std::string app_id_name(std::uint32_t app_id) {
 
 } // namespace
 
-BufferList buffer_of(Bytes bytes) {
-    BufferList list;
-    list.append(reinterpret_cast<const char *>(bytes.data()), static_cast<unsigned>(bytes.size()));
-    return list;
-}
-
-BufferList buffer_of(std::string_view text) {
-    return buffer_of(std::as_bytes(std::span(text)));
-}
-
-std::string text_of(const Entries &entries, const std::string &name) {
+const std::string &text_of(const Entries &entries, const std::string &name) {
+    static const std::string none;
     const auto found = entries.find(name);
-    return found != entries.end() ? found->second.to_str() : std::string();
+    return found != entries.end() ? found->second : none;
 }
 
 Status status_of(int answer) {
@@ -79,8 +101,53 @@ std::uint64_t Pool::fresh_id() {
     return random();
 }
 
-int Pool::write(const std::string &name, librados::ObjectWriteOperation &operation) {
-    return io_.operate(name, &operation);
+Pool::Pool(std::unique_ptr<librados::Rados> rados, std::unique_ptr<librados::IoCtx> io)
+    : rados_(std::move(rados)), io_(std::move(io)) {}
+
+Pool::Pool(Pool &&) noexcept = default;
+Pool::~Pool() = default;
+
+int Pool::settle_buckets(std::uint32_t wanted) {
+    int answer = write(meta_name, {.expected = {{buckets_name, ""}},
+                                   .set = {{buckets_name, std::to_string(wanted)}},
+                                   .removed = {},
+                                   .added = {}});
+    if (answer != 0 && answer != -ECANCELED) {
+        return answer;
+    }
+    Entries entries;
+    answer = get(meta_name, {buckets_name}, entries);
+    if (answer == 0) {
+        num_buckets_ = static_cast<std::uint32_t>(
+            std::strtoul(text_of(entries, buckets_name).c_str(), nullptr, 10));
+    }
+    return answer == 0 && num_buckets_ == 0 ? -EBADMSG : answer;
+}
+
+int Pool::write(const std::string &name, const Write &write) {
+    librados::ObjectWriteOperation operation;
+    operation.create(false); /* before what compares, which refuses an object that is not there */
+    if (!write.expected.empty()) {
+        std::map<std::string, std::pair<BufferList, int>> expected;
+        for (const auto &[entry, value] : write.expected) {
+            expected[entry] = {buffer_of(value), LIBRADOS_CMPXATTR_OP_EQ};
+        }
+        operation.omap_cmp(expected, nullptr);
+    }
+    if (!write.removed.empty()) {
+        operation.omap_rm_keys(write.removed);
+    }
+    if (!write.set.empty()) {
+        std::map<std::string, BufferList> set;
+        for (const auto &[entry, value] : write.set) {
+            set[entry] = buffer_of(value);
+        }
+        operation.omap_set(set);
+    }
+    for (const auto &[entry, number] : write.added) {
+        add(operation, entry, number);
+    }
+    return io_->operate(name, &operation);
 }
 
 int Pool::get(const std::string &name, const std::set<std::string> &wanted, Entries &entries_out) {
@@ -93,9 +160,8 @@ int Pool::get(const std::string &name, const std::set<std::string> &wanted, Entr
  */
 
 int Pool::add_app_id(std::uint32_t app_id) {
-    librados::ObjectWriteOperation operation;
-    operation.omap_set({{app_id_name(app_id), BufferList()}});
-    return write(meta_name, operation);
+    return write(meta_name,
+                 {.expected = {}, .set = {{app_id_name(app_id), ""}}, .removed = {}, .added = {}});
 }
 
 int Pool::app_ids(std::vector<std::uint32_t> &app_ids_out) {
@@ -124,8 +190,9 @@ int Pool::write_pieces(const std::string &name, Bytes bytes) {
     for (std::uint64_t at = 0; at < bytes.size(); at += piece_length) {
         const Bytes piece = bytes.subspan(at, std::min(piece_length, bytes.size() - at));
         librados::ObjectWriteOperation operation;
-        operation.write_full(buffer_of(piece));
-        if (const int answer = write(piece_name(name, at / piece_length), operation); answer != 0) {
+        operation.write_full(buffer_of(piece.data(), piece.size()));
+        const int answer = io_->operate(piece_name(name, at / piece_length), &operation);
+        if (answer != 0) {
             remove_pieces(name, at + 1);
             return answer;
         }
@@ -137,7 +204,7 @@ int Pool::read_pieces(const std::string &name, std::span<std::byte> bytes) {
     for (std::uint64_t at = 0; at < bytes.size(); at += piece_length) {
         const auto piece = bytes.subspan(at, std::min(piece_length, bytes.size() - at));
         BufferList list;
-        const int length = io_.read(piece_name(name, at / piece_length), list, piece.size(), 0);
+        const int length = io_->read(piece_name(name, at / piece_length), list, piece.size(), 0);
         if (length < 0) {
             return length;
         }
@@ -151,51 +218,65 @@ int Pool::read_pieces(const std::string &name, std::span<std::byte> bytes) {
 
 void Pool::remove_pieces(const std::string &name, std::uint64_t length) {
     for (std::uint64_t at = 0; at < length; at += piece_length) {
-        io_.remove(piece_name(name, at / piece_length));
+        io_->remove(piece_name(name, at / piece_length));
     }
 }
 
 /* Reads at the same time ------------------------------------------------------------------------
  */
 
-void Reads::start(const std::string &name, librados::ObjectReadOperation &operation) {
+struct Reads::Read {
+    Entries &entries_out;
+    librados::ObjectReadOperation operation = {};
     librados::AioCompletion *completion = librados::Rados::aio_create_completion();
-    completions_.push_back(completion);
-    pool_.io().aio_operate(name, completion, &operation, nullptr);
+    std::map<std::string, BufferList> entries = {};
+};
+
+Reads::Reads(Pool &pool) : pool_(pool) {}
+
+Reads::~Reads() {
+    wait();
+}
+
+Reads::Read &Reads::start(Entries &entries_out) {
+    return *reads_.emplace_back(new Read{entries_out});
 }
 
 void Reads::get(const std::string &name, const std::set<std::string> &wanted,
                 Entries &entries_out) {
-    librados::ObjectReadOperation operation;
-    operation.omap_get_vals_by_keys(wanted, &entries_out, nullptr);
-    start(name, operation);
+    Read &read = start(entries_out);
+    read.operation.omap_get_vals_by_keys(wanted, &read.entries, nullptr);
+    pool_.io_->aio_operate(name, read.completion, &read.operation, nullptr);
 }
 
 void Reads::list(const std::string &name, const std::string &start_after, const std::string &prefix,
                  Entries &entries_out, bool &more_out) {
     constexpr std::uint64_t page = 1024; /* what an OSD gives at most */
     more_out = false;
-    librados::ObjectReadOperation operation;
-    operation.omap_get_vals2(start_after, prefix, page, &entries_out, &more_out, nullptr);
-    start(name, operation);
+    Read &read = start(entries_out);
+    read.operation.omap_get_vals2(start_after, prefix, page, &read.entries, &more_out, nullptr);
+    pool_.io_->aio_operate(name, read.completion, &read.operation, nullptr);
 }
 
 int Reads::wait() {
     int first_failure = 0;
     bool one_is_missing = false;
-    for (librados::AioCompletion *completion : completions_) {
-        completion->wait_for_complete();
-        const int answer = completion->get_return_value();
-        completion->release();
+    for (const auto &read : reads_) {
+        read->completion->wait_for_complete();
+        const int answer = read->completion->get_return_value();
+        read->completion->release();
         one_is_missing |= answer == -ENOENT;
         if (first_failure == 0 && answer < 0 && answer != -ENOENT) {
             first_failure = answer;
         }
+        for (auto &[name, value] : read->entries) {
+            read->entries_out.emplace_hint(read->entries_out.end(), name, value.to_str());
+        }
     }
-    completions_.clear();
+    reads_.clear();
     /* A pool that is gone answers as an object that is not there. */
     if (first_failure == 0 && one_is_missing) {
-        first_failure = pool_.io().stat(Pool::meta_name, nullptr, nullptr);
+        first_failure = pool_.io_->stat(meta_name, nullptr, nullptr);
     }
     return first_failure;
 }

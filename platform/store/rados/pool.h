@@ -1,7 +1,8 @@
 /* A namespace of a pool as the engine uses it: buckets, and single operations or many at a time.
  *
- * Answers are librados' own: 0 or a negative errno, -ECANCELED when what an operation compares was
- * not so. status_of() makes of them what the seam promises. */
+ * Only pool.cpp and opening.cpp know librados. Answers are its own: 0 or a negative errno,
+ * -ECANCELED when what an operation compares was not so. status_of() makes of them what the seam
+ * promises. */
 #pragma once
 
 #include <cstdint>
@@ -9,23 +10,30 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <rados/librados.hpp>
+#include <rados/librados_fwd.hpp>
 
 #include "engine/keys.h"
 #include "engine/types.h"
 
 namespace store {
 
-using BufferList = librados::bufferlist;
-using Entries = std::map<std::string, BufferList>; /* of one RADOS object, by name */
+using Entries = std::map<std::string, std::string>; /* of one RADOS object, by name */
 
-BufferList buffer_of(Bytes bytes);
-BufferList buffer_of(std::string_view text);
-std::string text_of(const Entries &entries, const std::string &name); /* "" when it is not there */
+const std::string &text_of(const Entries &entries, const std::string &name); /* "": none is there */
+
+/* One write of a RADOS object, which is made if it is not there. All of it happens, or, when an
+ * entry is not as expected, nothing: -ECANCELED. */
+struct Write {
+    Entries expected; /* "": there is none */
+    Entries set;
+    std::set<std::string> removed;
+    std::map<std::string, std::int64_t> added; /* to entries that are numbers */
+};
 
 /* What became of an operation, in the words of the seam: success, no space, or unknown. */
 Status status_of(int answer);
@@ -40,8 +48,14 @@ struct Bucket {
 
 class Pool {
 public:
-    Pool(std::unique_ptr<librados::Rados> rados, librados::IoCtx io, std::uint32_t num_buckets)
-        : rados_(std::move(rados)), io_(std::move(io)), num_buckets_(num_buckets) {}
+    /* `rados` is the connection of `io`. */
+    Pool(std::unique_ptr<librados::Rados> rados, std::unique_ptr<librados::IoCtx> io);
+    Pool(Pool &&) noexcept;
+    ~Pool();
+
+    /* How many buckets an app id has: `wanted` in a namespace without objects, else what has been
+     * settled by its first user. Before anything that asks for buckets. */
+    int settle_buckets(std::uint32_t wanted);
 
     std::uint32_t num_buckets() const { return num_buckets_; }
     Bucket bucket_of(const Key &key) const;
@@ -52,7 +66,7 @@ public:
     /* A number that no other write of any process has. */
     static std::uint64_t fresh_id();
 
-    int write(const std::string &name, librados::ObjectWriteOperation &operation);
+    int write(const std::string &name, const Write &write);
 
     /* The named entries of a RADOS object, those of them that are there. An object that is not
      * there has none. */
@@ -67,24 +81,21 @@ public:
     int read_pieces(const std::string &name, std::span<std::byte> bytes);
     void remove_pieces(const std::string &name, std::uint64_t length);
 
-    librados::IoCtx &io() { return io_; }
-
-    /* Where what holds for the whole namespace is kept. */
-    static constexpr const char *meta_name = "store";
-
 private:
-    std::unique_ptr<librados::Rados> rados_; /* the connection of io_ */
-    librados::IoCtx io_;
-    const std::uint32_t num_buckets_;
+    friend class Reads;
+
+    std::unique_ptr<librados::Rados> rados_; /* outlives io_ */
+    std::unique_ptr<librados::IoCtx> io_;
+    std::uint32_t num_buckets_ = 0;
 };
 
 /* Reads on their way at the same time. */
 class Reads {
 public:
-    explicit Reads(Pool &pool) : pool_(pool) {}
+    explicit Reads(Pool &pool);
     Reads(const Reads &) = delete;
     Reads &operator=(const Reads &) = delete;
-    ~Reads() { wait(); }
+    ~Reads();
 
     /* The named entries; `entries_out` stays until wait() has returned. */
     void get(const std::string &name, const std::set<std::string> &wanted, Entries &entries_out);
@@ -98,10 +109,12 @@ public:
     int wait();
 
 private:
-    void start(const std::string &name, librados::ObjectReadOperation &operation);
+    struct Read;
+
+    Read &start(Entries &entries_out);
 
     Pool &pool_;
-    std::vector<librados::AioCompletion *> completions_;
+    std::vector<std::unique_ptr<Read>> reads_;
 };
 
 } // namespace store

@@ -234,7 +234,7 @@ std::vector<RadosScan::Found> RadosScan::test_page(Walk &walk) {
     for (const auto &[name, value] : walk.page) {
         ++num_examined_;
         Found each{key_of_name(key_part(name), walk.bucket.app_id), {}};
-        if (decode(value.to_str(), each.header) && is_wanted(walk, each)) {
+        if (decode(value, each.header) && is_wanted(walk, each)) {
             found.push_back(std::move(each));
         }
     }
@@ -319,7 +319,7 @@ int RadosScan::bring_data(std::span<const Found> given, ScanPiece &piece) const 
         const auto entry = entries.find(entry_name('d', object.key));
         object.is_there = entry != entries.end();
         if (object.is_there) {
-            object.bytes = entry->second.to_str();
+            object.bytes = entry->second;
         }
     }
     piece.at_hand = std::make_unique<BroughtData>(marks_, std::move(objects));

@@ -28,13 +28,6 @@ std::string name_of_long(const Bucket &bucket, const Key &key, std::uint64_t dat
         .append(std::to_string(data_id));
 }
 
-/* As the class numops expects its arguments: each with its length in front. */
-void add_argument(BufferList &arguments, std::string_view text) {
-    const auto length = static_cast<std::uint32_t>(text.size());
-    arguments.append(reinterpret_cast<const char *>(&length), sizeof length);
-    arguments.append(text.data(), length);
-}
-
 } // namespace
 
 /* Reading ---------------------------------------------------------------------------------------
@@ -91,24 +84,24 @@ RecordChange::RecordChange(Pool &pool, const StoredRecord &from, std::uint64_t w
       key_name_(key_name(from.key)) {}
 
 void RecordChange::expect(char kind, const std::string &bytes) {
-    expected_[name_of(kind)] = {buffer_of(bytes), LIBRADOS_CMPXATTR_OP_EQ};
+    write_.expected[name_of(kind)] = bytes;
 }
 
 void RecordChange::set(const std::string &name, std::string_view bytes) {
-    removed_.erase(name);
-    set_[name] = buffer_of(bytes);
+    write_.removed.erase(name);
+    write_.set[name] = bytes;
 }
 
 /* Takes out the entries that hang on a header; those of the next one may be the same. */
 void RecordChange::take_place_of(const RecordHeader &old) {
     for (const OMRA_OBJ_INDEX &value : old.values) {
-        removed_.insert(index_name(value.index, value.value, from_.key));
+        write_.removed.insert(index_name(value.index, value.value, from_.key));
     }
     if (old.timeout_m != 0) {
-        removed_.insert(queue_name(old.queued_at, from_.key));
+        write_.removed.insert(queue_name(old.queued_at, from_.key));
     }
-    --more_objects_;
-    more_bytes_ -= old.length;
+    --write_.added["n"];
+    write_.added["s"] -= old.length;
 }
 
 void RecordChange::set_header(RecordHeader fresh) {
@@ -122,8 +115,8 @@ void RecordChange::set_header(RecordHeader fresh) {
     if (fresh.timeout_m != 0) {
         set(queue_name(fresh.queued_at, from_.key), {});
     }
-    ++more_objects_;
-    more_bytes_ += fresh.length;
+    ++write_.added["n"];
+    write_.added["s"] += fresh.length;
     set(name_of('h'), encode(fresh));
     fresh_ = std::move(fresh);
     has_header_ = true;
@@ -142,28 +135,16 @@ void RecordChange::set_lease(Millis ends_at) {
 void RecordChange::free_lock() {
     if (!from_.lock_bytes.empty()) {
         set(name_of('l'), encode(RecordLock{from_.lock.ticket, false}));
-        removed_.insert(name_of('e'));
+        write_.removed.insert(name_of('e'));
     }
 }
 
 void RecordChange::remove_record() {
     take_place_of(from_.header);
     for (const char kind : {'h', 'd', 'l', 'e'}) {
-        removed_.insert(name_of(kind));
+        write_.removed.insert(name_of(kind));
     }
     removes_ = true;
-}
-
-/* The class adds to numbers that are not there yet as to 0. */
-void RecordChange::add_to_totals(librados::ObjectWriteOperation &operation) const {
-    for (const auto &[name, more] : {std::pair("n", more_objects_), {"s", more_bytes_}}) {
-        if (more != 0) {
-            BufferList arguments;
-            add_argument(arguments, name);
-            add_argument(arguments, std::to_string(more));
-            operation.exec("numops", "add", arguments);
-        }
-    }
 }
 
 int RecordChange::write_long_data() {
@@ -173,31 +154,21 @@ int RecordChange::write_long_data() {
 }
 
 int RecordChange::commit() {
-    if (set_.empty() && removed_.empty()) {
+    if (write_.set.empty() && write_.removed.empty()) {
         return 0;
     }
+    std::erase_if(write_.added, [](const auto &added) { return added.second == 0; });
     if (data_ && fresh_.is_inline()) {
-        set_[name_of('d')] = buffer_of(*data_);
+        write_.set[name_of('d')].assign(reinterpret_cast<const char *>(data_->data()),
+                                        data_->size());
     } else if (data_) {
-        removed_.insert(name_of('d'));
+        write_.removed.insert(name_of('d'));
     }
     int answer = write_long_data();
     if (answer != 0) {
         return answer;
     }
-    librados::ObjectWriteOperation operation;
-    operation.create(false); /* before what compares, which refuses an object that is not there */
-    if (!expected_.empty()) {
-        operation.omap_cmp(expected_, nullptr);
-    }
-    if (!removed_.empty()) {
-        operation.omap_rm_keys(removed_);
-    }
-    if (!set_.empty()) {
-        operation.omap_set(set_);
-    }
-    add_to_totals(operation);
-    answer = pool_.write(bucket_.name(), operation);
+    answer = pool_.write(bucket_.name(), write_);
     if (answer == -ECANCELED && data_ && !fresh_.is_inline()) {
         pool_.remove_pieces(name_of_long(bucket_, from_.key, fresh_.data_id), fresh_.length);
     }
@@ -216,8 +187,8 @@ bool RecordChange::is_made_in(const StoredRecord &record) const {
         return record.header.write_id == write_id_;
     }
     const auto is_there = [this](char kind, const std::string &bytes) {
-        const auto found = set_.find(name_of(kind));
-        return found == set_.end() || found->second.to_str() == bytes;
+        const auto found = write_.set.find(name_of(kind));
+        return found == write_.set.end() || found->second == bytes;
     };
     return is_there('l', record.lock_bytes) && is_there('e', record.lease_bytes);
 }

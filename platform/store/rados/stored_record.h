@@ -1,8 +1,7 @@
 /* A record as it was read at one moment, and the write that makes another one of it. */
 #pragma once
 
-#include <map>
-#include <set>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -70,7 +69,6 @@ private:
     void expect(char kind, const std::string &bytes);
     void set(const std::string &name, std::string_view bytes);
     void take_place_of(const RecordHeader &old);
-    void add_to_totals(librados::ObjectWriteOperation &operation) const;
     int write_long_data();
 
     Pool &pool_;
@@ -79,15 +77,11 @@ private:
     const Bucket bucket_;
     const std::string key_name_;
 
-    std::map<std::string, std::pair<BufferList, int>> expected_;
-    Entries set_;
-    std::set<std::string> removed_;
+    Write write_;
     RecordHeader fresh_;
     bool has_header_ = false;
     bool removes_ = false;
     std::optional<Bytes> data_;
-    std::int64_t more_objects_ = 0;
-    std::int64_t more_bytes_ = 0;
 };
 
 } // namespace store
