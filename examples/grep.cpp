@@ -44,7 +44,8 @@ struct Text {
     bool matches(std::string_view line) const { return line.find(text) != line.npos; }
 };
 
-// The row's key is the object's key: only the program knows the object's name.
+// The row's key is the object's key, so that rows are in key order: only the program knows the
+// object's name.
 template <class Pattern>
 std::optional<std::string> count_lines(const pmi::Object &object) {
     if (object.params.empty()) {
@@ -60,7 +61,7 @@ std::optional<std::string> count_lines(const pmi::Object &object) {
     if (count == 0) {
         return std::nullopt;
     }
-    const OMRA_OBJKEY key = object.key();
+    const OMRA_OBJKEY key = pmi::sortable(object.key());
     std::string table;
     pmi::append_row(table, {reinterpret_cast<const char *>(&key), sizeof key}, count);
     return table;
@@ -76,8 +77,9 @@ std::string print(const pmi::Result &result) {
     for (pmi::TableCursor<std::uint64_t> row(result.data()); row; row.next()) {
         OMRA_OBJKEY key{};
         std::memcpy(&key, row.key().data(), std::min(row.key().size(), sizeof key));
-        json.push_back({{"object", result.object_name(key)}, {"lines", row.value()}});
-        table += fmt::format("{}:{}\n", result.object_name(key), row.value());
+        const std::string_view name = result.object_name(pmi::sortable(key));
+        json.push_back({{"object", name}, {"lines", row.value()}});
+        table += fmt::format("{}:{}\n", name, row.value());
     }
     return result.json() ? json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
                          : table;

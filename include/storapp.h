@@ -36,6 +36,26 @@ int Omralib_replace_obj(OMRALIB_HANDLE hdl, const void *pdata, unsigned int data
                         unsigned int timeout_m, const OMRA_OBJ_INDEX *pindexes,
                         unsigned int num_indexes, OMRA_OBJKEY key);
 
+/* An object for Omralib_store_objs, by the names of Omralib_store_indexed_obj's arguments. */
+typedef struct OMRALIB_NEW_OBJ {
+    OMRA_OBJKEY key;
+    const void *pdata;
+    unsigned int data_len;
+    unsigned int timeout_m;
+    const OMRA_OBJ_INDEX *pindexes;
+    unsigned int num_indexes;
+    int status_out; /* what became of it */
+} OMRALIB_NEW_OBJ;
+
+/* Creates or removes many objects at once, in any order, as Omralib_store_indexed_obj and
+ * Omralib_remove_obj do one; an engine that asks others has many of them under way at a time, so
+ * that about a thousand make a good call. Every object's own status goes to its `status_out`, or to
+ * the `num_keys` statuses at `pstatuses_out`. Success when all succeeded, else what one that failed
+ * answered. When a key or another argument is not valid nothing is done and no status written. */
+int Omralib_store_objs(OMRALIB_HANDLE hdl, OMRALIB_NEW_OBJ *pobjs, unsigned int num_objs);
+int Omralib_remove_objs(OMRALIB_HANDLE hdl, const OMRA_OBJKEY *pkeys, unsigned int num_keys,
+                        int *pstatuses_out);
+
 /* Writes the number of objects of `app_id`, which may be OMRALIB_ALL_APP_IDS, to `*pcount_out`. */
 int Omralib_count_objs(OMRALIB_HANDLE hdl, unsigned int app_id, ULONGLONG *pcount_out);
 
@@ -46,6 +66,11 @@ int Omralib_count_objs(OMRALIB_HANDLE hdl, unsigned int app_id, ULONGLONG *pcoun
  * use the store, but not `hdl`. */
 typedef int (*OMRALIB_KEY_FUNC)(const OMRA_OBJKEY *pkey, void *parg);
 int Omralib_list_objs(OMRALIB_HANDLE hdl, unsigned int app_id, OMRALIB_KEY_FUNC pfunc, void *parg);
+
+/* The same for the objects that a query selects (as in a pass-through request; NULL and 0: all).
+ * OMRALIB_ERR_BAD_QUERY as for an invocation. */
+int Omralib_find_objs(OMRALIB_HANDLE hdl, unsigned int app_id, const void *pquery,
+                      unsigned int query_len, OMRALIB_KEY_FUNC pfunc, void *parg);
 
 /* Configuration ------------------------------------------------------------------------------- */
 

@@ -111,7 +111,8 @@ std::string print(const pmi::Result &result) {
         throw pmi::Failure(1);
     }
     if (result.params() == "name") { // of the first object, whose time-out is not renewed
-        return std::string(result.object_name({1 | OMRA_APPID_NO_RENEW, 0, 0, 0, {}, {}})) + "\n";
+        return std::string(result.object_name({1 | OMRA_APPID_NO_RENEW, 0, 0, 0, {{1}}, {}})) +
+               "\n";
     }
     return "total " + std::to_string(take(result.data())) + "\n";
 }

@@ -72,16 +72,23 @@ TEST_P(StoreTest, ObjectsAreToldApartAndListedInOrderOfAllFieldsOfTheirKeys) {
         words[0] += 3; /* the app id */
         keys.insert(std::bit_cast<OMRA_OBJKEY>(words));
     }
-    std::vector<store::NewObject> many;
-    many.reserve(keys.size());
+    std::vector<OMRALIB_NEW_OBJ> many;
+    many.reserve(keys.size() + 1);
     for (const OMRA_OBJKEY &key : keys) {
-        many.push_back({key, {std::as_bytes(std::span(&key, 1)), 0, {}}});
+        many.push_back({key, &key, sizeof key, 0, nullptr, 0, 0});
     }
-    std::vector<store::Status> statuses(many.size(), 0);
-    ASSERT_EQ(success, store_.objects().create_many(many, statuses));
-    EXPECT_THAT(statuses, testing::Each(success));
-    EXPECT_EQ(OMRALIB_ERR_OBJ_EXISTS, store_.objects().create_many(many, statuses));
-    EXPECT_THAT(statuses, testing::Each(OMRALIB_ERR_OBJ_EXISTS));
+    const auto each_status = [](int status) {
+        return testing::Each(testing::Field(&OMRALIB_NEW_OBJ::status_out, status));
+    };
+    const auto store_many = [&] { return Omralib_store_objs(hdl_, many.data(), length_of(many)); };
+    many.push_back({});
+    EXPECT_EQ(OMRALIB_ERR_BAD_KEY, store_many());
+    EXPECT_THAT(many, each_status(0));
+    many.pop_back();
+    ASSERT_EQ(success, store_many());
+    EXPECT_THAT(many, each_status(success));
+    EXPECT_EQ(OMRALIB_ERR_OBJ_EXISTS, store_many());
+    EXPECT_THAT(many, each_status(OMRALIB_ERR_OBJ_EXISTS));
     ASSERT_EQ(success, put(hdl_, make_key(0x30000000, 1), "reserved"));
     std::vector<OMRA_OBJKEY> listed;
     const auto append = [](const OMRA_OBJKEY *pkey, void *parg) {
@@ -104,6 +111,20 @@ TEST_P(StoreTest, ObjectsAreToldApartAndListedInOrderOfAllFieldsOfTheirKeys) {
     EXPECT_EQ(keys.size(), stats().num_reads);
     EXPECT_EQ(keys.size() * 40 + 8, stats().num_bytes);
     EXPECT_EQ(keys.size() + 1, stats().num_objects);
+
+    const auto remove_all = [&] {
+        std::vector<int> statuses(listed.size());
+        EXPECT_NE(0, Omralib_remove_objs(hdl_, listed.data(), length_of(listed), statuses.data()));
+        return statuses;
+    };
+    EXPECT_THAT(remove_all(), testing::Each(success));
+    EXPECT_THAT(remove_all(), testing::Each(not_found));
+    listed.clear();
+    EXPECT_EQ(success, Omralib_find_objs(hdl_, 3, "limit 7", 7, append, &listed));
+    EXPECT_TRUE(std::equal(listed.begin(), listed.end(), std::next(keys.begin(), 3000), is_same));
+    EXPECT_EQ(7u, listed.size());
+    EXPECT_EQ(OMRALIB_ERR_BAD_QUERY, Omralib_find_objs(hdl_, 3, "limit", 5, append, &listed));
+    EXPECT_THAT(error_text(hdl_), testing::StartsWith("at 6: "));
 }
 
 /* Of a refused configuration. */

@@ -1,11 +1,12 @@
-// The pmi program: load input as objects of a store in this process, invoke a plug-in's functions
-// on them, print the merged result.
+// The pmi program: invoke a plug-in's functions on objects, the input or those of a store, and
+// print the merged result; or work on the objects of a store without a plug-in.
 //
-//   options -> plugin -> store -> objects (inputs) -> run -> output
+//   options -> plugin -> store -> objects (names, loading, inputs) -> run -> output
+//   options -> store -> commands
 //
-// with progress beside objects, and supervisor beside run, which has progress and interrupt. The
-// other commands go part of the way: functions as far as the plug-in, explain as far as the objects
-// and no plug-in.
+// with progress beside loading, and supervisor beside run, which has progress and interrupt. Of the
+// other commands here, functions goes as far as the plug-in, and explain as far as the objects and
+// needs no plug-in.
 //
 // Everything the user gave is checked before the first object is loaded.
 #include <chrono>
@@ -17,9 +18,11 @@
 #include "cli/files.h"
 #include "cli/interrupt.h"
 #include "cli/options.h"
+#include "commands/commands.h"
 #include "plugin/plugin.h"
 #include "run/output.h"
 #include "run/run.h"
+#include "store/loading.h"
 #include "store/objects.h"
 #include "store/store.h"
 #include <fmt/format.h>
@@ -27,11 +30,19 @@
 namespace pmi_cli {
 namespace {
 
+void require_objects(const Options &options) {
+    if (options.inputs.empty() && !options.keeps_objects) {
+        throw UsageError(
+            "INPUT is missing: give a file, a directory, or '-' for standard input; or, "
+            "with --store or OMRA_STORE, a store that keeps objects");
+    }
+}
+
 // What does not go together once the kind of the function is known.
 void check_input(const Function &eval, const Options &options) {
     const bool once = eval.kind == OMRAPMI_FUNC_INVOKE_ONCE_EVAL;
-    if (options.inputs.empty() && !once) {
-        throw UsageError("INPUT is missing: give a file, a directory, or '-' for standard input");
+    if (!once) {
+        require_objects(options);
     }
     if (once && (!options.terms.empty() || options.query)) {
         throw UsageError(fmt::format("{} does not go with '{}': it runs on no object",
@@ -42,20 +53,22 @@ void check_input(const Function &eval, const Options &options) {
 // Before the input is loaded, when a query costs nothing to look at.
 void check_query(const StoreHandle &handle, const Options &options) {
     if (options.query) {
-        explain_query(handle, *options.query);
+        explain_query(handle, options.app_id.value_or(kAppId), *options.query);
     }
 }
 
 int explain(const Options &options) {
+    require_objects(options);
     configure_store(options);
     const StoreHandle handle;
     check_query(handle, options);
-    load_objects(handle, options);
-    write_stdout(explain_query(handle, *options.query));
+    const Objects objects(handle, options);
+    write_stdout(explain_query(handle, objects.app_id(), *options.query));
     return kExitSuccess;
 }
 
-int run(const Plugin &plugin, const Options &options) {
+int run(const Options &options) {
+    const Plugin plugin = load_plugin(options.plugin);
     const Function &eval = plugin.find_eval(options.eval);
     const Function &merge = plugin.find_merge(options.merge);
     const OMRAPMI_QUERY_SPEC terms = make_query(options);
@@ -65,26 +78,43 @@ int run(const Plugin &plugin, const Options &options) {
     const StoreHandle handle;
     check_query(handle, options);
     const auto start = std::chrono::steady_clock::now();
-    const Objects objects = load_objects(handle, options);
+    Objects objects(handle, options);
     const std::chrono::duration<double> load_time = std::chrono::steady_clock::now() - start;
 
-    start_worker(plugin, options);
+    start_worker(plugin, options, objects.app_id());
     const Outcome outcome = run_invocation(handle, eval, merge, terms, options, objects);
     print_outcome(outcome, plugin, objects, options, load_time.count());
     const bool failures = outcome.num_failed != 0 || !outcome.exceptions.empty();
     return failures ? kExitObjectsFailed : kExitSuccess;
 }
 
+int functions(const Options &options) {
+    print_functions(load_plugin(options.plugin), options.format);
+    return kExitSuccess;
+}
+
 int run_command(const Options &options) {
-    if (options.command == Command::kExplain) {
+    switch (options.command) {
+    case Command::kRun:
+        return run(options);
+    case Command::kExplain:
         return explain(options);
+    case Command::kFunctions:
+        return functions(options);
+    case Command::kLoad:
+        return load_command(options);
+    case Command::kList:
+        return list_command(options);
+    case Command::kCount:
+        return count_command(options);
+    case Command::kGet:
+        return get_command(options);
+    case Command::kPut:
+        return put_command(options);
+    case Command::kRemove:
+        return remove_command(options);
     }
-    const Plugin plugin = load_plugin(options.plugin);
-    if (options.command == Command::kFunctions) {
-        print_functions(plugin, options.format);
-        return kExitSuccess;
-    }
-    return run(plugin, options);
+    return kExitUsage; // there is no other
 }
 
 int pmi_main(int argc, char **argv) {

@@ -1,9 +1,14 @@
-/* Objects under their keys, one at a time and listed. Omralib_read_obj and Omralib_get_read_data,
- * the short road, allocate nothing. */
+/* Objects under their keys, one at a time, many at once, and listed. Omralib_read_obj and
+ * Omralib_get_read_data, the short road, allocate nothing. */
 #include "client/calls.h"
 
+#include <algorithm>
 #include <cstring>
+#include <span>
+#include <string>
 #include <vector>
+
+#include "query/language.h"
 
 namespace store {
 
@@ -50,6 +55,14 @@ bool valid_indexes(const OMRA_OBJ_INDEX *pindexes, unsigned int num_indexes) {
     return true;
 }
 
+/* What has to be done once an object was stored, or was not. */
+int note_stored(Store &store, HandleUse &use, const Key &key, unsigned int data_len, int status) {
+    if (status == OMRALIB_RET_SUCCESS) {
+        use->note.note(HandleNote::Deed::written, key, data_len);
+    }
+    return note_no_room(store, key, status);
+}
+
 /* Creates or replaces an object, by `operation`. */
 int put_object(OMRALIB_HANDLE hdl, Status (Objects::*operation)(const Key &, const ObjectSpec &),
                const void *pdata, unsigned int data_len, unsigned int timeout_m,
@@ -63,11 +76,8 @@ int put_object(OMRALIB_HANDLE hdl, Status (Objects::*operation)(const Key &, con
             return static_cast<int>(OMRALIB_ERR_BAD_KEY);
         }
         const ObjectSpec spec{as_bytes(pdata, data_len), timeout_m, {pindexes, num_indexes}};
-        const Status status = (store.objects().*operation)(named.key, spec);
-        if (status == OMRALIB_RET_SUCCESS) {
-            use->note.note(HandleNote::Deed::written, named.key, data_len);
-        }
-        return note_no_room(store, named.key, status);
+        return note_stored(store, use, named.key, data_len,
+                           (store.objects().*operation)(named.key, spec));
     });
 }
 
@@ -95,6 +105,40 @@ int Omralib_replace_obj(OMRALIB_HANDLE hdl, const void *pdata, unsigned int data
                         unsigned int num_indexes, OMRA_OBJKEY key) {
     return put_object(hdl, &Objects::replace, pdata, data_len, timeout_m, pindexes, num_indexes,
                       key);
+}
+
+int Omralib_store_objs(OMRALIB_HANDLE hdl, OMRALIB_NEW_OBJ *pobjs, unsigned int num_objs) {
+    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        if (pobjs == nullptr && num_objs != 0) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        std::vector<NewObject> objects;
+        objects.reserve(num_objs);
+        for (const OMRALIB_NEW_OBJ &given : std::span(pobjs, num_objs)) {
+            if (!valid_data(given.pdata, given.data_len) ||
+                !valid_indexes(given.pindexes, given.num_indexes)) {
+                return OMRALIB_ERR_BAD_ARGS;
+            }
+            const Key key = without_mark(given.key).key;
+            if (is_null(key)) {
+                return OMRALIB_ERR_BAD_KEY;
+            }
+            objects.push_back({key,
+                               {as_bytes(given.pdata, given.data_len),
+                                given.timeout_m,
+                                {given.pindexes, given.num_indexes}}});
+        }
+        for (OMRALIB_NEW_OBJ &given : std::span(pobjs, num_objs)) {
+            given.status_out = OMRALIB_ERR_UNKNOWN; /* if memory runs out */
+        }
+        std::vector<Status> statuses(num_objs);
+        const Status status = store.objects().create_many(objects, statuses);
+        for (unsigned int i = 0; i < num_objs; ++i) {
+            pobjs[i].status_out =
+                note_stored(store, use, objects[i].key, pobjs[i].data_len, statuses[i]);
+        }
+        return status;
+    });
 }
 
 int Omralib_read_obj(OMRALIB_HANDLE hdl, unsigned int options, unsigned int *pdata_len_out,
@@ -245,6 +289,25 @@ int Omralib_remove_obj(OMRALIB_HANDLE hdl, unsigned int options, OMRA_OBJKEY key
     });
 }
 
+int Omralib_remove_objs(OMRALIB_HANDLE hdl, const OMRA_OBJKEY *pkeys, unsigned int num_keys,
+                        int *pstatuses_out) {
+    return with_handle(hdl, [&](Store &store, HandleUse &) -> int {
+        if ((pkeys == nullptr || pstatuses_out == nullptr) && num_keys != 0) {
+            return OMRALIB_ERR_BAD_ARGS;
+        }
+        std::vector<Key> keys;
+        keys.reserve(num_keys);
+        for (const OMRA_OBJKEY &given : std::span(pkeys, num_keys)) {
+            keys.push_back(without_mark(given).key);
+            if (is_null(keys.back())) {
+                return OMRALIB_ERR_BAD_KEY;
+            }
+        }
+        std::fill_n(pstatuses_out, num_keys, OMRALIB_ERR_UNKNOWN); /* if memory runs out */
+        return store.objects().remove_many(keys, {pstatuses_out, num_keys});
+    });
+}
+
 int Omralib_count_objs(OMRALIB_HANDLE hdl, unsigned int app_id, ULONGLONG *pcount_out) {
     return with_handle(hdl, [&](Store &store, HandleUse &) -> int {
         if (pcount_out == nullptr) {
@@ -260,14 +323,25 @@ int Omralib_count_objs(OMRALIB_HANDLE hdl, unsigned int app_id, ULONGLONG *pcoun
 }
 
 int Omralib_list_objs(OMRALIB_HANDLE hdl, unsigned int app_id, OMRALIB_KEY_FUNC pfunc, void *parg) {
-    return with_handle(hdl, [&](Store &store, HandleUse &) -> int {
-        if (pfunc == nullptr) {
+    return Omralib_find_objs(hdl, app_id, nullptr, 0, pfunc, parg);
+}
+
+int Omralib_find_objs(OMRALIB_HANDLE hdl, unsigned int app_id, const void *pquery,
+                      unsigned int query_len, OMRALIB_KEY_FUNC pfunc, void *parg) {
+    return with_handle(hdl, [&](Store &store, HandleUse &use) -> int {
+        if (pfunc == nullptr || !valid_data(pquery, query_len)) {
             return OMRALIB_ERR_BAD_ARGS;
         }
-        Selection everything;
-        everything.app_id = app_id;
+        Selection selection;
+        selection.app_id = app_id;
+        std::string why;
+        if (query_len != 0 && parse_query({static_cast<const char *>(pquery), query_len}, selection,
+                                          why) != OMRALIB_RET_SUCCESS) {
+            use.explain(std::move(why));
+            return OMRALIB_ERR_BAD_QUERY;
+        }
         std::vector<Key> keys;
-        const Status status = find(store.objects(), everything, nullptr, keys);
+        const Status status = find(store.objects(), selection, nullptr, keys);
         if (status != OMRALIB_RET_SUCCESS) {
             return status;
         }

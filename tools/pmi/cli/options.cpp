@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <string_view>
@@ -13,6 +14,9 @@
 
 #include "cli/error.h"
 #include "cli/files.h"
+#include "cli/help.h"
+#include "cli/keys.h"
+#include "cli/values.h"
 #include "storapp.h"
 
 namespace pmi_cli {
@@ -22,43 +26,6 @@ namespace {
 // The module puts a header of 8 bytes in front of the parameters.
 constexpr std::uint64_t kMaxParamsLen =
     std::numeric_limits<unsigned int>::max() - std::uint64_t{sizeof(std::uint64_t)};
-
-constexpr const char *kRunHelp = R"(Indexes:
-  An object has up to 8 indexes, numbered 0 to 7; --index selects objects through them.
-  A whole file has two: 0 is its extension without the dot, 1 its size in bytes, a number.
-  A paragraph has those that --index-from fills; a paragraph without the field lacks the index.
-  Values are text of up to 32 bytes; of a longer field the first 32 bytes are the value.
-
-Queries:
-  --query selects by conditions on index0 to index7, size and age (in seconds):
-    index0 = "libs" and (size > 4096 or not index1 between 10 and 0x1F)
-    index0 in ("c", "h") and age < 60 limit 100        index0 starts with "lib" sample 2.5%
-  A number compares as a number, a text in double quotes byte by byte. 'pmi explain' says what a
-  query would find, and how.
-
-Examples:
-  pmi run ./word_frequencies.so --params 10 /usr/include
-  pmi run ./word_frequencies.so --hosts 4 --query 'index0 = "h" and size > 4096' /usr/include
-  pmi run ./grep.so --params 'TODO|FIXME' --index 0=h --index 0=c --any src
-  apt-cache dumpavail | pmi run ./record_statistics.so --split paragraphs
-      --params 'value=Installed-Size by=Section' --index-from 0=Section --index 0=libs -
-
-The result goes to standard output, everything else to standard error. Exit codes: 0 success,
-1 some objects failed, 2 bad usage or input, 3 the invocation failed or standard output cannot be
-written, 130 cancelled: Ctrl-C cancels the invocation, a second one ends the program at once.)";
-
-constexpr const char *kExplainHelp =
-    R"(Prints how many objects the query may find, then its conditions, the cheapest first, with the number
-of objects that each would give and whether they are looked up in an index.
-
-Example:
-  pmi explain --query 'index0 = "h" and size > 4096' /usr/include)";
-
-constexpr const char *kHelp = R"(Examples:
-  pmi functions ./word_frequencies.so
-  pmi run ./word_frequencies.so /usr/include
-  pmi explain --query 'index0 = "h" and size > 4096' /usr/include
-  pmi run --help)";
 
 constexpr unsigned int kMaxHosts = 64; // as OMRALIB_CONFIG allows
 
@@ -74,28 +41,236 @@ CLI::Validator number(std::uint64_t min, std::uint64_t max) {
     return {check, ""};
 }
 
-IndexText parse_index(std::string_view option, const std::string &argument,
-                      std::string_view value_name) {
-    const auto fail = [&](std::string_view what) {
-        throw UsageError(fmt::format("{} {}: {}", option, argument, what));
-    };
-    IndexText parsed{0, "", argument};
-    const std::size_t equals = argument.find('=');
-    if (equals == std::string::npos) {
-        fail(fmt::format("expected N={}, with N from 0 to 7", value_name));
-    }
-    const char *end = argument.data() + equals;
-    const auto [ptr, error] = std::from_chars(argument.data(), end, parsed.index);
-    if (error != std::errc{} || ptr != end || parsed.index >= OMRA_NUM_INDEXES) {
-        fail(fmt::format("'{}' is no index; allowed are 0 to 7", argument.substr(0, equals)));
-    }
-    parsed.text = argument.substr(equals + 1);
-    return parsed;
+template <typename Number>
+constexpr Number kMax = std::numeric_limits<Number>::max();
+
+// A command line as CLI11 leaves it.
+struct Arguments {
+    Options options;
+    std::vector<std::string> terms;
+    std::vector<std::string> numbers;
+    std::vector<std::string> fields;
+    std::string params_file;
+    std::string lost_host;
+};
+
+/* Options of several commands ------------------------------------------------------------------ */
+
+CLI::App *add_command(CLI::App &app, Arguments &arguments, Command command, const char *name,
+                      const char *description) {
+    CLI::App *added = app.add_subcommand(name, description);
+    added->callback([&arguments, command] { arguments.options.command = command; });
+    return added;
 }
 
-void parse_indexes(Options &options, const std::vector<std::string> &terms,
-                   const std::vector<std::string> &fields) {
-    for (const std::string &argument : fields) {
+void add_plugin(CLI::App &command, Options &options) {
+    command
+        .add_option("PLUGIN", options.plugin, "Path of the shared library that holds the functions")
+        ->required();
+}
+
+CLI::Option *add_format(CLI::App &command, Options &options, const char *name, Format format,
+                        const char *description) {
+    return command.add_flag_function(
+        name, [&options, format](std::int64_t) { options.format = format; }, description);
+}
+
+void add_store(CLI::App &command, Options &options) {
+    command.add_option("--store", options.store_url, "Store of the objects (default: OMRA_STORE)")
+        ->type_name("URL");
+}
+
+CLI::Option *add_app_id(CLI::App &command, Options &options, const char *description) {
+    return command.add_option("--app-id", options.app_id, description)
+        ->type_name("N")
+        ->check(number(0, kMaxAppId));
+}
+
+CLI::Option *add_query(CLI::App &command, Options &options) {
+    return command.add_option("--query", options.query, "Only objects that a query selects")
+        ->type_name("QUERY");
+}
+
+CLI::Option *add_indexes(CLI::App &command, const char *name, std::vector<std::string> &values,
+                         const char *description, const char *type_name = "N=VALUE") {
+    return command.add_option(name, values, description)
+        ->type_name(type_name)
+        ->allow_extra_args(false);
+}
+
+void add_keys(CLI::App &command, Options &options, bool many) {
+    const auto take = [&options](const std::vector<std::string> &texts) {
+        std::transform(texts.begin(), texts.end(), std::back_inserter(options.keys), parse_key);
+        return true;
+    };
+    command.add_option("KEY", take, many ? "Keys of objects" : "Key of the object")
+        ->expected(many ? -1 : 1)
+        ->required(!many);
+}
+
+// What becomes of the input.
+CLI::Option *add_input(CLI::App &command, Arguments &arguments) {
+    Options &options = arguments.options;
+    add_indexes(command, "--index-from", arguments.fields,
+                "Fill index N of a paragraph from its line 'Field:'", "N=Field");
+    command
+        .add_option_function<std::string>(
+            "--split",
+            [&options](const std::string &what) {
+                options.split = what == "lines" ? Split::kLines : Split::kParagraphs;
+            },
+            "Cut files into objects: paragraphs or lines")
+        ->type_name("WHAT")
+        ->check(CLI::IsMember({"paragraphs", "lines"}).description(""));
+    return command.add_option("INPUT", options.inputs,
+                              "Files, directories, or '-' for standard input");
+}
+
+// Input and the store in memory that it may be loaded into, or objects that are stored already.
+// Returns --query.
+CLI::Option *add_objects(CLI::App &command, Arguments &arguments) {
+    Options &options = arguments.options;
+    CLI::Option *query = add_query(command, options);
+    add_store(command, options);
+    add_app_id(command, options, "App id of the stored objects (default: 1)");
+    command.add_option("--hosts", options.num_hosts, "Hosts that the store plays")
+        ->type_name("N")
+        ->capture_default_str()
+        ->check(number(1, kMaxHosts));
+    command
+        .add_option_function<std::string>(
+            "--memory-limit",
+            [&options](const std::string &size) { options.memory_limit = parse_size(size); },
+            "Bytes that a store in memory may use, or with K, M, G (default: no limit)")
+        ->type_name("BYTES");
+    add_input(command, arguments);
+    return query;
+}
+
+/* The commands --------------------------------------------------------------------------------- */
+
+void add_run(CLI::App &app, Arguments &arguments) {
+    Options &options = arguments.options;
+    CLI::App &run =
+        *add_command(app, arguments, Command::kRun, "run",
+                     "Run a plug-in's function on each object, loaded from the input or "
+                     "stored, and print the merged result");
+    run.footer(kRunHelp);
+    add_plugin(run, options);
+    run.add_option("--eval", options.eval, "Function to run on each object (default: the first)")
+        ->type_name("NAME");
+    run.add_option("--merge", options.merge, "Function that merges results (default: the first)")
+        ->type_name("NAME");
+    CLI::Option *params = run.add_option("--params", options.params, "Parameters of the function");
+    run.add_option("--params-file", arguments.params_file, "File that holds the parameters")
+        ->type_name("F")
+        ->excludes(params);
+    CLI::Option *index =
+        add_indexes(run, "--index", arguments.terms, "Only objects whose index N is VALUE");
+    CLI::Option *any = run.add_flag("--any", options.any, "One matching --index is enough");
+    any->needs(index);
+    add_objects(run, arguments)->excludes(index)->excludes(any);
+    run.add_option("--threads", options.threads, "Worker threads (default: processors plus one)")
+        ->type_name("N")
+        ->check(number(1, 1024));
+    run.add_option("--timeout", options.timeout_s, "Seconds that the invocation may take")
+        ->type_name("S")
+        ->capture_default_str()
+        ->check(number(1, kMax<unsigned int>));
+    run.add_option("--exceptions", options.num_exceptions, "Failed objects to name")
+        ->type_name("N")
+        ->capture_default_str()
+        ->check(number(0, kMax<unsigned int>));
+    CLI::Option *json = add_format(run, options, "--json", Format::kJson,
+                                   "Print one JSON document instead of text");
+    add_format(run, options, "--raw", Format::kRaw, "Print the merged result's bytes")
+        ->excludes(json);
+    run.add_flag("--stats", options.stats, "Print the store's figures as well");
+    run.add_option("--lose-host", arguments.lost_host,
+                   "To try it out: lose host N when P% of the work is done")
+        ->type_name("N@P%");
+}
+
+void add_explain(CLI::App &app, Arguments &arguments) {
+    CLI::App &explain = *add_command(app, arguments, Command::kExplain, "explain",
+                                     "Say how a query would find the objects that it selects");
+    explain.footer(kExplainHelp);
+    add_objects(explain, arguments)->required();
+}
+
+void add_functions(CLI::App &app, Arguments &arguments) {
+    CLI::App &functions = *add_command(app, arguments, Command::kFunctions, "functions",
+                                       "List the functions of a plug-in");
+    add_plugin(functions, arguments.options);
+    add_format(functions, arguments.options, "--json", Format::kJson,
+               "Print a JSON document instead of text");
+}
+
+void add_load(CLI::App &app, Arguments &arguments) {
+    CLI::App &load = *add_command(app, arguments, Command::kLoad, "load",
+                                  "Load input as objects that stay in a store");
+    load.footer(kLoadHelp);
+    add_store(load, arguments.options);
+    add_app_id(load, arguments.options, "App id of the objects (default: 1)");
+    add_input(load, arguments)->required();
+}
+
+void add_list(CLI::App &app, Arguments &arguments) {
+    Options &options = arguments.options;
+    CLI::App &list = *add_command(app, arguments, Command::kList, "ls",
+                                  "List the keys of stored objects, and the names of loaded ones");
+    add_store(list, options);
+    add_app_id(list, options, "Only objects of this app id (default: of all)");
+    add_query(list, options);
+    list.add_option("--limit", options.limit, "List the first N only")
+        ->type_name("N")
+        ->check(number(0, kMax<std::uint64_t>));
+    add_format(list, options, "--json", Format::kJson, "Print a JSON document instead of text");
+
+    CLI::App &count =
+        *add_command(app, arguments, Command::kCount, "count", "Count stored objects");
+    add_store(count, options);
+    add_app_id(count, options, "Only objects of this app id (default: of all)");
+    add_query(count, options);
+}
+
+void add_single(CLI::App &app, Arguments &arguments) {
+    Options &options = arguments.options;
+    CLI::App &get = *add_command(app, arguments, Command::kGet, "get",
+                                 "Write a stored object's bytes to standard output");
+    add_keys(get, options, false);
+    CLI::App &put =
+        *add_command(app, arguments, Command::kPut, "put", "Store a file's bytes as an object");
+    add_keys(put, options, false);
+    put.add_option_function<std::string>(
+        "FILE", [&options](const std::string &path) { options.inputs = {path}; },
+        "File, or '-' for standard input (default)");
+    add_indexes(put, "--index", arguments.terms, "Text of index N, up to 32 bytes");
+    add_indexes(put, "--index-number", arguments.numbers, "Number of index N");
+    put.add_option("--timeout-m", options.timeout_m,
+                   "Minutes after its last use when the object vanishes (default: never)")
+        ->type_name("M")
+        ->check(number(1, kMax<unsigned int>));
+    put.add_flag("--replace", options.replace, "Replace the object if there is one");
+    CLI::App &rm = *add_command(app, arguments, Command::kRemove, "rm", "Remove stored objects");
+    add_keys(rm, options, true);
+    CLI::Option *app_id = add_app_id(rm, options, "App id of the objects that --query selects");
+    CLI::Option *query = add_query(rm, options);
+    query->description("Remove the objects that a query selects; 'size >= 0' is all")
+        ->needs(app_id)
+        ->excludes(rm.get_option("KEY"));
+    app_id->needs(query);
+    for (CLI::App *command : {&get, &put, &rm}) {
+        add_store(*command, options);
+        command->footer(kKeysHelp);
+    }
+}
+
+/* Checks of what was given --------------------------------------------------------------------- */
+
+void parse_indexes(Arguments &arguments) {
+    Options &options = arguments.options;
+    for (const std::string &argument : arguments.fields) {
         IndexText field = parse_index("--index-from", argument, "Field");
         const bool taken = std::any_of(
             options.fields.begin(), options.fields.end(),
@@ -109,166 +284,100 @@ void parse_indexes(Options &options, const std::vector<std::string> &terms,
         }
         options.fields.push_back(std::move(field));
     }
-    if (!fields.empty() && options.split != Split::kParagraphs) {
+    if (!options.fields.empty() && options.split != Split::kParagraphs) {
         throw UsageError("--index-from needs --split paragraphs: only paragraphs have fields");
     }
-    for (const std::string &argument : terms) {
+    for (const std::string &argument : arguments.terms) {
         options.terms.push_back(parse_index("--index", argument, "VALUE"));
     }
-    if (terms.size() > OMRA_NUM_INDEXES) {
+    for (const std::string &argument : arguments.numbers) {
+        options.numbers.push_back(parse_index("--index-number", argument, "VALUE"));
+    }
+    if (options.terms.size() > OMRA_NUM_INDEXES) {
         throw UsageError(
-            fmt::format("--index is given {} times; 8 times are allowed", terms.size()));
+            fmt::format("--index is given {} times; 8 times are allowed", options.terms.size()));
     }
 }
 
-std::uint64_t parse_size(const std::string &argument) {
-    constexpr std::string_view kUnits = "KMG"; // each 1024 of the one before
-    std::uint64_t size = 0;
-    const char *end = argument.data() + argument.size();
-    const auto [ptr, error] = std::from_chars(argument.data(), end, size);
-    const std::string_view unit(ptr, end);
-    const std::size_t exponent = unit.empty() ? 0 : kUnits.find(unit) + 1; // 0 for one unknown
-    const bool known = unit.empty() || (unit.size() == 1 && exponent != 0);
-    const std::uint64_t max = std::numeric_limits<std::uint64_t>::max() >> (10 * exponent);
-    if (error != std::errc{} || !known || size == 0 || size > max) {
-        throw UsageError(fmt::format("--memory-limit {}: expected a number of bytes above 0, also "
-                                     "with K, M or G behind it",
-                                     argument));
+// Which objects the command is about: those of a store, or input.
+void check_objects(Options &options) {
+    const char *url = options.store_url ? options.store_url->c_str() : std::getenv("OMRA_STORE");
+    options.keeps_objects =
+        url != nullptr && *url != '\0' && !std::string_view(url).starts_with("embedded:");
+    switch (options.command) {
+    case Command::kFunctions:
+        return;
+    case Command::kRun:
+    case Command::kExplain:
+        break;
+    default:
+        if (!options.keeps_objects) {
+            throw UsageError(
+                "this needs a store that keeps its objects: give one with --store or "
+                "OMRA_STORE, such as rados:POOL; the store in memory is empty when pmi "
+                "starts and gone when it ends");
+        }
+        return;
     }
-    return size << (10 * exponent);
+    if (options.keeps_objects && options.memory_limit != 0) {
+        throw UsageError("--memory-limit is for the store in memory: in a cluster, set a quota for "
+                         "the pool");
+    }
+    if (options.app_id && !options.inputs.empty()) {
+        throw UsageError("--app-id is for objects that are stored: INPUT gets one of its own");
+    }
+    if (options.split != Split::kNone && options.inputs.empty()) {
+        throw UsageError("--split needs INPUT");
+    }
 }
 
-LostHost parse_lost_host(const std::string &argument, unsigned int num_hosts) {
-    LostHost lost{};
-    const char *end = argument.data() + argument.size();
-    const auto host = std::from_chars(argument.data(), end, lost.host);
-    const bool at = host.ec == std::errc{} && host.ptr != end && *host.ptr == '@';
-    const auto percent =
-        at ? std::from_chars(host.ptr + 1, end, lost.percent) : std::from_chars_result{};
-    if (!at || percent.ec != std::errc{} || std::string_view(percent.ptr, end) != "%" ||
-        lost.percent > 100) {
-        throw UsageError(
-            fmt::format("--lose-host {}: expected N@P%, with P from 0 to 100", argument));
+void check(Arguments &arguments) {
+    Options &options = arguments.options;
+    parse_indexes(arguments);
+    check_objects(options);
+    if (options.query && options.query->empty()) {
+        throw UsageError("--query: the query is empty");
     }
-    if (lost.host == 0 || lost.host > num_hosts) {
-        throw UsageError(fmt::format("--lose-host {}: there is no host {}; with --hosts {} there "
-                                     "are 1 to {}",
-                                     argument, lost.host, num_hosts, num_hosts));
+    if (options.command == Command::kRemove && options.keys.empty() && !options.query) {
+        throw UsageError("KEY is missing: name the objects, or select them with --query");
     }
-    return lost;
+    if (!arguments.lost_host.empty()) {
+        options.lost_host = parse_lost_host(arguments.lost_host, options.num_hosts);
+    }
+    if (!arguments.params_file.empty()) {
+        options.params = read_file(arguments.params_file, kMaxParamsLen, "--params-file");
+    }
 }
 
-// What becomes of the input, and the store that it is loaded into. Returns --query.
-CLI::Option *add_input_options(CLI::App &command, Options &options,
-                               std::vector<std::string> &fields) {
-    CLI::Option *query =
-        command.add_option("--query", options.query, "Only objects that a query selects")
-            ->type_name("QUERY");
-    command
-        .add_option("--index-from", fields, "Fill index N of a paragraph from its line 'Field:'")
-        ->type_name("N=Field")
-        ->allow_extra_args(false);
-    command
-        .add_option_function<std::string>(
-            "--split",
-            [&options](const std::string &what) {
-                options.split = what == "lines" ? Split::kLines : Split::kParagraphs;
-            },
-            "Cut files into objects: paragraphs or lines")
-        ->type_name("WHAT")
-        ->check(CLI::IsMember({"paragraphs", "lines"}).description(""));
-    command.add_option("--hosts", options.num_hosts, "Hosts that the store plays")
-        ->type_name("N")
-        ->capture_default_str()
-        ->check(number(1, kMaxHosts));
-    command
-        .add_option_function<std::string>(
-            "--memory-limit",
-            [&options](const std::string &size) { options.memory_limit = parse_size(size); },
-            "Bytes that the store may use, or with K, M, G (default: no limit)")
-        ->type_name("BYTES");
-    command.add_option("INPUT", options.inputs, "Files, directories, or '-' for standard input");
-    return query;
-}
-
-void add_run_options(CLI::App &run, Options &options, std::vector<std::string> &terms,
-                     std::vector<std::string> &fields, std::string &params_file,
-                     std::string &lost_host) {
-    const auto format_flag = [&options](Format format) {
-        return [&options, format](std::int64_t) { options.format = format; };
-    };
-    run.add_option("--eval", options.eval, "Function to run on each object (default: the first)")
-        ->type_name("NAME");
-    run.add_option("--merge", options.merge, "Function that merges results (default: the first)")
-        ->type_name("NAME");
-    CLI::Option *params = run.add_option("--params", options.params, "Parameters of the function");
-    run.add_option("--params-file", params_file, "File that holds the parameters")
-        ->type_name("F")
-        ->excludes(params);
-    CLI::Option *index = run.add_option("--index", terms, "Only objects whose index N is VALUE");
-    index->type_name("N=VALUE")->allow_extra_args(false);
-    CLI::Option *any = run.add_flag("--any", options.any, "One matching --index is enough");
-    any->needs(index);
-    add_input_options(run, options, fields)->excludes(index)->excludes(any);
-    run.add_option("--threads", options.threads, "Worker threads (default: processors plus one)")
-        ->type_name("N")
-        ->check(number(1, 1024));
-    run.add_option("--timeout", options.timeout_s, "Seconds that the invocation may take")
-        ->type_name("S")
-        ->capture_default_str()
-        ->check(number(1, std::numeric_limits<unsigned int>::max()));
-    run.add_option("--exceptions", options.num_exceptions, "Failed objects to name")
-        ->type_name("N")
-        ->capture_default_str()
-        ->check(number(0, std::numeric_limits<unsigned int>::max()));
-    CLI::Option *json = run.add_flag_function("--json", format_flag(Format::kJson),
-                                              "Print one JSON document instead of text");
-    run.add_flag_function("--raw", format_flag(Format::kRaw), "Print the merged result's bytes")
-        ->excludes(json);
-    run.add_flag("--stats", options.stats, "Print the store's figures as well");
-    run.add_option("--lose-host", lost_host,
-                   "To try it out: lose host N when P% of the work is done")
-        ->type_name("N@P%");
+void check_command(const CLI::App &app, const std::string &name) {
+    std::string allowed;
+    for (const CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; })) {
+        if (command->get_name() == name) {
+            return;
+        }
+        allowed += (allowed.empty() ? "" : ", ") + command->get_name();
+    }
+    throw UsageError(fmt::format("'{}' is no command; allowed are {}", name, allowed));
 }
 
 } // namespace
 
 std::optional<Options> parse_options(int argc, char **argv) {
-    Options options;
-    std::vector<std::string> terms;
-    std::vector<std::string> fields;
-    std::string params_file;
-    std::string lost_host;
-
+    Arguments arguments;
     CLI::App app("Run a function on many objects in parallel and merge its results.", "pmi");
     app.set_version_flag("--version", "pmi " PMI_VERSION);
     app.require_subcommand(1);
     app.footer(kHelp);
-    CLI::App *run = app.add_subcommand("run", "Load input as objects, run a plug-in's function on "
-                                              "each, and print the merged result");
-    run->add_option("PLUGIN", options.plugin, "Path of the shared library that holds the functions")
-        ->required();
-    add_run_options(*run, options, terms, fields, params_file, lost_host);
-    run->footer(kRunHelp);
-    CLI::App *explain = app.add_subcommand("explain", "Load input as objects and say how a query "
-                                                      "would find those that it selects");
-    add_input_options(*explain, options, fields)->required();
-    explain->get_option("INPUT")->required();
-    explain->footer(kExplainHelp);
-    CLI::App *functions = app.add_subcommand("functions", "List the functions of a plug-in");
-    functions
-        ->add_option("PLUGIN", options.plugin,
-                     "Path of the shared library that holds the functions")
-        ->required();
-    functions->add_flag_function(
-        "--json", [&options](std::int64_t) { options.format = Format::kJson; },
-        "Print a JSON document instead of text");
+    add_run(app, arguments);
+    add_explain(app, arguments);
+    add_functions(app, arguments);
+    add_load(app, arguments);
+    add_list(app, arguments);
+    add_single(app, arguments);
 
     const std::string command = argc > 1 ? argv[1] : "";
-    if (!command.empty() && command[0] != '-' && command != "run" && command != "explain" &&
-        command != "functions") {
-        throw UsageError(
-            fmt::format("'{}' is no command; allowed are run, explain and functions", command));
+    if (!command.empty() && command[0] != '-') {
+        check_command(app, command);
     }
     try {
         app.parse(argc, argv);
@@ -281,20 +390,8 @@ std::optional<Options> parse_options(int argc, char **argv) {
         }
         throw UsageError(fmt::format("{} (try 'pmi --help')", error.what()));
     }
-    options.command = functions->parsed() ? Command::kFunctions
-                      : explain->parsed() ? Command::kExplain
-                                          : Command::kRun;
-    parse_indexes(options, terms, fields);
-    if (options.query && options.query->empty()) {
-        throw UsageError("--query: the query is empty");
-    }
-    if (!lost_host.empty()) {
-        options.lost_host = parse_lost_host(lost_host, options.num_hosts);
-    }
-    if (!params_file.empty()) {
-        options.params = read_file(params_file, kMaxParamsLen, "--params-file");
-    }
-    return options;
+    check(arguments);
+    return std::move(arguments.options);
 }
 
 } // namespace pmi_cli

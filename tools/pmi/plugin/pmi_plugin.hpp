@@ -15,6 +15,7 @@
 // else becomes PMI_CODE_EXCEPTION. Nothing thrown ever reaches the module.
 #pragma once
 
+#include <algorithm>
 #include <concepts>
 #include <cstring>
 #include <exception>
@@ -58,6 +59,17 @@ struct Object {
         return key;
     }
 };
+
+// A key whose bytes, compared from the first on, are in key order, as the rows of a table that are
+// named by keys have to be; and such a key as it was again.
+inline OMRA_OBJKEY sortable(OMRA_OBJKEY key) {
+    auto *const bytes = reinterpret_cast<char *>(&key);
+    const std::pair<int, int> numbers[] = {{0, 4}, {6, 8}, {8, 16}, {16, 24}, {24, 32}, {32, 40}};
+    for (const auto &[begin, end] : numbers) {
+        std::reverse(bytes + begin, bytes + end);
+    }
+    return key;
+}
 
 // The merged result that a printer is called for.
 class Result {

@@ -52,13 +52,13 @@ std::string hex_digits(std::string_view bytes) {
 }
 
 struct Printing {
-    const Objects &objects;
+    Objects &objects;
     std::string text;
 };
 
 // What the plug-in's printer makes of the result, nothing when it offers nothing.
 std::optional<std::string> run_printer(const Outcome &outcome, const Plugin &plugin,
-                                       const Objects &objects, const Options &options) {
+                                       Objects &objects, const Options &options) {
     if (plugin.print == nullptr) {
         return std::nullopt;
     }
@@ -83,7 +83,7 @@ std::optional<std::string> run_printer(const Outcome &outcome, const Plugin &plu
     return printing.text;
 }
 
-std::string result_text(const Outcome &outcome, const Plugin &plugin, const Objects &objects,
+std::string result_text(const Outcome &outcome, const Plugin &plugin, Objects &objects,
                         const Options &options) {
     const std::string_view bytes = outcome.bytes();
     if (options.format == Format::kRaw || bytes.empty()) {
@@ -98,7 +98,7 @@ std::string result_text(const Outcome &outcome, const Plugin &plugin, const Obje
     return std::string(bytes) + (bytes.ends_with('\n') ? "" : "\n");
 }
 
-Json result_json(const Outcome &outcome, const Plugin &plugin, const Objects &objects,
+Json result_json(const Outcome &outcome, const Plugin &plugin, Objects &objects,
                  const Options &options) {
     const std::string_view bytes = outcome.bytes();
     if (bytes.empty()) {
@@ -134,7 +134,7 @@ std::string code_text(const Plugin &plugin, int code) {
     }
 }
 
-std::string exception_object(const OMRAPMI_EXCEPTION &exception, const Objects &objects) {
+std::string exception_object(const OMRAPMI_EXCEPTION &exception, Objects &objects) {
     if (exception.is_eval == FALSE) {
         return "(a merge)";
     }
@@ -185,8 +185,8 @@ Json stats_json(const OMRALIB_STATS &stats) {
     return json;
 }
 
-void report(const Outcome &outcome, const Plugin &plugin, const Objects &objects,
-            const Options &options, double load_seconds) {
+void report(const Outcome &outcome, const Plugin &plugin, Objects &objects, const Options &options,
+            double load_seconds) {
     const auto shown = first_exceptions(outcome, options);
     for (const OMRAPMI_EXCEPTION &exception : shown) {
         fmt::print(stderr, "pmi: {}: {} ({})\n", exception_object(exception, objects),
@@ -199,17 +199,19 @@ void report(const Outcome &outcome, const Plugin &plugin, const Objects &objects
     if (outcome.bytes().empty()) {
         fmt::print(stderr, "pmi: there is no result\n");
     }
-    fmt::print(stderr,
-               "pmi: {} objects matched, {} successful, {} failed; {:.3f} s to load {} objects, "
-               "{:.3f} s to invoke\n",
+    const std::string loaded =
+        objects.are_temporary()
+            ? fmt::format("{:.3f} s to load {} objects, ", load_seconds, objects.num_loaded())
+            : "";
+    fmt::print(stderr, "pmi: {} objects matched, {} successful, {} failed; {}{:.3f} s to invoke\n",
                outcome.num_successful + outcome.num_failed, outcome.num_successful,
-               outcome.num_failed, load_seconds, objects.size(), outcome.seconds);
+               outcome.num_failed, loaded, outcome.seconds);
     if (options.stats) {
         fmt::print(stderr, "{}", stats_table(outcome.stats));
     }
 }
 
-Json outcome_json(const Outcome &outcome, const Plugin &plugin, const Objects &objects,
+Json outcome_json(const Outcome &outcome, const Plugin &plugin, Objects &objects,
                   const Options &options, double load_seconds) {
     Json exceptions = Json::array();
     for (const OMRAPMI_EXCEPTION &exception : first_exceptions(outcome, options)) {
@@ -218,7 +220,7 @@ Json outcome_json(const Outcome &outcome, const Plugin &plugin, const Objects &o
                               {"text", code_text(plugin, exception.code)}});
     }
     Json json{{"result", result_json(outcome, plugin, objects, options)},
-              {"loaded", objects.size()},
+              {"loaded", objects.num_loaded()},
               {"matched", outcome.num_successful + outcome.num_failed},
               {"successful", outcome.num_successful},
               {"failed", outcome.num_failed},
@@ -253,7 +255,7 @@ void print_functions(const Plugin &plugin, Format format) {
     }
 }
 
-void print_outcome(const Outcome &outcome, const Plugin &plugin, const Objects &objects,
+void print_outcome(const Outcome &outcome, const Plugin &plugin, Objects &objects,
                    const Options &options, double load_seconds) {
     if (!outcome.lost_host.empty()) {
         fmt::print(stderr, "pmi: {}\n", outcome.lost_host);

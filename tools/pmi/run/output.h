@@ -14,7 +14,7 @@ void print_functions(const Plugin &plugin, Format format);
 // Prints the merged result: through the plug-in's printer, or its bytes when that offers nothing.
 // With Format::kJson counts, exceptions and figures are part of the document; otherwise they go to
 // standard error. Throws RunError when standard output cannot be written.
-void print_outcome(const Outcome &outcome, const Plugin &plugin, const Objects &objects,
+void print_outcome(const Outcome &outcome, const Plugin &plugin, Objects &objects,
                    const Options &options, double load_seconds);
 
 } // namespace pmi_cli

@@ -1,4 +1,4 @@
-// One invocation of a plug-in's functions on the loaded objects.
+// One invocation of a plug-in's functions on the objects of the run.
 #pragma once
 
 #include <memory>
@@ -29,8 +29,9 @@ struct Outcome {
     std::string_view bytes() const { return {result.get(), result_len}; }
 };
 
-// Registers the plug-in's functions and starts to serve them. Throws RunError.
-void start_worker(const Plugin &plugin, const Options &options);
+// Registers the plug-in's functions for objects of `app_id` and starts to serve them. Throws
+// RunError.
+void start_worker(const Plugin &plugin, const Options &options, unsigned int app_id);
 
 // Invokes `eval` and `merge` on the objects that --query or, without it, `terms` match, and waits.
 // Throws RunError, and Cancelled after an interrupt.

@@ -1,42 +1,37 @@
-// The input as objects of the store: their keys, names and indexes.
+// The objects of a run: the input, loaded for as long as it lasts, or what is stored already.
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <set>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "cli/options.h"
-#include "input/inputs.h"
-#include "pmicli.h"
+#include "store/names.h"
+#include "store/place.h"
 #include "store/store.h"
 
 namespace pmi_cli {
 
-// The loaded objects. A key holds its object's number, most significant byte first, so that keys
-// sorted by their bytes stand in the order of the input.
 class Objects {
 public:
-    std::size_t size() const { return names_.size(); }
+    // Loads what there is to load; errors as of load_input(). `handle` and `options` outlive them.
+    Objects(const StoreHandle &handle, const Options &options);
 
-    // Stores a piece of input. Throws RunError.
-    void store(const StoreHandle &handle, const Piece &piece, const std::vector<IndexText> &fields);
+    unsigned int app_id() const;
+    std::uint64_t num_loaded() const { return num_loaded_; }
+    // Whether they go with this record, so that nobody else minds when they were last used.
+    bool are_temporary() const { return !options_.inputs.empty(); }
 
-    // An object's number, size() for a key of no object. A key that carries OMRA_APPID_NO_RENEW
-    // names the same object as without.
-    std::size_t number(const OMRA_OBJKEY &key) const;
-    // An object's name, NULL for a key of no object. Valid as long as this record.
-    const char *name(const OMRA_OBJKEY &key) const;
+    // An object's name, or else its key as text; NULL for a null key. Valid as long as this record.
+    const char *name(const OMRA_OBJKEY &key);
 
 private:
-    std::vector<std::string> names_; // by number
+    const Options &options_;
+    std::optional<TemporaryPlace> place_;
+    Names names_;
+    std::uint64_t num_loaded_ = 0;
+    std::set<std::string> keys_; // as text, of objects without a name
 };
-
-// Loads every input of `options`. Throws UsageError and RunError.
-Objects load_objects(const StoreHandle &handle, const Options &options);
-
-// The query that the --index options ask for. Throws UsageError for a value that no object can have
-// and for an index that nothing fills.
-OMRAPMI_QUERY_SPEC make_query(const Options &options);
 
 } // namespace pmi_cli

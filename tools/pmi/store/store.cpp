@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "cli/error.h"
+#include "cli/keys.h"
 #include "pmicli.h"
 
 namespace pmi_cli {
@@ -73,6 +74,14 @@ std::string point_at(std::string_view query, std::size_t position) {
         fmt::format("query: {}{}", why, position ? point_at(query, *position) : std::string()));
 }
 
+void check_query_status(const StoreHandle &handle, int status, const std::string &query,
+                        const std::string &what) {
+    if (status == OMRALIB_ERR_BAD_QUERY) {
+        refuse_query(query, failure_text(handle.get(), status));
+    }
+    check_status(status, what);
+}
+
 } // namespace
 
 void check_status(int status, const std::string &what) {
@@ -86,19 +95,26 @@ void check_status(int status, const std::string &what) {
 
 void configure_store(const Options &options) {
     OMRALIB_CONFIG config{};
+    config.engine_url = options.store_url ? options.store_url->c_str() : nullptr;
     config.num_hosts = options.num_hosts;
     config.memory_limit = options.memory_limit;
     const int status = Omralib_configure(&config);
     if (status != OMRALIB_RET_SUCCESS) {
-        throw UsageError(fmt::format("the store cannot be set up: {}",
-                                     failure_text(OMRALIB_NULL_HANDLE, status)));
+        constexpr std::string_view kUrlMember = "engine_url";
+        std::string why = failure_text(OMRALIB_NULL_HANDLE, status);
+        if (why.starts_with(kUrlMember)) {
+            why.replace(0, kUrlMember.size(), "--store"); // as the user has called it
+        }
+        throw UsageError(fmt::format("the store cannot be set up: {}", why));
     }
 }
 
 StoreHandle::StoreHandle() : handle_(Omralib_open_ext(nullptr)) {
     if (handle_ == OMRALIB_NULL_HANDLE) {
-        throw RunError(fmt::format("the store cannot be opened: {}",
-                                   failure_text(OMRALIB_NULL_HANDLE, OMRALIB_ERR_CANT_INIT)));
+        // The store's own text says that it cannot be opened, and which one.
+        const std::string why = failure_text(OMRALIB_NULL_HANDLE, OMRALIB_ERR_CANT_INIT);
+        throw RunError(
+            fmt::format("the store {}{}", why.starts_with('"') ? "" : "cannot be opened: ", why));
     }
 }
 
@@ -106,18 +122,71 @@ StoreHandle::~StoreHandle() {
     Omralib_close(handle_);
 }
 
-std::string explain_query(const StoreHandle &handle, const std::string &query) {
+std::string explain_query(const StoreHandle &handle, unsigned int app_id,
+                          const std::string &query) {
     // A line for each term of a query is longer than the term, but a query has 64 KiB at most.
     std::string text(std::size_t{4} << 20, '\0');
-    const int status = Omralib_explain_query(handle.get(), kAppId, query.data(),
+    const int status = Omralib_explain_query(handle.get(), app_id, query.data(),
                                              static_cast<unsigned int>(query.size()), text.data(),
                                              static_cast<unsigned int>(text.size()));
-    if (status == OMRALIB_ERR_BAD_QUERY) {
-        refuse_query(query, failure_text(handle.get(), status));
-    }
-    check_status(status, "the query cannot be explained");
+    check_query_status(handle, status, query, "the query cannot be explained");
     text.resize(std::strlen(text.c_str()));
     return text;
+}
+
+std::vector<OMRA_OBJKEY> find_keys(const StoreHandle &handle, unsigned int app_id,
+                                   const std::string &query, std::uint64_t limit) {
+    struct Found {
+        std::vector<OMRA_OBJKEY> keys;
+        std::uint64_t limit;
+    } found{{}, limit};
+    const auto take = [](const OMRA_OBJKEY *pkey, void *pfound) {
+        auto &[keys, most] = *static_cast<Found *>(pfound);
+        const bool is_enough = keys.size() >= most;
+        if (!is_enough) {
+            keys.push_back(*pkey);
+        }
+        return is_enough ? 1 : 0;
+    };
+    const int status = Omralib_find_objs(handle.get(), app_id, query.data(),
+                                         static_cast<unsigned int>(query.size()), take, &found);
+    check_query_status(handle, status, query, "the objects cannot be listed");
+    return std::move(found.keys);
+}
+
+std::uint64_t count_objects(const StoreHandle &handle, unsigned int app_id,
+                            const std::string &query) {
+    if (!query.empty()) {
+        return find_keys(handle, app_id, query).size();
+    }
+    ULONGLONG count = 0;
+    check_status(Omralib_count_objs(handle.get(), app_id, &count), "the objects cannot be counted");
+    return count;
+}
+
+bool read_object(const StoreHandle &handle, const OMRA_OBJKEY &key, std::string &bytes_out) {
+    unsigned int len = 0;
+    int status = Omralib_read_obj(handle.get(), 0, &len, key);
+    if (status == OMRALIB_ERR_OBJ_NOT_FOUND) {
+        return false;
+    }
+    bytes_out.assign(len, '\0');
+    if (status == OMRALIB_RET_SUCCESS && len != 0) {
+        status = Omralib_get_read_data(handle.get(), bytes_out.data(), len);
+    }
+    check_status(status, fmt::format("{} cannot be read", key_text(key)));
+    return true;
+}
+
+std::vector<int> remove_objects(const StoreHandle &handle, const std::vector<OMRA_OBJKEY> &keys) {
+    std::vector<int> statuses(keys.size(), OMRALIB_ERR_UNKNOWN);
+    for (std::size_t begin = 0; begin < keys.size(); begin += kBatch) {
+        const std::size_t count = std::min(kBatch, keys.size() - begin);
+        // The statuses say it all.
+        Omralib_remove_objs(handle.get(), &keys[begin], static_cast<unsigned int>(count),
+                            &statuses[begin]);
+    }
+    return statuses;
 }
 
 } // namespace pmi_cli
