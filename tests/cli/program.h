@@ -40,7 +40,7 @@ protected:
     // Runs a line of shell in which "pmi" is the program, which is $pmi, $p is the tests' plug-in,
     // and $examples the folder of the examples.
     static Ran shell(const std::string &line) {
-        write("script.sh", "pmi=" PMI_PROGRAM " p=" PMI_TEST_PLUGIN "\n"
+        write("script.sh", "pmi=" PMI_PROGRAM " p=" PMI_TEST_PLUGIN " examples=" PMI_EXAMPLES "\n"
                            "pmi() { $pmi \"$@\"; }\n" +
                                line);
         const int status = std::system("sh ./script.sh >out.txt 2>err.txt </dev/null");

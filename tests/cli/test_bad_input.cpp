@@ -43,8 +43,9 @@ protected:
 };
 
 TEST_F(BadInput, usage) {
-    expect_refused({{"pmi walk", "'walk'*run, explain and functions"},
+    expect_refused({{"pmi walk", "'walk'*allowed are run, explain, functions, load"},
                     {"pmi run $p", "INPUT is missing"},
+                    {"pmi explain --query 'size > 1'", "INPUT is missing"},
                     {"pmi run $p --eval once --query 'size > 1'", "--query*'once'"},
                     {"OMRA_STORE=none: pmi run $p in.txt", "OMRA_STORE*\"none:\""}});
     expect_run_refused({{"--query ''", "--query*empty"},
@@ -91,6 +92,37 @@ TEST_F(BadInput, inputsAndTheirIndexes) {
                         {"folder", "'folder' is empty"},
                         {"blank --split paragraphs", "'blank' is empty"},
                         {"-", "'-' is empty"}});
+}
+
+// No store is asked before everything that was given has been looked at.
+TEST_F(BadInput, keptObjects) {
+    for (const std::string command :
+         {"load in.txt", "ls", "count", "get 1:2", "put 1:2 in.txt", "rm 1:2"}) {
+        expect_refused(
+            {{"pmi " + command + " --store embedded:", "needs a store that keeps"},
+             {"pmi " + command + " --store none:", "--store is \"none:\"*no such engine"},
+             {"pmi " + command + " --store rados:", "a pool has to be named"}});
+    }
+    for (const std::string key :
+         {"''", "1", "1:", "x:1", "1:0x", "-1:2", "1:2:3:4", "1:2.3.4", "1/2:3", "1:2:"}) {
+        expect_refused({{"pmi get --store rados:p " + key, key + "*is no key*APP_ID:ID"}});
+    }
+    for (const std::string key : {"268435456:1", "1/256.0.0:1", "1:0x10000000000000000"}) {
+        expect_refused({{"pmi rm --store rados:p 1:1 " + key, key + "*too large; up to"}});
+    }
+    expect_refused({{"pmi get 0:0 --store rados:p", "no object can have it"},
+                    {"pmi rm --store rados:p", "KEY is missing"},
+                    {"pmi rm --store rados:p --query 'size > 1'", "requires --app-id"},
+                    {"pmi rm --store rados:p --query 'size > 1' --app-id 1 1:1", "excludes"},
+                    {"pmi ls --store rados:p --app-id 268435200", "0 to 268435199"},
+                    {"pmi ls --store rados:p --limit x", "'x' is not a number"},
+                    {"pmi put --store rados:p 1:1 none", "'none'*No such file"},
+                    {"pmi put --store rados:p 1:1 --index 0=$(printf %033d 0)", "up to 32"},
+                    {"pmi put --store rados:p 1:1 --index-number 0=a", "'a' is not a number"},
+                    {"pmi put --store rados:p 1:1 --index-number 0=1 --index 0=a", "given twice"}});
+    expect_run_refused({{"--store rados:p --app-id 2", "--app-id*INPUT gets one of its own"},
+                        {"--store rados:p --memory-limit 1M", "set a quota"}});
+    expect_refused({{"pmi run $p --store rados:p --split lines", "--split needs INPUT"}});
 }
 
 TEST_F(BadInput, plugins) {

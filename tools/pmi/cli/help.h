@@ -50,6 +50,14 @@ Input that is loaded again becomes further objects.
 Example:
   pmi load --store rados:omra --split paragraphs --index-from 0=Section catalogue)";
 
+inline constexpr const char *kListHelp =
+    R"(A line is a key and, of an object that 'pmi load' has stored, a tab and its name. Keys come in key
+order, in which the objects of a load stand in the order of the input.
+
+Examples:
+  pmi ls --store rados:omra --limit 10
+  pmi ls --store rados:omra --app-id 1 --query 'index0 = "h" and size > 4096' --json)";
+
 inline constexpr const char *kKeysHelp =
     R"(A KEY is APP_ID:ID or APP_ID:ID:ID as 'pmi ls' prints it; 1:42 is the object of app id 1 whose
 obj_id is the number 42. Numbers may be hexadecimal, 1:0x2A.

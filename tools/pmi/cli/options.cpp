@@ -47,6 +47,7 @@ constexpr Number kMax = std::numeric_limits<Number>::max();
 // A command line as CLI11 leaves it.
 struct Arguments {
     Options options;
+    std::vector<std::string> keys;
     std::vector<std::string> terms;
     std::vector<std::string> numbers;
     std::vector<std::string> fields;
@@ -98,14 +99,9 @@ CLI::Option *add_indexes(CLI::App &command, const char *name, std::vector<std::s
         ->allow_extra_args(false);
 }
 
-void add_keys(CLI::App &command, Options &options, bool many) {
-    const auto take = [&options](const std::vector<std::string> &texts) {
-        std::transform(texts.begin(), texts.end(), std::back_inserter(options.keys), parse_key);
-        return true;
-    };
-    command.add_option("KEY", take, many ? "Keys of objects" : "Key of the object")
-        ->expected(many ? -1 : 1)
-        ->required(!many);
+void add_key(CLI::App &command, Arguments &arguments) {
+    const auto take = [&arguments](const std::string &key) { arguments.keys = {key}; };
+    command.add_option_function<std::string>("KEY", take, "Key of the object")->required();
 }
 
 // What becomes of the input.
@@ -219,6 +215,7 @@ void add_list(CLI::App &app, Arguments &arguments) {
     Options &options = arguments.options;
     CLI::App &list = *add_command(app, arguments, Command::kList, "ls",
                                   "List the keys of stored objects, and the names of loaded ones");
+    list.footer(kListHelp);
     add_store(list, options);
     add_app_id(list, options, "Only objects of this app id (default: of all)");
     add_query(list, options);
@@ -238,10 +235,10 @@ void add_single(CLI::App &app, Arguments &arguments) {
     Options &options = arguments.options;
     CLI::App &get = *add_command(app, arguments, Command::kGet, "get",
                                  "Write a stored object's bytes to standard output");
-    add_keys(get, options, false);
+    add_key(get, arguments);
     CLI::App &put =
         *add_command(app, arguments, Command::kPut, "put", "Store a file's bytes as an object");
-    add_keys(put, options, false);
+    add_key(put, arguments);
     put.add_option_function<std::string>(
         "FILE", [&options](const std::string &path) { options.inputs = {path}; },
         "File, or '-' for standard input (default)");
@@ -253,12 +250,12 @@ void add_single(CLI::App &app, Arguments &arguments) {
         ->check(number(1, kMax<unsigned int>));
     put.add_flag("--replace", options.replace, "Replace the object if there is one");
     CLI::App &rm = *add_command(app, arguments, Command::kRemove, "rm", "Remove stored objects");
-    add_keys(rm, options, true);
+    CLI::Option *keys = rm.add_option("KEY", arguments.keys, "Keys of objects");
     CLI::Option *app_id = add_app_id(rm, options, "App id of the objects that --query selects");
     CLI::Option *query = add_query(rm, options);
     query->description("Remove the objects that a query selects; 'size >= 0' is all")
         ->needs(app_id)
-        ->excludes(rm.get_option("KEY"));
+        ->excludes(keys);
     app_id->needs(query);
     for (CLI::App *command : {&get, &put, &rm}) {
         add_store(*command, options);
@@ -334,6 +331,9 @@ void check_objects(Options &options) {
 void check(Arguments &arguments) {
     Options &options = arguments.options;
     parse_indexes(arguments);
+    for (const std::string &key : arguments.keys) {
+        options.keys.push_back(parse_key(key));
+    }
     check_objects(options);
     if (options.query && options.query->empty()) {
         throw UsageError("--query: the query is empty");
@@ -367,13 +367,13 @@ std::optional<Options> parse_options(int argc, char **argv) {
     CLI::App app("Run a function on many objects in parallel and merge its results.", "pmi");
     app.set_version_flag("--version", "pmi " PMI_VERSION);
     app.require_subcommand(1);
-    app.footer(kHelp);
     add_run(app, arguments);
     add_explain(app, arguments);
     add_functions(app, arguments);
     add_load(app, arguments);
     add_list(app, arguments);
     add_single(app, arguments);
+    app.footer(kHelp); // of none of the commands
 
     const std::string command = argc > 1 ? argv[1] : "";
     if (!command.empty() && command[0] != '-') {

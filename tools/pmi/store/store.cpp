@@ -13,6 +13,7 @@
 
 #include "cli/error.h"
 #include "cli/keys.h"
+#include "cli/progress.h"
 #include "pmicli.h"
 
 namespace pmi_cli {
@@ -180,11 +181,19 @@ bool read_object(const StoreHandle &handle, const OMRA_OBJKEY &key, std::string 
 
 std::vector<int> remove_objects(const StoreHandle &handle, const std::vector<OMRA_OBJKEY> &keys) {
     std::vector<int> statuses(keys.size(), OMRALIB_ERR_UNKNOWN);
+    ProgressLine progress;
     for (std::size_t begin = 0; begin < keys.size(); begin += kBatch) {
         const std::size_t count = std::min(kBatch, keys.size() - begin);
         // The statuses say it all.
         Omralib_remove_objs(handle.get(), &keys[begin], static_cast<unsigned int>(count),
                             &statuses[begin]);
+        const std::size_t done = begin + count;
+        const std::string text = fmt::format("removed {} of {} objects", done, keys.size());
+        if (done < keys.size()) {
+            progress.draw(text, done);
+        } else if (begin != 0) {
+            progress.finish(text, done);
+        }
     }
     return statuses;
 }
