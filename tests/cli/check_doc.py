@@ -6,8 +6,12 @@
                                        empty folder, and compares what they print; compares its table
                                        of codes with the header's
 
+    check_doc.py DOC --run-stored      the same for commands only, with OMRA_STORE as OMRA_TEST_STORE has it
+                                       and a fresh namespace; exit code 77 when there is none
+
 In a console block "$ " begins a command and "> " continues it; the other lines are its output.
 """
+import os
 import re
 import subprocess
 import sys
@@ -58,12 +62,18 @@ def check_codes(text, header):
 
 
 def main():
-    document, mode, path = sys.argv[1:]
+    document, mode, path = (sys.argv[1:] + [None])[:3]
     text = open(document, encoding="utf-8").read()
     if mode == "--program":
         with open(path, "w", encoding="utf-8") as program:
             program.write(blocks(text, "cpp")[0])
         return 0
+    if mode == "--run-stored":
+        place, question, options = os.environ.get("OMRA_TEST_STORE", "").partition("?")
+        if not place:
+            return 77
+        os.environ["OMRA_STORE"] = f"{place}/doc-{os.urandom(8).hex()}{question}{options}"
+        return 0 if check_commands(text) else 1
     good = [check_commands(text), check_codes(text, open(path, encoding="utf-8").read())]
     return 0 if all(good) else 1
 
